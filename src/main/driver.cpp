@@ -1,0 +1,113 @@
+#include "main/driver.h"
+
+#include <cctype>
+#include <chrono>
+#include <filesystem>
+#include <iostream>
+#include <memory>
+#include <string>
+
+#include <opencv2/core.hpp>
+#include <opencv2/core/utils/logger.hpp>
+#include <opencv2/imgcodecs.hpp>
+
+#include "main/feature_cache.h"
+#include "main/options.h"
+#include "main/readers.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+constexpr int kExitError = -1;
+
+using LumaBuffer = std::unique_ptr<unsigned char[]>;
+
+// Uninitialised on purpose: every reader writes the whole plane.
+LumaBuffer allocate_luma(int width, int height) {
+  return LumaBuffer(new unsigned char[luma_plane_size(width, height)]);
+}
+
+// Creates the result folder when it does not exist yet; an existing entry of
+// any type is accepted as it is. False after reporting an error.
+bool prepare_result_folder(const std::string& folder) {
+  try {
+    const fs::file_type type = fs::status(folder).type();
+    if (type == fs::file_type::not_found || type == fs::file_type::none) {
+      if (!fs::create_directories(folder)) {
+        std::cerr << "Failed to create result folder\n";
+        return false;
+      }
+    }
+  } catch (const fs::filesystem_error& e) {
+    std::cerr << "Filesystem error: " << e.what() << "\n";
+    return false;
+  }
+  return true;
+}
+
+bool is_png(const std::string& path) {
+  std::string ext = fs::path(path).extension().string();
+  for (char& c : ext) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+  return ext == ".png";
+}
+
+}  // namespace
+
+int run_program(int argc, char** argv) {
+  Arguments args;
+  const int status = parse_arguments(argc, argv, args);
+  if (status == PARSE_SHOWED_USAGE || status == PARSE_SHOWED_VERSION) return 0;
+  if (status != PARSE_RUN) return kExitError;
+
+  // OpenCV's own warnings (an unreadable picture, say) would only repeat the
+  // tool's message in another form; the alignment silences them anyway.
+  cv::utils::logging::setLogLevel(cv::utils::logging::LOG_LEVEL_ERROR);
+
+  if (!args.result_folder.empty() && !prepare_result_folder(args.result_folder)) {
+    return kExitError;
+  }
+
+  const auto start = std::chrono::steady_clock::now();
+  (void)start;
+
+  int input_width = args.input_width;
+  int input_height = args.input_height;
+  LumaBuffer input;
+  if (is_input_file_compressed(args.input_file)) {
+    cv::Mat picture = cv::imread(args.input_file, cv::IMREAD_GRAYSCALE);
+    if (picture.empty()) {
+      std::cerr << "Failed to read image file: " << args.input_file << "\n";
+      return kExitError;
+    }
+    if (input_width == 0 || input_height == 0) {
+      input_width = picture.cols;
+      input_height = picture.rows;
+    }
+    input = allocate_luma(input_width, input_height);
+    if (is_png(args.input_file)) fix_png_luma_offset(picture);
+    copy_luma(picture, input.get(), input_width, input_height);
+  } else {
+    if (input_width == 0 || input_height == 0) {
+      input_width = args.width;
+      input_height = args.height;
+    }
+    input = allocate_luma(input_width, input_height);
+    // The input is always the first frame of its file, whatever --frame-number says.
+    extract_frame_from_yuv420_file(args.input_file, input.get(), input_width, input_height, -1);
+  }
+
+  // Left unread when the reference file is missing: its features then come
+  // from the feature cache.
+  LumaBuffer reference = allocate_luma(args.width, args.height);
+  if (!args.reference_file.empty() && file_exists(args.reference_file)) {
+    extract_frame_from_yuv420_file(args.reference_file, reference.get(), args.width,
+                                   args.height, args.frame_number);
+  }
+
+  const FeatureLoadCallback load = make_feature_load_callback(args);
+  const FeatureSaveCallback save = make_feature_save_callback(args);
+  (void)load;
+  (void)save;
+  return 0;
+}

@@ -1,0 +1,180 @@
+#include "main/feature_cache.h"
+
+#include <atomic>
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <iostream>
+#include <stdexcept>
+
+#include <unistd.h>
+
+namespace fs = std::filesystem;
+
+namespace {
+
+constexpr std::size_t kCountBytes = 8;
+constexpr std::size_t kRecordBytes = 28;
+constexpr std::size_t kMatrixHeaderBytes = 12;
+
+template <typename T>
+void put(std::vector<char>& out, T value) {
+  const char* bytes = reinterpret_cast<const char*>(&value);
+  out.insert(out.end(), bytes, bytes + sizeof(T));
+}
+
+template <typename T>
+T get(const char*& in) {
+  T value;
+  std::memcpy(&value, in, sizeof(T));
+  in += sizeof(T);
+  return value;
+}
+
+void read_exactly(std::istream& in, void* data, std::size_t bytes, const std::string& path) {
+  if (!in.read(static_cast<char*>(data), static_cast<std::streamsize>(bytes))) {
+    throw std::runtime_error("unexpected end of file in " + path);
+  }
+}
+
+// A name no other writer (thread or process) uses at the same time.
+std::string temporary_name(const std::string& path) {
+  static std::atomic<unsigned> counter{0};
+  return path + ".tmp" + std::to_string(::getpid()) + "_" + std::to_string(counter++);
+}
+
+}  // namespace
+
+std::string feature_cache_path(const Arguments& args, const char* name) {
+  const fs::path base(name != nullptr ? args.input_file : args.reference_file);
+  const std::string tag = name != nullptr ? std::string(name) : std::to_string(args.frame_number);
+  return base.parent_path().string() + "/" + base.stem().string() + "_" + tag + ".ftrs";
+}
+
+void save_features(const std::string& path, const std::vector<cv::KeyPoint>& keypoints,
+                   const cv::Mat& descriptors) {
+  if (descriptors.dims > 2) return;  // the file has room for rows and cols only
+  std::vector<char> head;
+  head.reserve(kCountBytes + keypoints.size() * kRecordBytes + kMatrixHeaderBytes);
+  put<std::uint64_t>(head, keypoints.size());
+  for (const cv::KeyPoint& kp : keypoints) {
+    put<float>(head, kp.pt.x);
+    put<float>(head, kp.pt.y);
+    put<float>(head, kp.angle);
+    put<float>(head, kp.response);
+    put<float>(head, kp.size);
+    put<std::int32_t>(head, kp.octave);
+    put<std::int32_t>(head, kp.class_id);
+  }
+  put<std::int32_t>(head, descriptors.rows);
+  put<std::int32_t>(head, descriptors.cols);
+  put<std::int32_t>(head, descriptors.type());
+
+  const std::string temp = temporary_name(path);
+  {
+    std::ofstream out(temp, std::ios::binary | std::ios::trunc);
+    if (!out) return;
+    out.write(head.data(), static_cast<std::streamsize>(head.size()));
+    const std::size_t row_bytes = descriptors.cols * descriptors.elemSize();
+    if (descriptors.isContinuous()) {
+      out.write(reinterpret_cast<const char*>(descriptors.data),
+                static_cast<std::streamsize>(row_bytes * descriptors.rows));
+    } else {
+      for (int r = 0; r < descriptors.rows; ++r) {
+        out.write(reinterpret_cast<const char*>(descriptors.ptr(r)),
+                  static_cast<std::streamsize>(row_bytes));
+      }
+    }
+    out.close();
+    if (!out) {
+      // A half-written cache would be trusted by the next run; drop it.
+      std::remove(temp.c_str());
+      return;
+    }
+  }
+  if (std::rename(temp.c_str(), path.c_str()) != 0) std::remove(temp.c_str());
+}
+
+bool load_features(const std::string& path, std::vector<cv::KeyPoint>& keypoints,
+                   cv::Mat& descriptors) {
+  try {
+    const fs::file_type type = fs::status(path).type();
+    if (type == fs::file_type::not_found || type == fs::file_type::none) return false;
+    std::ifstream in(path, std::ios::binary);
+    if (!in) return false;
+
+    // Every count is checked against what the file really holds before
+    // anything is allocated, so a damaged file cannot exhaust memory.
+    in.seekg(0, std::ios::end);
+    const std::streamoff end = in.tellg();
+    in.seekg(0, std::ios::beg);
+    if (end < 0 || !in) throw std::runtime_error("cannot determine the size of " + path);
+    const std::uint64_t file_size = static_cast<std::uint64_t>(end);
+    if (file_size < kCountBytes + kMatrixHeaderBytes) {
+      throw std::runtime_error(path + " is too short (" + std::to_string(file_size) +
+                               " bytes)");
+    }
+
+    std::uint64_t count = 0;
+    read_exactly(in, &count, sizeof(count), path);
+    const std::uint64_t room = file_size - kCountBytes - kMatrixHeaderBytes;
+    if (count > room / kRecordBytes) {
+      throw std::runtime_error(path + " announces " + std::to_string(count) +
+                               " keypoints but holds " + std::to_string(file_size) + " bytes");
+    }
+
+    std::vector<char> records(count * kRecordBytes);
+    read_exactly(in, records.data(), records.size(), path);
+    std::vector<cv::KeyPoint> loaded(count);
+    const char* cursor = records.data();
+    for (cv::KeyPoint& kp : loaded) {
+      kp.pt.x = get<float>(cursor);
+      kp.pt.y = get<float>(cursor);
+      kp.angle = get<float>(cursor);
+      kp.response = get<float>(cursor);
+      kp.size = get<float>(cursor);
+      kp.octave = get<std::int32_t>(cursor);
+      kp.class_id = get<std::int32_t>(cursor);
+    }
+
+    std::int32_t header[3];
+    read_exactly(in, header, sizeof(header), path);
+    const std::int32_t rows = header[0], cols = header[1], mat_type = header[2];
+    if (rows < 0 || cols < 0 || mat_type < 0 || mat_type > CV_MAT_TYPE_MASK) {
+      throw std::runtime_error(path + " holds an impossible descriptor matrix (" +
+                               std::to_string(rows) + "x" + std::to_string(cols) + ", type " +
+                               std::to_string(mat_type) + ")");
+    }
+    const std::uint64_t data_bytes = static_cast<std::uint64_t>(rows) *
+                                     static_cast<std::uint64_t>(cols) * CV_ELEM_SIZE(mat_type);
+    if (data_bytes > room - count * kRecordBytes) {
+      throw std::runtime_error(path + " announces a " + std::to_string(rows) + "x" +
+                               std::to_string(cols) + " descriptor matrix but holds " +
+                               std::to_string(file_size) + " bytes");
+    }
+    cv::Mat matrix(rows, cols, mat_type);
+    if (data_bytes > 0) read_exactly(in, matrix.data, data_bytes, path);
+
+    keypoints = std::move(loaded);
+    descriptors = matrix;
+    return true;
+  } catch (const std::exception& e) {
+    std::cerr << "Error reading features from cache: " << e.what() << "\n";
+    return false;
+  }
+}
+
+FeatureLoadCallback make_feature_load_callback(const Arguments& args) {
+  return [&args](std::vector<cv::KeyPoint>& keypoints, cv::Mat& descriptors, const char* name) {
+    return load_features(feature_cache_path(args, name), keypoints, descriptors);
+  };
+}
+
+FeatureSaveCallback make_feature_save_callback(const Arguments& args) {
+  return [&args](const std::vector<cv::KeyPoint>& keypoints, const cv::Mat& descriptors,
+                 const char* name) {
+    save_features(feature_cache_path(args, name), keypoints, descriptors);
+  };
+}

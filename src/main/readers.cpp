@@ -1,0 +1,128 @@
+#include "main/readers.h"
+
+#include <cctype>
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+#include <limits>
+#include <memory>
+#include <stdexcept>
+
+#include <opencv2/core.hpp>
+#include <opencv2/imgcodecs.hpp>
+
+namespace fs = std::filesystem;
+
+namespace {
+
+std::string lower_extension(const std::string& path) {
+  std::string ext = fs::path(path).extension().string();
+  for (char& c : ext) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+  return ext;
+}
+
+bool is_compressed_extension(const std::string& ext) {
+  if (ext.size() == 4) {
+    return ext == ".png" || ext == ".jpg" || ext == ".bmp" || ext == ".tif";
+  }
+  if (ext.size() == 5) {
+    return ext == ".jpeg" || ext == ".tiff" || ext == ".webp";
+  }
+  return false;
+}
+
+struct FileCloser {
+  void operator()(std::FILE* f) const { std::fclose(f); }
+};
+
+std::string resolution_text(int width, int height) {
+  return std::to_string(width) + "x" + std::to_string(height);
+}
+
+// width*height in 64 bits; a negative size has no byte count to read.
+std::size_t plane_bytes(int width, int height) {
+  if (width < 0 || height < 0) {
+    throw std::invalid_argument("Invalid frame size: " + resolution_text(width, height));
+  }
+  return static_cast<std::size_t>(static_cast<std::int64_t>(width) * height);
+}
+
+}  // namespace
+
+bool file_exists(const std::string& path) {
+  const fs::file_type type = fs::status(path).type();
+  return type != fs::file_type::not_found && type != fs::file_type::none;
+}
+
+bool is_input_file_compressed(const std::string& path) {
+  return is_compressed_extension(lower_extension(path));
+}
+
+void get_resolution(const std::string& path, int& width, int& height) {
+  if (!is_input_file_compressed(path)) return;
+  const cv::Mat picture = cv::imread(path, cv::IMREAD_COLOR);
+  if (picture.empty()) throw std::runtime_error("Failed to read image file: " + path);
+  width = picture.cols;
+  height = picture.rows;
+}
+
+void fix_png_luma_offset(cv::Mat& luma) {
+  cv::add(luma, cv::Scalar(16), luma, luma != 0);
+}
+
+std::int64_t yuv420_frame_size(int width, int height) {
+  const std::int64_t chroma =
+      (static_cast<std::int64_t>(width) + 1) / 2 * ((static_cast<std::int64_t>(height) + 1) / 2);
+  return static_cast<std::int64_t>(width) * height + 2 * chroma;
+}
+
+std::size_t luma_plane_size(int width, int height) {
+  const std::size_t bytes = plane_bytes(width, height);
+  if (bytes > static_cast<std::size_t>(std::numeric_limits<int>::max())) {
+    throw std::invalid_argument("Invalid frame size: " + resolution_text(width, height));
+  }
+  return bytes;
+}
+
+void copy_luma(const cv::Mat& picture, unsigned char* buffer, int width, int height) {
+  const std::size_t bytes = plane_bytes(width, height);
+  if (picture.total() * picture.elemSize() < bytes || !picture.isContinuous()) {
+    throw std::runtime_error("Picture of " + resolution_text(picture.cols, picture.rows) +
+                             " is smaller than the requested " +
+                             resolution_text(width, height));
+  }
+  if (bytes > 0) std::memcpy(buffer, picture.data, bytes);
+}
+
+void extract_frame_from_yuv420_file(std::string path, unsigned char* buffer, int width,
+                                    int height, int frame_number) {
+  const std::string ext = lower_extension(path);
+  if (ext == ".yuv") {
+    std::unique_ptr<std::FILE, FileCloser> file(std::fopen(path.c_str(), "rb"));
+    if (!file) throw std::runtime_error("Failed to open file: " + path);
+    if (frame_number >= 0) {
+      // Frame offsets exceed 2 GiB for long high-resolution files.
+      std::int64_t offset = 0;
+      const bool overflow = __builtin_mul_overflow(static_cast<std::int64_t>(frame_number),
+                                                   yuv420_frame_size(width, height), &offset);
+      if (overflow || fseeko(file.get(), static_cast<off_t>(offset), SEEK_SET) != 0) {
+        throw std::runtime_error("Failed to seek to frame " + std::to_string(frame_number) +
+                                 " in file: " + path);
+      }
+    }
+    const std::size_t bytes = plane_bytes(width, height);
+    if (std::fread(buffer, 1, bytes, file.get()) < bytes) {
+      throw std::runtime_error("Failed to read complete YUV420 data from file: " + path +
+                               " with resolution " + resolution_text(width, height));
+    }
+    return;
+  }
+
+  if (!is_compressed_extension(ext)) {
+    throw std::invalid_argument("Unsupported input file format (" + ext + ")");
+  }
+  cv::Mat picture = cv::imread(path, cv::IMREAD_GRAYSCALE);
+  if (picture.empty()) throw std::runtime_error("Failed to read image file: " + path);
+  if (ext == ".png") fix_png_luma_offset(picture);
+  copy_luma(picture, buffer, width, height);
+}

@@ -1,0 +1,47 @@
+// Readers of the input picture and the reference frame into packed luma planes.
+//
+// Raw .yuv files are headerless sequences of planar 4:2:0 (I420) frames; only
+// the Y plane of a frame is read. Image files (see is_input_file_compressed)
+// are decoded by OpenCV as 8-bit grey.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
+#include <opencv2/core.hpp>
+
+// True when `path` names an existing file system entry of any type. Errors
+// other than "not found" are thrown as std::filesystem::filesystem_error.
+bool file_exists(const std::string& path);
+
+// True when the lower-cased extension is one OpenCV decodes for us: .png .jpg
+// .bmp .tif .jpeg .tiff .webp.
+bool is_input_file_compressed(const std::string& path);
+
+// Size of a compressed picture (decoded in colour); leaves width and height
+// alone for any other file. Throws std::runtime_error when decoding fails.
+void get_resolution(const std::string& path, int& width, int& height);
+
+// Raises every non-zero sample by 16 (saturating); zeros stay zero. Applied to
+// PNG luma only.
+void fix_png_luma_offset(cv::Mat& luma);
+
+// Byte size of one 4:2:0 frame: W*H luma plus two ((W+1)/2)*((H+1)/2) chroma planes.
+std::int64_t yuv420_frame_size(int width, int height);
+
+// Bytes of a width x height luma plane. Throws std::invalid_argument for a
+// negative size or one whose byte count does not fit an int.
+std::size_t luma_plane_size(int width, int height);
+
+// Fills `buffer` with width*height luma bytes: from frame `frame_number` of a
+// raw .yuv file (a negative number reads the first frame without seeking), or
+// from a decoded image file. Throws std::runtime_error / std::invalid_argument
+// with the message to show.
+void extract_frame_from_yuv420_file(std::string path, unsigned char* buffer, int width,
+                                    int height, int frame_number);
+
+// Copies width*height bytes from the start of a decoded picture, row after
+// row as they lie. Throws std::runtime_error when the picture holds fewer
+// bytes, rather than reading past its end.
+void copy_luma(const cv::Mat& picture, unsigned char* buffer, int width, int height);
