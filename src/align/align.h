@@ -1,14 +1,18 @@
-// Public interface of the alignment library: brings a captured picture back
-// into the geometry of a known reference frame.
+// Public interface of the alignment library: finds a known reference frame
+// inside a captured picture and warps the capture back onto the frame.
 //
 // Conventions used throughout:
 //  - A luma buffer is width x height bytes, one 8-bit sample per pixel, rows
 //    top to bottom, no padding; it is passed as a byte pointer with separate
 //    int width and height.
 //  - Pixel coordinates have x to the right and y downwards.
-//  - Matchers are always queried with the reference descriptors, so a match's
-//    queryIdx indexes reference keypoints and trainIdx the input's.
-//  - Scores are lower-is-better.
+//  - A corner array is 8 doubles x1 y1 x2 y2 x3 y3 x4 y4: the reference
+//    frame's top-left, top-right, bottom-left and bottom-right corners (a Z
+//    order, not a ring), in the pixels of the picture they are seen in.
+//  - Matchers are always queried with the reference descriptors, so a
+//    match's queryIdx indexes reference keypoints and trainIdx the input's;
+//    functions taking two keypoint lists take the reference list first.
+//  - Scores are lower-is-better; kFailedScore marks a failed attempt.
 #pragma once
 
 #include <functional>
@@ -18,6 +22,9 @@
 #include <opencv2/core.hpp>
 
 // ---- Shared types ---------------------------------------------------------
+
+// Lower is better; this value marks an attempt that did not succeed.
+constexpr double kFailedScore = 999999.0;
 
 // Reads a cached feature set. `name` is the preprocessing entry name for the
 // input picture's features, or null for the reference features. Returns true
@@ -30,15 +37,140 @@ using FeatureSaveCallback = std::function<void(
     const std::vector<cv::KeyPoint>& keypoints, const cv::Mat& descriptors,
     const char* name)>;
 
-// Filter applied to a picture before SIFT extraction. Values outside the
-// three members are legal: they are treated like ORIGINAL and named "UNKNOWN".
+// Filter applied to a picture before SIFT extraction. Other values are legal:
+// they filter like ORIGINAL and are named "UNKNOWN".
 enum PreprocessingType : int {
-  GAUSSIAN_BLUR = 0,
-  ORIGINAL = 1,
-  MORPHOLOGICAL_OPENING = 2,
+  GAUSSIAN_BLUR = 0,          // 5x5 Gaussian, sigma 1
+  ORIGINAL = 1,               // no filter
+  MORPHOLOGICAL_OPENING = 2,  // opening with a 3x3 ellipse
 };
+
+// CLAHE setting of an output variant.
+struct ClaheSetting {
+  float clip_limit;
+  int tiles_x;  // tiles across
+  int tiles_y;  // tiles down
+};
+
+// Output variants: 0 is the raw aligned plane (clip limit 0 here means "no
+// CLAHE"), 1..4 are CLAHE settings. Codes outside 0..4 are left raw too.
+constexpr ClaheSetting kOutputVariants[5] = {
+    {0.0f, 0, 0}, {40.0f, 12, 8}, {20.0f, 32, 32}, {18.0f, 40, 64}, {20.0f, 80, 45}};
+
+// The variant used for the enhanced copy of every search result.
+constexpr int kEnhancedCopyVariant = 2;
 
 // ---- Preprocessing --------------------------------------------------------
 
 // Name under which features of `type` are cached ("UNKNOWN" for other values).
 std::string get_preprocessing_name(PreprocessingType type);
+
+// The caller's buffer as a CV_8UC1 matrix, without copying.
+cv::Mat decode_raw_buffer(unsigned char* data, int width, int height);
+
+// A filtered copy of `image`; the input is never changed.
+cv::Mat apply_preprocessing(const cv::Mat& image, PreprocessingType type);
+
+// CLAHE of a packed 8-bit plane, in place.
+void adaptive_histogram_equalization(unsigned char* buffer, int width, int height,
+                                     float clipLimit, int tilesX, int tilesY);
+
+// Finishes a plane as output variant `code` (0 and unknown codes: unchanged).
+void apply_output_variant(unsigned char* buffer, int width, int height, int code);
+
+// ---- SIFT features --------------------------------------------------------
+
+// SIFT keypoints and descriptors with the tuned setting (0, 4, 0.0005, 10, 2.6);
+// `affine` wraps the detector in affine simulation (many times slower).
+void SIFTdetectAndCompute(const cv::Mat& image, std::vector<cv::KeyPoint>& keypoints,
+                          cv::Mat& descriptors, bool affine);
+
+// Reference features: from `load` (null name) when it hits, else computed and
+// handed to `save`.
+void get_keypoints_descriptors_ref(const cv::Mat& image, std::vector<cv::KeyPoint>& keypoints,
+                                   cv::Mat& descriptors, const FeatureLoadCallback& load,
+                                   const FeatureSaveCallback& save);
+
+// Input features for one preprocessing type: cached under the type's name, or
+// computed on the filtered picture and handed to `save`.
+void get_keypoints_descriptors_cpy(const cv::Mat& image, std::vector<cv::KeyPoint>& keypoints,
+                                   cv::Mat& descriptors, PreprocessingType type,
+                                   const FeatureLoadCallback& load,
+                                   const FeatureSaveCallback& save, bool affine);
+
+// Fills the cache with the input's features for type values 0..5 in turn.
+void generate_copy_features(const cv::Mat& image, const FeatureLoadCallback& load,
+                            const FeatureSaveCallback& save);
+
+// ---- Statistics and geometry ----------------------------------------------
+
+// Linear-interpolated q-quantile in single precision; `data` is not changed.
+// Throws std::invalid_argument on empty data; q must lie in [0, 1].
+float calculate_quantile(const std::vector<float>& data, float q);
+
+// Linear-interpolated q-quantile in double precision; sorts `data` in place.
+// Throws std::invalid_argument on empty data or q outside [0, 1].
+double quantile(std::vector<double>& data, double q);
+
+// Signed angle at b from ray b->a to ray b->c, degrees in [-180, 180];
+// clockwise on screen (y down) is positive.
+double get_angle(const cv::Point2f& a, const cv::Point2f& b, const cv::Point2f& c);
+
+// Unsigned angle at b between rays b->a and b->c, degrees in [0, 180].
+double get_angle_old(const cv::Point2f& a, const cv::Point2f& b, const cv::Point2f& c);
+
+// Whether a corner array is a plausible view of a width x height frame: every
+// side at least a twentieth of the frame, every corner angle in [45, 135]
+// degrees with the frame's turning direction (a mirrored view fails).
+bool check_ref_pts_sanity(const double* pts, int width, int height);
+
+// Area of the convex hull of the points rounded to pixels; 1.0 for fewer than 3.
+double calculateConvexHullArea(const std::vector<cv::Point2f>& pts);
+
+// ---- Matching and scoring -------------------------------------------------
+
+// FLANN k-d tree (4 trees, 32 checks) nearest two input descriptors for every
+// reference descriptor; keeps the nearest where 0.78 * second > first, in
+// reference order.
+std::vector<cv::DMatch> ratio_test_matches(const cv::Mat& refDescriptors,
+                                           const cv::Mat& inputDescriptors);
+
+// Matches whose two keypoints are both larger than the q-quantile of their
+// side's sizes, or else both stronger than the q-quantile of the responses.
+std::vector<cv::DMatch> select_best_matches(const std::vector<cv::DMatch>& matches, float q,
+                                            const std::vector<cv::KeyPoint>& refKeypoints,
+                                            const std::vector<cv::KeyPoint>& inputKeypoints);
+
+// Fits RHO homographies both ways, projects `refCorners` into the input
+// (`inputCorners`, 8 values) and returns the input-to-reference homography.
+// On failure: an empty matrix, `inputCorners` untouched.
+cv::Mat get_homography_pts(const std::vector<cv::DMatch>& matches,
+                           const std::vector<cv::KeyPoint>& refKeypoints,
+                           const std::vector<cv::KeyPoint>& inputKeypoints,
+                           const double* refCorners, double* inputCorners);
+
+// Grid-selected matches that agree within 100 px with the located corners,
+// ascending by distance; `score` = 100 / (inliers * hull area)^0.333, +inf
+// for no inliers, untouched when the corner fit throws (result then empty).
+std::vector<cv::DMatch> inspect_matches(const std::vector<cv::DMatch>& matches,
+                                        const std::vector<cv::KeyPoint>& refKeypoints,
+                                        const std::vector<cv::KeyPoint>& inputKeypoints,
+                                        int width, int height, const double* refCorners,
+                                        double& score);
+
+// Input features for `type` (cache or SIFT), FLANN matching against the
+// reference with the 0.78 ratio test, then inspect_matches. `secondImage` and
+// `name` are accepted and not read.
+std::vector<cv::DMatch> calculateMatches(
+    const cv::Mat& inputImage, const cv::Mat& secondImage, int width, int height, int type,
+    const double (&refCorners)[8], const char* name, const cv::Mat& refDescriptors,
+    const std::vector<cv::KeyPoint>& refKeypoints, cv::Mat& inputDescriptors,
+    std::vector<cv::KeyPoint>& inputKeypoints, const FeatureLoadCallback& load,
+    const FeatureSaveCallback& save, double& score, bool affine);
+
+// Mean displacement in pixels of the better half of fresh SIFT matches between
+// an aligned plane and the reference; kFailedScore for fewer than 10 matches
+// or when nothing lies below the median (a perfect copy included).
+double get_rectification_score(const unsigned char* rectified,
+                               const std::vector<cv::KeyPoint>& refKeypoints,
+                               const cv::Mat& refDescriptors, int width, int height);
