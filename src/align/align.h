@@ -174,3 +174,87 @@ std::vector<cv::DMatch> calculateMatches(
 double get_rectification_score(const unsigned char* rectified,
                                const std::vector<cv::KeyPoint>& refKeypoints,
                                const cv::Mat& refDescriptors, int width, int height);
+
+// ---- Warps ----------------------------------------------------------------
+
+// Warps `image` so that the corners `pts` land on a (width - pad_x) x
+// (height - pad_y) frame, then pads black right and below to width x height;
+// `content_pts` gets that unpadded frame's outline (first 8 values).
+void align_by_pts(const cv::Mat& image, int width, int height, int pad_x, int pad_y,
+                  const double* pts, unsigned char* aligned, double* content_pts);
+
+// Outline (up to 10 points, as x y pairs from value 1 on) of where `image`
+// lands in the width x height frame under `transform`; the frame's own
+// outline when nothing lands there.
+void get_content_area(const cv::Mat& transform, const cv::Mat& image, int width, int height,
+                      double* content_pts);
+
+// Locates the reference corners from matches (into `pts`) and warps `image`
+// onto the width x height frame. Leaves all outputs alone when no homography
+// can be fitted.
+void align_frame(const std::vector<cv::DMatch>& matches,
+                 const std::vector<cv::KeyPoint>& refKeypoints,
+                 const std::vector<cv::KeyPoint>& inputKeypoints, const cv::Mat& image,
+                 int width, int height, const double* refCorners, unsigned char* aligned,
+                 double* pts, double* content_pts);
+
+// ---- Search and driver ----------------------------------------------------
+//
+// Result slots: six frame buffers of width x height bytes, six corner rows
+// and six content polygons (unwritten values -1). A search fills slots
+// 0..k-1 with its k successful attempts and k..2k-1 with their enhanced
+// copies; corner rows of the copies are not written (the writer reads row
+// i mod k).
+
+// Runs the three preprocessing attempts in parallel (after the optional
+// advanced pre-pass), compacts the successful ones to the front and stores
+// the lowest score (kFailedScore when none succeeded). Returns their count k.
+int get_rectified_imgs(const cv::Mat& image, int width, int height, const char* result_folder,
+                       unsigned char* reference, unsigned char** aligned, double (*pts)[8],
+                       double (*content_pts)[20], double* best_score,
+                       const FeatureLoadCallback& load, const FeatureSaveCallback& save,
+                       bool advanced);
+
+// Fills the slots for given corners (pts_in[7] != 0), no reference, no
+// rectification, or a search; returns the number of filled slots (0 when the
+// search found nothing).
+int generate_extraction_input(const char* result_folder, const cv::Mat& image,
+                              unsigned char* reference, int width, int height, int no_rectify,
+                              const double* pts_in, unsigned char** aligned, double (*pts)[8],
+                              double (*content_pts)[20], double* best_score,
+                              const FeatureLoadCallback& load, const FeatureSaveCallback& save,
+                              bool advanced);
+
+// The whole alignment. Without reference and corners it only caches the
+// input's features (returns -1). With corners (pts[7] != 0) it writes one slot
+// per output variant (default 3, 0), padded to the crop aspect, and returns
+// 0. Otherwise it searches and returns the best score. Writes the result
+// folder when one is given.
+double align_frame(unsigned char* input, unsigned char* reference, int width, int height,
+                   int input_width, int input_height, int crop_width, int crop_height,
+                   int no_rectify, const double* pts, const char* result_folder,
+                   const FeatureLoadCallback& load, const FeatureSaveCallback& save,
+                   bool advanced, const std::vector<int>& outputs, bool jpeg_output);
+
+// ---- Results --------------------------------------------------------------
+
+// Writes `size` bytes to `path` through a temporary name renamed into place.
+// Throws std::runtime_error when it cannot.
+void write_result_file(const std::string& path, const void* data, std::size_t size);
+
+// Writes per slot i: aligned_i__WxxH.yuv (raw luma), pts_i.txt, content_pts_i.txt
+// and, with `jpeg_output`, in_i.jpg (input with the corners outlined) and
+// aligned_i.jpg; then best_result.txt. One thread per slot.
+void save_alignment_results(const char* result_folder, const unsigned char* input,
+                            unsigned char* const* aligned, const double (*pts)[8],
+                            const double (*content_pts)[20], int count, int width, int height,
+                            int input_width, int input_height, double best_score,
+                            bool jpeg_output);
+
+// Diagnostic picture: both images side by side in an 800 x 600 box with the
+// matches drawn, written as JPEG ("Failed to save image" when it cannot be).
+void draw_matches_combined(const cv::Mat& image1, const cv::Mat& image2,
+                           const std::vector<cv::DMatch>& matches,
+                           const std::vector<cv::KeyPoint>& keypoints1,
+                           const std::vector<cv::KeyPoint>& keypoints2,
+                           const std::string& file_name);

@@ -1,5 +1,6 @@
 #include "main/driver.h"
 
+#include <algorithm>
 #include <cctype>
 #include <chrono>
 #include <filesystem>
@@ -11,6 +12,7 @@
 #include <opencv2/core/utils/logger.hpp>
 #include <opencv2/imgcodecs.hpp>
 
+#include "align/align.h"
 #include "main/feature_cache.h"
 #include "main/options.h"
 #include "main/readers.h"
@@ -69,7 +71,6 @@ int run_program(int argc, char** argv) {
   }
 
   const auto start = std::chrono::steady_clock::now();
-  (void)start;
 
   int input_width = args.input_width;
   int input_height = args.input_height;
@@ -97,17 +98,34 @@ int run_program(int argc, char** argv) {
     extract_frame_from_yuv420_file(args.input_file, input.get(), input_width, input_height, -1);
   }
 
-  // Left unread when the reference file is missing: its features then come
-  // from the feature cache.
+  // When the reference file is missing its features come from the feature
+  // cache. The plane is zeroed then, so that a missing cache too gives a
+  // defined (featureless) reference rather than stray memory.
   LumaBuffer reference = allocate_luma(args.width, args.height);
   if (!args.reference_file.empty() && file_exists(args.reference_file)) {
     extract_frame_from_yuv420_file(args.reference_file, reference.get(), args.width,
                                    args.height, args.frame_number);
+  } else {
+    std::fill_n(reference.get(), luma_plane_size(args.width, args.height), 0);
   }
 
-  const FeatureLoadCallback load = make_feature_load_callback(args);
-  const FeatureSaveCallback save = make_feature_save_callback(args);
-  (void)load;
-  (void)save;
+  double best_score = 0.0;
+  {
+    const FeatureLoadCallback load = make_feature_load_callback(args);
+    const FeatureSaveCallback save = make_feature_save_callback(args);
+    best_score = align_frame(input.get(), reference.get(), args.width, args.height, input_width,
+                             input_height, args.crop_width, args.crop_height,
+                             args.no_rectify ? 1 : 0, args.pts,
+                             args.result_folder.empty() ? nullptr : args.result_folder.c_str(),
+                             load, save, args.advanced, args.outputs, args.jpeg_output);
+  }
+  std::cout << "best score: " << best_score << "\n";
+  input.reset();
+  reference.reset();
+
+  const auto elapsed = std::chrono::steady_clock::now() - start;
+  std::cout << "alignment time: "
+            << std::chrono::duration_cast<std::chrono::nanoseconds>(elapsed).count() / 1000000
+            << "ms" << std::endl;
   return 0;
 }

@@ -78,7 +78,7 @@ std::int64_t yuv420_frame_size(int width, int height) {
 
 std::size_t luma_plane_size(int width, int height) {
   const std::size_t bytes = plane_bytes(width, height);
-  if (bytes > static_cast<std::size_t>(std::numeric_limits<int>::max())) {
+  if (width == 0 || height == 0 || bytes > static_cast<std::size_t>(std::numeric_limits<int>::max())) {
     throw std::invalid_argument("Invalid frame size: " + resolution_text(width, height));
   }
   return bytes;

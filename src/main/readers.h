@@ -30,8 +30,9 @@ void fix_png_luma_offset(cv::Mat& luma);
 // Byte size of one 4:2:0 frame: W*H luma plus two ((W+1)/2)*((H+1)/2) chroma planes.
 std::int64_t yuv420_frame_size(int width, int height);
 
-// Bytes of a width x height luma plane. Throws std::invalid_argument for a
-// negative size or one whose byte count does not fit an int.
+// Bytes of a width x height luma plane the tool works on. Throws
+// std::invalid_argument for an empty or negative size, or one whose byte
+// count does not fit an int.
 std::size_t luma_plane_size(int width, int height);
 
 // Fills `buffer` with width*height luma bytes: from frame `frame_number` of a

@@ -1,44 +1,13 @@
 // Runs the built framealign binary as a process and checks what a user sees:
 // standard output, standard error and the exit code.
-#include <sys/wait.h>
-
-#include <cstdlib>
-#include <filesystem>
-#include <string>
-#include <vector>
 
 #include <gtest/gtest.h>
 #include <opencv2/imgcodecs.hpp>
 
+#include "cli/run_tool.h"
 #include "test_support.h"
 
 namespace {
-
-struct ToolRun {
-  int exit_code;  // as the shell sees it: 128 + signal for a killed process
-  std::string out;
-  std::string err;
-};
-
-std::string quote(const std::string& word) {
-  std::string q = "'";
-  for (char c : word) q += c == '\'' ? std::string("'\\''") : std::string(1, c);
-  return q + "'";
-}
-
-ToolRun run_tool(const std::vector<std::string>& args, const TempDir& dir) {
-  std::string command = "cd " + quote(dir.path().string()) + " && timeout 120 " +
-                        quote(FRAMEALIGN_BINARY);
-  for (const std::string& a : args) command += " " + quote(a);
-  const std::string out = dir.file(".stdout"), err = dir.file(".stderr");
-  command += " >" + quote(out) + " 2>" + quote(err);
-  const int status = std::system(command.c_str());
-  ToolRun run{WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status), read_text(out),
-          read_text(err)};
-  std::filesystem::remove(out);
-  std::filesystem::remove(err);
-  return run;
-}
 
 TEST(framealign, OptionOutcomes) {
   struct Case {

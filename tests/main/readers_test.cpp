@@ -161,7 +161,7 @@ TEST(yuv420_frame_size, RoundsChromaUp) {
 
 TEST(luma_plane_size, RejectsNegativeAndOversizedPlanes) {
   EXPECT_EQ(luma_plane_size(1920, 1080), 1920u * 1080u);
-  EXPECT_EQ(luma_plane_size(0, 1080), 0u);
+  EXPECT_THROW(luma_plane_size(0, 1080), std::invalid_argument);
   EXPECT_THROW(luma_plane_size(-1, 1080), std::invalid_argument);
   EXPECT_THROW(luma_plane_size(65536, 65536), std::invalid_argument);
 }
