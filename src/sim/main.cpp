@@ -1,0 +1,105 @@
+// framealign-sim: synthetic captures with known corners.
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <iostream>
+#include <sstream>
+#include <vector>
+
+#include <opencv2/imgcodecs.hpp>
+#include <opencv2/imgproc.hpp>
+
+#include "sim/render.h"
+#include "sim/sim_options.h"
+
+namespace {
+
+bool read_corners(const std::string& path, double* corners) {
+  std::ifstream in(path);
+  for (int i = 0; i < 8; ++i) {
+    if (!(in >> corners[i])) return false;
+  }
+  return true;
+}
+
+bool write_file(const std::string& path, const void* data, size_t size) {
+  std::ofstream out(path, std::ios::binary | std::ios::trunc);
+  out.write(static_cast<const char*>(data), static_cast<std::streamsize>(size));
+  return static_cast<bool>(out);
+}
+
+int fail(const std::string& message) {
+  std::cerr << "framealign-sim: " << message << "\n";
+  return 2;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  SimOptions options;
+  std::string error;
+  if (!parse_sim_options(argc, argv, options, error)) {
+    return fail(error + " (see --help)");
+  }
+  if (options.help) {
+    std::cout << kSimUsage;
+    return 0;
+  }
+
+  if (!options.truth_file.empty()) {
+    double truth[8], found[8];
+    if (!read_corners(options.truth_file, truth)) return fail("cannot read " + options.truth_file);
+    if (!read_corners(options.found_file, found)) return fail("cannot read " + options.found_file);
+    const CornerError e = corner_error(truth, found, options.width, options.height);
+    std::printf("mean corner error: %.3f px\nmax corner error: %.3f px\n", e.mean, e.max);
+    return 0;
+  }
+
+  cv::Mat reference;
+  if (options.reference.empty()) {
+    reference = make_reference_frame(options.width, options.height, options.capture.seed);
+  } else {
+    const cv::Mat picture = cv::imread(options.reference, cv::IMREAD_GRAYSCALE);
+    if (picture.empty()) return fail("cannot read picture " + options.reference);
+    cv::resize(picture, reference, cv::Size(options.width, options.height), 0, 0, cv::INTER_AREA);
+  }
+  const cv::Mat shown =
+      options.unrelated
+          ? make_reference_frame(options.width, options.height, options.capture.seed + 1000003)
+          : reference;
+  const Capture capture = render_capture(shown, options.capture);
+
+  std::error_code ec;
+  std::filesystem::create_directories(options.out_dir, ec);
+  const std::string dir = options.out_dir + "/";
+
+  std::vector<unsigned char> yuv(reference.data, reference.data + reference.total());
+  yuv.resize(yuv.size() + 2 * static_cast<size_t>((options.width + 1) / 2) * ((options.height + 1) / 2),
+             128);
+  if (!write_file(dir + "reference.yuv", yuv.data(), yuv.size())) {
+    return fail("cannot write " + dir + "reference.yuv");
+  }
+
+  std::vector<unsigned char> encoded;
+  const std::string capture_name = options.png ? "capture.png" : "capture.jpg";
+  const std::vector<int> params =
+      options.png ? std::vector<int>{} : std::vector<int>{cv::IMWRITE_JPEG_QUALITY, options.jpeg_quality};
+  if (!cv::imencode(options.png ? ".png" : ".jpg", capture.picture, encoded, params) ||
+      !write_file(dir + capture_name, encoded.data(), encoded.size())) {
+    return fail("cannot write " + dir + capture_name);
+  }
+
+  char line[256];
+  const int length = std::snprintf(line, sizeof(line), "%f %f %f %f %f %f %f %f\n",
+                                   capture.corners[0], capture.corners[1], capture.corners[2],
+                                   capture.corners[3], capture.corners[4], capture.corners[5],
+                                   capture.corners[6], capture.corners[7]);
+  if (!write_file(dir + "corners.txt", line, static_cast<size_t>(length))) {
+    return fail("cannot write " + dir + "corners.txt");
+  }
+  std::cout << dir << "reference.yuv " << options.width << "x" << options.height << "\n"
+            << dir << capture_name << " " << options.capture.capture_width << "x"
+            << options.capture.capture_height << "\n"
+            << dir << "corners.txt " << line;
+  return 0;
+}

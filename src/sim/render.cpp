@@ -1,0 +1,210 @@
+#include "sim/render.h"
+
+#include <algorithm>
+#include <cmath>
+#include <string>
+#include <vector>
+
+#include <opencv2/imgproc.hpp>
+
+namespace {
+
+cv::Mat perspective_from_frame(int width, int height, const cv::Point2f (&to)[4]) {
+  const cv::Point2f from[4] = {{0, 0},
+                               {static_cast<float>(width), 0},
+                               {0, static_cast<float>(height)},
+                               {static_cast<float>(width), static_cast<float>(height)}};
+  return cv::getPerspectiveTransform(from, to);
+}
+
+// Smooth random ground: low-resolution noise scaled up.
+cv::Mat cloudy(int width, int height, cv::RNG& rng, double lo, double hi) {
+  cv::Mat small(std::max(2, height / 64), std::max(2, width / 64), CV_32F);
+  rng.fill(small, cv::RNG::UNIFORM, lo, hi);
+  cv::Mat out;
+  cv::resize(small, out, cv::Size(width, height), 0, 0, cv::INTER_CUBIC);
+  return out;
+}
+
+}  // namespace
+
+cv::Mat make_reference_frame(int width, int height, std::uint64_t seed) {
+  cv::RNG rng(seed);
+  cv::Mat ground = cloudy(width, height, rng, 40, 200);
+  for (int y = 0; y < height; ++y) {
+    float* row = ground.ptr<float>(y);
+    for (int x = 0; x < width; ++x) row[x] = 0.6f * row[x] + 60.0f * x / width + 20.0f * y / height;
+  }
+  cv::Mat frame;
+  ground.convertTo(frame, CV_8U);
+
+  const int scale = std::max(1, std::min(width, height) / 100);
+  const int shapes = width * height / 2500;
+  for (int i = 0; i < shapes; ++i) {
+    const cv::Point c(rng.uniform(0, width), rng.uniform(0, height));
+    const cv::Scalar colour(rng.uniform(0, 256));
+    const int size = rng.uniform(scale, 8 * scale + 2);
+    switch (rng.uniform(0, 6)) {
+      case 0:
+        cv::circle(frame, c, size, colour, rng.uniform(0, 2) ? -1 : std::max(1, scale / 2),
+                   cv::LINE_AA);
+        break;
+      case 1:
+        cv::rectangle(frame, cv::Rect(c.x, c.y, size, rng.uniform(scale, 8 * scale + 2)), colour,
+                      -1);
+        break;
+      case 2:
+        cv::line(frame, c,
+                 c + cv::Point(rng.uniform(-4 * size, 4 * size), rng.uniform(-4 * size, 4 * size)),
+                 colour, rng.uniform(1, scale + 2), cv::LINE_AA);
+        break;
+      case 3:
+        cv::ellipse(frame, c, cv::Size(size, size / 3 + 1), rng.uniform(0, 180), 0, 360, colour,
+                    -1, cv::LINE_AA);
+        break;
+      case 4: {
+        std::vector<cv::Point> polygon;
+        for (int k = 0; k < 5; ++k) {
+          polygon.push_back(c + cv::Point(rng.uniform(-size, size), rng.uniform(-size, size)));
+        }
+        cv::fillPoly(frame, std::vector<std::vector<cv::Point>>{polygon}, colour, cv::LINE_AA);
+        break;
+      }
+      default: {
+        static const char* const kWords[] = {"FRAME", "align", "2026", "capture", "ref",
+                                             "#42",   "scan",  "luma", "QX7",     "zeta"};
+        const std::string text = std::string(kWords[rng.uniform(0, 10)]) +
+                                 std::to_string(rng.uniform(0, 1000));
+        cv::putText(frame, text, c, cv::FONT_HERSHEY_SIMPLEX, 0.15 * size / scale + 0.3, colour,
+                    std::max(1, scale / 2), cv::LINE_AA);
+      }
+    }
+  }
+  cv::GaussianBlur(frame, frame, cv::Size(3, 3), 0.6);
+  return frame;
+}
+
+Capture render_capture(const cv::Mat& frame, const CaptureSettings& s) {
+  cv::RNG rng(s.seed * 7919 + 17);
+  const int cw = s.capture_width;
+  const int ch = s.capture_height;
+
+  // The screen: the frame inside a dark bezel.
+  const int bezel = std::max(2, frame.cols / 40);
+  cv::Mat screen(frame.rows + 2 * bezel, frame.cols + 2 * bezel, CV_8UC1, cv::Scalar(18));
+  frame.copyTo(screen(cv::Rect(bezel, bezel, frame.cols, frame.rows)));
+
+  // Its place in the capture: centred, scaled, moved and tilted at random.
+  const double screen_w = s.screen_scale * cw;
+  const double screen_h = screen_w * screen.rows / screen.cols;
+  const double fit = std::min(1.0, 0.95 * ch / screen_h);
+  const double w = screen_w * fit, h = screen_h * fit;
+  const double cx = cw / 2.0 + rng.uniform(-0.5, 0.5) * (cw - w) * 0.5;
+  const double cy = ch / 2.0 + rng.uniform(-0.5, 0.5) * (ch - h) * 0.5;
+  const double jitter = s.perspective * std::min(w, h);
+  cv::Point2f quad[4] = {{static_cast<float>(cx - w / 2), static_cast<float>(cy - h / 2)},
+                         {static_cast<float>(cx + w / 2), static_cast<float>(cy - h / 2)},
+                         {static_cast<float>(cx - w / 2), static_cast<float>(cy + h / 2)},
+                         {static_cast<float>(cx + w / 2), static_cast<float>(cy + h / 2)}};
+  for (cv::Point2f& p : quad) {
+    p.x += static_cast<float>(rng.uniform(-jitter, jitter));
+    p.y += static_cast<float>(rng.uniform(-jitter, jitter));
+  }
+  const cv::Mat screen_to_capture = perspective_from_frame(screen.cols, screen.rows, quad);
+
+  // The scene behind the screen.
+  cv::Mat scene_f = cloudy(cw, ch, rng, 30, 120);
+  cv::Mat scene;
+  scene_f.convertTo(scene, CV_8U);
+  for (int i = 0; i < 40; ++i) {
+    const cv::Point a(rng.uniform(0, cw), rng.uniform(0, ch));
+    cv::rectangle(scene, cv::Rect(a.x, a.y, rng.uniform(20, cw / 6 + 21), rng.uniform(20, ch / 6 + 21)),
+                  cv::Scalar(rng.uniform(20, 140)), -1);
+  }
+  cv::warpPerspective(screen, scene, screen_to_capture, scene.size(), cv::INTER_CUBIC,
+                      cv::BORDER_TRANSPARENT);
+
+  Capture capture;
+  std::vector<cv::Point2f> frame_corners = {
+      {static_cast<float>(bezel), static_cast<float>(bezel)},
+      {static_cast<float>(bezel + frame.cols), static_cast<float>(bezel)},
+      {static_cast<float>(bezel), static_cast<float>(bezel + frame.rows)},
+      {static_cast<float>(bezel + frame.cols), static_cast<float>(bezel + frame.rows)}};
+  std::vector<cv::Point2f> in_capture;
+  cv::perspectiveTransform(frame_corners, in_capture, screen_to_capture);
+  for (int i = 0; i < 4; ++i) {
+    capture.corners[2 * i] = in_capture[i].x;
+    capture.corners[2 * i + 1] = in_capture[i].y;
+  }
+
+  // Camera effects, in floating point.
+  cv::Mat img;
+  scene.convertTo(img, CV_32F);
+  if (s.moire > 0) {
+    // Beating between the screen's pixel grid and the sensor's: a slanted
+    // fringe pattern over the screen area.
+    cv::Mat mask(screen.size(), CV_8UC1, cv::Scalar(255));
+    cv::Mat screen_mask;
+    cv::warpPerspective(mask, screen_mask, screen_to_capture, img.size(), cv::INTER_LINEAR);
+    const double angle = rng.uniform(0.0, CV_PI);
+    const double period = rng.uniform(6.0, 14.0);
+    const double fx = std::cos(angle) * 2 * CV_PI / period, fy = std::sin(angle) * 2 * CV_PI / period;
+    for (int y = 0; y < ch; ++y) {
+      float* row = img.ptr<float>(y);
+      const unsigned char* m = screen_mask.ptr<unsigned char>(y);
+      for (int x = 0; x < cw; ++x) {
+        const double fringe = 1.0 + s.moire * std::sin(fx * x + fy * y) * (m[x] / 255.0);
+        row[x] = static_cast<float>(row[x] * fringe);
+      }
+    }
+  }
+  if (s.vignette > 0) {
+    const double r_max = std::hypot(cw / 2.0, ch / 2.0);
+    for (int y = 0; y < ch; ++y) {
+      float* row = img.ptr<float>(y);
+      for (int x = 0; x < cw; ++x) {
+        const double r = std::hypot(x - cw / 2.0, y - ch / 2.0) / r_max;
+        row[x] = static_cast<float>(row[x] * (1.0 - s.vignette * r * r));
+      }
+    }
+  }
+  img *= s.brightness;
+  if (s.gamma != 1.0) {
+    cv::max(img, 0.0, img);
+    cv::pow(img / 255.0, s.gamma, img);
+    img *= 255.0;
+  }
+  if (s.blur > 0) cv::GaussianBlur(img, img, cv::Size(0, 0), s.blur);
+  if (s.noise > 0) {
+    cv::Mat noise(img.size(), CV_32F);
+    rng.fill(noise, cv::RNG::NORMAL, 0.0, s.noise);
+    img += noise;
+  }
+  img.convertTo(capture.picture, CV_8U);
+  if (s.mirror) cv::flip(capture.picture, capture.picture, 1);
+  return capture;
+}
+
+CornerError corner_error(const double* truth, const double* found, int width, int height) {
+  cv::Point2f to[4];
+  for (int i = 0; i < 4; ++i) {
+    to[i] = cv::Point2f(static_cast<float>(truth[2 * i]), static_cast<float>(truth[2 * i + 1]));
+  }
+  const cv::Mat capture_to_frame = perspective_from_frame(width, height, to).inv();
+  std::vector<cv::Point2f> points(4), mapped;
+  for (int i = 0; i < 4; ++i) {
+    points[i] = cv::Point2f(static_cast<float>(found[2 * i]), static_cast<float>(found[2 * i + 1]));
+  }
+  cv::perspectiveTransform(points, mapped, capture_to_frame);
+  const cv::Point2f frame[4] = {{0, 0},
+                                {static_cast<float>(width), 0},
+                                {0, static_cast<float>(height)},
+                                {static_cast<float>(width), static_cast<float>(height)}};
+  CornerError error{0, 0};
+  for (int i = 0; i < 4; ++i) {
+    const double d = std::hypot(mapped[i].x - frame[i].x, mapped[i].y - frame[i].y);
+    error.mean += d / 4;
+    error.max = std::max(error.max, d);
+  }
+  return error;
+}

@@ -1,0 +1,45 @@
+// Synthetic camera captures of a reference frame, for demos, tests and
+// benchmarks: the frame on a screen with a bezel, inside a background scene,
+// seen through a seeded random perspective, with camera effects.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include <opencv2/core.hpp>
+
+struct CaptureSettings {
+  int capture_width = 3000;
+  int capture_height = 2000;
+  std::uint64_t seed = 1;
+  double screen_scale = 0.7;   // screen width as a share of the capture width
+  double perspective = 0.06;   // largest corner displacement, share of the screen size
+  double blur = 0.8;           // Gaussian sigma in capture pixels; 0: none
+  double noise = 2.0;          // sensor noise sigma in grey levels; 0: none
+  double gamma = 1.0;          // output = input^gamma
+  double brightness = 1.0;     // gain
+  double vignette = 0.25;      // darkening at the corners, 0..1
+  double moire = 0.0;          // amplitude of a moire pattern on the screen, 0..1
+  bool mirror = false;         // mirror the capture left-right
+};
+
+struct Capture {
+  cv::Mat picture;   // 8-bit grey, capture_width x capture_height
+  double corners[8]; // reference corners TL TR BL BR in the capture before any mirroring
+};
+
+// A built-in reference frame: gradients, shapes, lines and text on a
+// textured ground; the same seed gives the same frame.
+cv::Mat make_reference_frame(int width, int height, std::uint64_t seed);
+
+// Renders `frame` as seen by a camera.
+Capture render_capture(const cv::Mat& frame, const CaptureSettings& settings);
+
+// Where four true corners and four found corners differ, in reference
+// pixels: the found corners are mapped into the reference frame through the
+// true perspective and compared with the frame's corners.
+struct CornerError {
+  double mean;
+  double max;
+};
+CornerError corner_error(const double* truth, const double* found, int width, int height);
