@@ -131,7 +131,8 @@ double calculateConvexHullArea(const std::vector<cv::Point2f>& pts);
 
 // FLANN k-d tree (4 trees, 32 checks) nearest two input descriptors for every
 // reference descriptor; keeps the nearest where 0.78 * second > first, in
-// reference order.
+// reference order. Throws std::runtime_error when there is no input
+// descriptor to match against.
 std::vector<cv::DMatch> ratio_test_matches(const cv::Mat& refDescriptors,
                                            const cv::Mat& inputDescriptors);
 
@@ -179,7 +180,9 @@ double get_rectification_score(const unsigned char* rectified,
 
 // Warps `image` so that the corners `pts` land on a (width - pad_x) x
 // (height - pad_y) frame, then pads black right and below to width x height;
-// `content_pts` gets that unpadded frame's outline (first 8 values).
+// `content_pts` gets that unpadded frame's outline (first 8 values). Throws
+// std::invalid_argument for corners that are not finite or of which three
+// lie on one line.
 void align_by_pts(const cv::Mat& image, int width, int height, int pad_x, int pad_y,
                   const double* pts, unsigned char* aligned, double* content_pts);
 

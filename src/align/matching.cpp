@@ -1,6 +1,7 @@
 #include <algorithm>
 #include <cmath>
 #include <exception>
+#include <stdexcept>
 
 #include <opencv2/calib3d.hpp>
 #include <opencv2/features2d.hpp>
@@ -25,6 +26,10 @@ std::vector<cv::Point2f> corner_points(const double* corners) {
 
 std::vector<cv::DMatch> ratio_test_matches(const cv::Mat& refDescriptors,
                                            const cv::Mat& inputDescriptors) {
+  if (inputDescriptors.empty() && !refDescriptors.empty()) {
+    // FLANN cannot index an empty set; say what that means for the user.
+    throw std::runtime_error("No features found to match against (a featureless picture?)");
+  }
   // A fresh matcher per call: its randomised k-d trees are never shared
   // between threads.
   cv::FlannBasedMatcher matcher(cv::makePtr<cv::flann::KDTreeIndexParams>(4),

@@ -1,4 +1,5 @@
 #include <algorithm>
+#include <cmath>
 #include <cstring>
 #include <stdexcept>
 #include <string>
@@ -43,6 +44,23 @@ std::vector<cv::Point2f> frame_points(float width, float height) {
   return {{0, 0}, {width, 0}, {0, height}, {width, height}};
 }
 
+// Four finite corners of which no three lie on one line.
+bool is_quadrilateral(const double* pts) {
+  for (int i = 0; i < 8; ++i) {
+    if (!std::isfinite(pts[i])) return false;
+  }
+  const cv::Point2d p[4] = {{pts[0], pts[1]}, {pts[2], pts[3]}, {pts[4], pts[5]}, {pts[6], pts[7]}};
+  for (int skip = 0; skip < 4; ++skip) {
+    cv::Point2d t[3];
+    for (int i = 0, k = 0; i < 4; ++i) {
+      if (i != skip) t[k++] = p[i];
+    }
+    const double twice_area = (t[1] - t[0]).cross(t[2] - t[0]);
+    if (std::abs(twice_area) < 1e-6) return false;
+  }
+  return true;
+}
+
 // The frame's own outline (0,0) (0,H) (W,H) (W,0) as the first 8 polygon values.
 void write_frame_polygon(int width, int height, double* content_pts) {
   const double polygon[8] = {0, 0, 0, static_cast<double>(height), static_cast<double>(width),
@@ -71,6 +89,13 @@ int align_given_corners(const cv::Mat& image, int width, int height, const doubl
 
 void align_by_pts(const cv::Mat& image, int width, int height, int pad_x, int pad_y,
                   const double* pts, unsigned char* aligned, double* content_pts) {
+  // OpenCV answers a degenerate quadrilateral with a meaningless frame; a
+  // user who gave such corners gets told instead.
+  if (!is_quadrilateral(pts)) {
+    std::string values;
+    for (int i = 0; i < 8; ++i) values += (i ? " " : "") + std::to_string(pts[i]);
+    throw std::invalid_argument("Corner points do not form a quadrilateral: " + values);
+  }
   const int inner_width = width - pad_x;
   const int inner_height = height - pad_y;
   const cv::Mat M = cv::getPerspectiveTransform(
