@@ -209,6 +209,10 @@ void align_frame(const std::vector<cv::DMatch>& matches,
 // copies; corner rows of the copies are not written (the writer reads row
 // i mod k).
 
+// How many search attempts run at once (1 to 3); 0 restores the default.
+// Results do not depend on it. Not to be called while a search runs.
+void set_attempt_concurrency(int attempts);
+
 // Runs the three preprocessing attempts in parallel (after the optional
 // advanced pre-pass), compacts the successful ones to the front and stores
 // the lowest score (kFailedScore when none succeeded). Returns their count k.

@@ -85,7 +85,22 @@ int align_given_corners(const cv::Mat& image, int width, int height, const doubl
   return 2;
 }
 
+// FLANN's randomised k-d trees draw from OpenCV's per-thread generator.
+// Starting every attempt and every trial from a fresh generator makes their
+// results independent of which thread runs them, and of what ran before.
+void reset_thread_rng() { cv::theRNG() = cv::RNG(); }
+
+int g_attempt_concurrency = 0;
+
+// How many attempts run at once.
+int attempt_threads(int attempts) {
+  const int wanted = g_attempt_concurrency > 0 ? g_attempt_concurrency : attempts;
+  return std::max(1, std::min(wanted, attempts));
+}
+
 }  // namespace
+
+void set_attempt_concurrency(int attempts) { g_attempt_concurrency = std::max(0, attempts); }
 
 void align_by_pts(const cv::Mat& image, int width, int height, int pad_x, int pad_y,
                   const double* pts, unsigned char* aligned, double* content_pts) {
@@ -205,6 +220,7 @@ int get_rectified_imgs(const cv::Mat& image, int width, int height, const char* 
     std::vector<cv::DMatch> kept;
     bool mirror = false;
     for (int trial = 0; trial < 3; ++trial) {
+      reset_thread_rng();
       if (trial == 2) cv::flip(small_input, small_input, 1);
       std::vector<cv::KeyPoint> keypoints;
       cv::Mat descriptors;
@@ -234,6 +250,7 @@ int get_rectified_imgs(const cv::Mat& image, int width, int height, const char* 
   parallel_for(
       0, n,
       [&](int i) {
+        reset_thread_rng();
         std::vector<cv::KeyPoint> keypoints;
         cv::Mat descriptors;
         double match_score = 1.0;
@@ -257,7 +274,7 @@ int get_rectified_imgs(const cv::Mat& image, int width, int height, const char* 
           // The attempt failed; its slot keeps whatever was written.
         }
       },
-      n);
+      attempt_threads(n));
 
   double best = kFailedScore;
   int k = 0;

@@ -2,6 +2,7 @@
 // later extraction step reads, file by file.
 #include <cmath>
 #include <cstdio>
+#include <map>
 #include <set>
 #include <sstream>
 
@@ -234,6 +235,48 @@ TEST_F(SmallSearch, MirroredCaptureAlignsWithAdvanced) {
   const std::vector<double> pts = numbers(read_text(dir_.file("out/pts_0.txt")));
   ASSERT_EQ(pts.size(), 8u);
   for (int i = 0; i < 8; ++i) EXPECT_NEAR(pts[i], kSmallCorners[i], 2.0) << i;
+}
+
+// Two runs on the same inputs write the same bytes, in every mode and
+// whether the feature caches are there or not.
+TEST_F(SmallSearch, RepeatedRunsWriteIdenticalFolders) {
+  const cv::Mat capture = make_capture(reference_, kSmallCorners, 1600, 1200, 204);
+  cv::Mat mirrored;
+  cv::flip(capture, mirrored, 1);
+  std::vector<std::string> corners = {"--pts"};
+  for (double v : kSmallCorners) corners.push_back(std::to_string(v));
+  corners.insert(corners.end(), {"--output", "slow", "--crop-width", "4", "--crop-height", "3"});
+  const std::vector<std::vector<std::string>> modes = {{}, {"--advanced"}, corners};
+
+  auto folder = [&](const std::string& name) {
+    std::map<std::string, std::vector<unsigned char>> files;
+    for (const std::string& file : files_in(dir_.file(name))) {
+      files[file] = read_bytes(dir_.file(name + "/" + file));
+    }
+    return files;
+  };
+  auto remove_caches = [&] {
+    for (const std::string& file : files_in(dir_.path().string())) {
+      if (file.size() > 5 && file.compare(file.size() - 5, 5, ".ftrs") == 0) {
+        std::filesystem::remove(dir_.file(file));
+      }
+    }
+  };
+  for (const std::vector<std::string>& mode : modes) {
+    SCOPED_TRACE(mode.empty() ? "search" : mode[0]);
+    remove_caches();
+    std::vector<std::map<std::string, std::vector<unsigned char>>> runs;
+    for (int run_index = 0; run_index < 3; ++run_index) {
+      if (run_index == 2) remove_caches();  // runs: miss, hit, miss
+      std::filesystem::remove_all(dir_.file("out"));
+      const ToolRun r = run(mode == modes[1] ? mirrored : capture, mode);
+      ASSERT_EQ(r.exit_code, 0) << r.err;
+      runs.push_back(folder("out"));
+    }
+    EXPECT_GE(runs[0].size(), 4u);
+    EXPECT_TRUE(runs[1] == runs[0]);
+    EXPECT_TRUE(runs[2] == runs[0]);
+  }
 }
 
 TEST_F(SmallSearch, NoRectifyScoresZero) {
