@@ -169,6 +169,14 @@ std::vector<cv::DMatch> calculateMatches(
     std::vector<cv::KeyPoint>& inputKeypoints, const FeatureLoadCallback& load,
     const FeatureSaveCallback& save, double& score, bool affine);
 
+// The matching half of calculateMatches, on features already extracted.
+std::vector<cv::DMatch> match_features(int width, int height, const double* refCorners,
+                                       const cv::Mat& refDescriptors,
+                                       const std::vector<cv::KeyPoint>& refKeypoints,
+                                       const cv::Mat& inputDescriptors,
+                                       const std::vector<cv::KeyPoint>& inputKeypoints,
+                                       double& score);
+
 // Mean displacement in pixels of the better half of fresh SIFT matches between
 // an aligned plane and the reference; kFailedScore for fewer than 10 matches
 // or when nothing lies below the median (a perfect copy included).
@@ -209,9 +217,22 @@ void align_frame(const std::vector<cv::DMatch>& matches,
 // copies; corner rows of the copies are not written (the writer reads row
 // i mod k).
 
-// How many search attempts run at once (1 to 3); 0 restores the default.
-// Results do not depend on it. Not to be called while a search runs.
-void set_attempt_concurrency(int attempts);
+// How the search runs its attempts. Results are byte-identical either way.
+enum class SearchSchedule {
+  // Pipelined with fewer than 6 hardware threads, else one thread per attempt.
+  AUTOMATIC,
+  // Every attempt on a thread of its own, all at once: three SIFT pyramids
+  // of the input in memory together.
+  ONE_THREAD_PER_ATTEMPT,
+  // One thread extracts the attempts' input features one after another,
+  // using OpenCV's own parallelism, while the calling thread matches, warps
+  // and scores each attempt as soon as its features are there: one large
+  // pyramid at a time, both cores busy.
+  PIPELINED,
+};
+
+// Chooses the schedule of later searches; not to be called while one runs.
+void set_search_schedule(SearchSchedule schedule);
 
 // Runs the three preprocessing attempts in parallel (after the optional
 // advanced pre-pass), compacts the successful ones to the front and stores

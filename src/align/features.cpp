@@ -30,7 +30,9 @@ void get_keypoints_descriptors_cpy(const cv::Mat& image, std::vector<cv::KeyPoin
                                    const FeatureSaveCallback& save, bool affine) {
   const std::string name = get_preprocessing_name(type);
   if (load && load(keypoints, descriptors, name.c_str())) return;
-  const cv::Mat prepared = apply_preprocessing(image, type);
+  // Types without a filter work on the picture itself rather than a copy.
+  const bool filtered = type == GAUSSIAN_BLUR || type == MORPHOLOGICAL_OPENING;
+  const cv::Mat prepared = filtered ? apply_preprocessing(image, type) : image;
   SIFTdetectAndCompute(prepared, keypoints, descriptors, affine);
   if (save) save(keypoints, descriptors, name.c_str());
 }

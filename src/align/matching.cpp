@@ -180,7 +180,18 @@ std::vector<cv::DMatch> calculateMatches(
     const FeatureSaveCallback& save, double& score, bool affine) {
   get_keypoints_descriptors_cpy(inputImage, inputKeypoints, inputDescriptors,
                                 static_cast<PreprocessingType>(type), load, save, affine);
+  return match_features(width, height, refCorners, refDescriptors, refKeypoints,
+                        inputDescriptors, inputKeypoints, score);
+}
+
+std::vector<cv::DMatch> match_features(int width, int height, const double* refCorners,
+                                       const cv::Mat& refDescriptors,
+                                       const std::vector<cv::KeyPoint>& refKeypoints,
+                                       const cv::Mat& inputDescriptors,
+                                       const std::vector<cv::KeyPoint>& inputKeypoints,
+                                       double& score) {
   std::vector<cv::DMatch> matches = ratio_test_matches(refDescriptors, inputDescriptors);
+  // RHO samples the best-ranked matches first.
   std::sort(matches.begin(), matches.end(), by_distance);
   return inspect_matches(matches, refKeypoints, inputKeypoints, width, height, refCorners, score);
 }

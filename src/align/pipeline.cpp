@@ -1,5 +1,8 @@
 #include <algorithm>
 #include <cmath>
+#include <condition_variable>
+#include <mutex>
+#include <thread>
 #include <cstring>
 #include <stdexcept>
 #include <string>
@@ -90,17 +93,21 @@ int align_given_corners(const cv::Mat& image, int width, int height, const doubl
 // results independent of which thread runs them, and of what ran before.
 void reset_thread_rng() { cv::theRNG() = cv::RNG(); }
 
-int g_attempt_concurrency = 0;
+SearchSchedule g_schedule = SearchSchedule::AUTOMATIC;
 
-// How many attempts run at once.
-int attempt_threads(int attempts) {
-  const int wanted = g_attempt_concurrency > 0 ? g_attempt_concurrency : attempts;
-  return std::max(1, std::min(wanted, attempts));
+// With few cores, concurrent attempts mostly contend: OpenCV runs a parallel
+// loop serially while another thread is inside one, so three attempts on two
+// cores hold three SIFT pyramids (3.4 GB each for a 12 MP input) and gain
+// nothing. With many cores, attempts side by side use them best.
+SearchSchedule effective_schedule() {
+  if (g_schedule != SearchSchedule::AUTOMATIC) return g_schedule;
+  return std::thread::hardware_concurrency() >= 6 ? SearchSchedule::ONE_THREAD_PER_ATTEMPT
+                                                  : SearchSchedule::PIPELINED;
 }
 
 }  // namespace
 
-void set_attempt_concurrency(int attempts) { g_attempt_concurrency = std::max(0, attempts); }
+void set_search_schedule(SearchSchedule schedule) { g_schedule = schedule; }
 
 void align_by_pts(const cv::Mat& image, int width, int height, int pad_x, int pad_y,
                   const double* pts, unsigned char* aligned, double* content_pts) {
@@ -187,17 +194,22 @@ int get_rectified_imgs(const cv::Mat& image, int width, int height, const char* 
                        const FeatureLoadCallback& load, const FeatureSaveCallback& save,
                        bool advanced) {
   const cv::Mat ref(height, width, CV_8UC1, reference);
-  std::vector<cv::KeyPoint> ref_keypoints;
-  cv::Mat ref_descriptors;
-  if (!load || !load(ref_keypoints, ref_descriptors, nullptr)) {
-    SIFTdetectAndCompute(ref, ref_keypoints, ref_descriptors, false);
-    if (save) save(ref_keypoints, ref_descriptors, nullptr);
-  }
-
   const PreprocessingType attempts[kAttempts] = {GAUSSIAN_BLUR, ORIGINAL, MORPHOLOGICAL_OPENING};
   const int n = kAttempts;
-  cv::Mat work = image.clone();
+  cv::Mat work = image;  // replaced by a mirrored copy when the pre-pass asks for one
   bool affine = false;
+
+  std::vector<cv::KeyPoint> ref_keypoints;
+  cv::Mat ref_descriptors;
+  auto reference_features = [&] {
+    if (!load || !load(ref_keypoints, ref_descriptors, nullptr)) {
+      SIFTdetectAndCompute(ref, ref_keypoints, ref_descriptors, false);
+      if (save) save(ref_keypoints, ref_descriptors, nullptr);
+    }
+  };
+  const SearchSchedule schedule = effective_schedule();
+  // The pipeline computes them while the first input features are extracted.
+  if (schedule != SearchSchedule::PIPELINED) reference_features();
 
   if (advanced) {
     // On a small copy of both pictures, try plain SIFT, affine SIFT and plain
@@ -237,7 +249,7 @@ int get_rectified_imgs(const cv::Mat& image, int width, int height, const char* 
         mirror = trial == 2;
       }
     }
-    if (mirror) cv::flip(work, work, 1);
+    if (mirror) cv::flip(image, work, 1);
   }
 
   const double ref_corners[8] = {0, 0, static_cast<double>(width), 0, 0,
@@ -245,36 +257,89 @@ int get_rectified_imgs(const cv::Mat& image, int width, int height, const char* 
                                  static_cast<double>(height)};
   double scores[kAttempts];
   std::fill(scores, scores + kAttempts, kFailedScore);
+  std::vector<cv::KeyPoint> keypoints[kAttempts];
+  cv::Mat descriptors[kAttempts];
 
-  // Every attempt writes only its own slot i and scores[i].
-  parallel_for(
-      0, n,
-      [&](int i) {
-        reset_thread_rng();
-        std::vector<cv::KeyPoint> keypoints;
-        cv::Mat descriptors;
-        double match_score = 1.0;
-        // Not caught: a failure to match at all ends the process, as intended.
-        const std::vector<cv::DMatch> matches = calculateMatches(
-            work, ref, width, height, attempts[i], ref_corners, result_folder, ref_descriptors,
-            ref_keypoints, descriptors, keypoints, load, save, match_score, affine);
-        if (matches.size() <= 3) return;
-        try {
-          align_frame(matches, ref_keypoints, keypoints, work, width, height, ref_corners,
-                      aligned[i], pts[i], content_pts[i]);
-          const double score =
-              get_rectification_score(aligned[i], ref_keypoints, ref_descriptors, width,
-                                      height) *
-              match_score;
-          if (!affine && score > 100.0 && !check_ref_pts_sanity(pts[i], image.cols, image.rows)) {
-            throw std::runtime_error("bad ref pts");
-          }
-          scores[i] = score;
-        } catch (const std::exception&) {
-          // The attempt failed; its slot keeps whatever was written.
+  // The input features of attempt i (from the cache or SIFT). Uses no
+  // random numbers.
+  auto extract = [&](int i) {
+    get_keypoints_descriptors_cpy(work, keypoints[i], descriptors[i], attempts[i], load, save,
+                                  affine);
+  };
+  // Matching, warp and score of attempt i. Writes only slot i and scores[i].
+  auto finish = [&](int i) {
+    reset_thread_rng();
+    double match_score = 1.0;
+    // Not caught: a failure to match at all ends the process, as intended.
+    const std::vector<cv::DMatch> matches =
+        match_features(width, height, ref_corners, ref_descriptors, ref_keypoints,
+                       descriptors[i], keypoints[i], match_score);
+    if (matches.size() <= 3) return;
+    try {
+      align_frame(matches, ref_keypoints, keypoints[i], work, width, height, ref_corners,
+                  aligned[i], pts[i], content_pts[i]);
+      const double score =
+          get_rectification_score(aligned[i], ref_keypoints, ref_descriptors, width, height) *
+          match_score;
+      if (!affine && score > 100.0 && !check_ref_pts_sanity(pts[i], image.cols, image.rows)) {
+        throw std::runtime_error("bad ref pts");
+      }
+      scores[i] = score;
+    } catch (const std::exception&) {
+      // The attempt failed; its slot keeps whatever was written.
+    }
+  };
+
+  if (schedule == SearchSchedule::PIPELINED) {
+    // Extraction of attempt i + 1 overlaps the matching of attempt i: the
+    // extraction's long serial stretches (building the Gaussian pyramid)
+    // leave a core free for it, and only one large pyramid is alive at a time.
+    std::mutex lock;
+    std::condition_variable extracted_cv;
+    int extracted = 0;
+    bool stop = false;
+    // An exception escaping the extraction thread ends the process, as an
+    // uncaught extraction failure does in every schedule.
+    std::thread extractor([&] {
+      for (int i = 0; i < n; ++i) {
+        {
+          std::lock_guard<std::mutex> guard(lock);
+          if (stop) return;
         }
-      },
-      attempt_threads(n));
+        extract(i);
+        std::lock_guard<std::mutex> guard(lock);
+        extracted = i + 1;
+        extracted_cv.notify_one();
+      }
+    });
+    try {
+      reference_features();
+      for (int i = 0; i < n; ++i) {
+        {
+          std::unique_lock<std::mutex> guard(lock);
+          extracted_cv.wait(guard, [&] { return extracted > i; });
+        }
+        finish(i);
+      }
+    } catch (...) {
+      // Let the extractor end before the failure travels on.
+      {
+        std::lock_guard<std::mutex> guard(lock);
+        stop = true;
+      }
+      extractor.join();
+      throw;
+    }
+    extractor.join();
+  } else {
+    parallel_for(
+        0, n,
+        [&](int i) {
+          extract(i);
+          finish(i);
+        },
+        n);
+  }
 
   double best = kFailedScore;
   int k = 0;

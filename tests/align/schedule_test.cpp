@@ -1,4 +1,4 @@
-// The search gives the same bytes whatever number of attempts runs at once.
+// The search gives the same bytes whatever its schedule.
 #include <map>
 #include <string>
 #include <vector>
@@ -21,19 +21,20 @@ Folder read_folder(const TempDir& dir) {
   return files;
 }
 
-Folder search(const cv::Mat& capture, cv::Mat reference, bool advanced, int concurrency) {
-  set_attempt_concurrency(concurrency);
+Folder search(const cv::Mat& capture, cv::Mat reference, bool advanced,
+              SearchSchedule schedule) {
+  set_search_schedule(schedule);
   TempDir dir;
   const std::string folder = dir.path().string();
   const double no_corners[8] = {};
   align_frame(capture.data, reference.data, reference.cols, reference.rows, capture.cols,
               capture.rows, 0, 0, 0, no_corners, folder.c_str(), nullptr, nullptr, advanced, {},
               true);
-  set_attempt_concurrency(0);
+  set_search_schedule(SearchSchedule::AUTOMATIC);
   return read_folder(dir);
 }
 
-TEST(set_attempt_concurrency, SchedulesWriteIdenticalResults) {
+TEST(set_search_schedule, SchedulesWriteIdenticalResults) {
   struct Case {
     const char* what;
     int width, height, capture_width, capture_height;
@@ -51,14 +52,13 @@ TEST(set_attempt_concurrency, SchedulesWriteIdenticalResults) {
     cv::Mat capture = make_capture(reference, corners, c.capture_width, c.capture_height, 62);
     if (c.mirror) cv::flip(capture, capture, 1);
 
-    const Folder one_per_thread = search(capture, reference, c.advanced, 3);
+    const Folder one_per_thread =
+        search(capture, reference, c.advanced, SearchSchedule::ONE_THREAD_PER_ATTEMPT);
     ASSERT_GE(one_per_thread.size(), 7u);  // at least one attempt succeeded
-    for (int concurrency : {1, 2}) {
-      const Folder other = search(capture, reference, c.advanced, concurrency);
-      ASSERT_EQ(other.size(), one_per_thread.size()) << concurrency;
-      for (const auto& [name, bytes] : one_per_thread) {
-        EXPECT_TRUE(other.count(name) && other.at(name) == bytes) << name << ", " << concurrency;
-      }
+    const Folder pipelined = search(capture, reference, c.advanced, SearchSchedule::PIPELINED);
+    ASSERT_EQ(pipelined.size(), one_per_thread.size());
+    for (const auto& [name, bytes] : one_per_thread) {
+      EXPECT_TRUE(pipelined.count(name) && pipelined.at(name) == bytes) << name;
     }
   }
 }
