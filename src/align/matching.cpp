@@ -8,19 +8,11 @@
 #include <opencv2/imgproc.hpp>
 
 #include "align/align.h"
+#include "align/corner_points.h"
 
 namespace {
 
 bool by_distance(const cv::DMatch& a, const cv::DMatch& b) { return a.distance < b.distance; }
-
-std::vector<cv::Point2f> corner_points(const double* corners) {
-  std::vector<cv::Point2f> points(4);
-  for (int i = 0; i < 4; ++i) {
-    points[i] = cv::Point2f(static_cast<float>(corners[2 * i]),
-                            static_cast<float>(corners[2 * i + 1]));
-  }
-  return points;
-}
 
 }  // namespace
 

@@ -1,16 +1,17 @@
 #include <algorithm>
 #include <cmath>
 #include <condition_variable>
-#include <mutex>
-#include <thread>
 #include <cstring>
+#include <mutex>
 #include <stdexcept>
 #include <string>
+#include <thread>
 
 #include <opencv2/core/utils/logger.hpp>
 #include <opencv2/imgproc.hpp>
 
 #include "align/align.h"
+#include "align/corner_points.h"
 #include "align/parallel_for.h"
 
 namespace {
@@ -32,15 +33,6 @@ void copy_plane(const cv::Mat& picture, unsigned char* out, int width, int heigh
                              std::to_string(width) + "x" + std::to_string(height) + " frame");
   }
   std::memcpy(out, picture.data, bytes);
-}
-
-std::vector<cv::Point2f> corner_points(const double* corners) {
-  std::vector<cv::Point2f> points(4);
-  for (int i = 0; i < 4; ++i) {
-    points[i] = cv::Point2f(static_cast<float>(corners[2 * i]),
-                            static_cast<float>(corners[2 * i + 1]));
-  }
-  return points;
 }
 
 std::vector<cv::Point2f> frame_points(float width, float height) {
@@ -97,8 +89,11 @@ SearchSchedule g_schedule = SearchSchedule::AUTOMATIC;
 
 // With few cores, concurrent attempts mostly contend: OpenCV runs a parallel
 // loop serially while another thread is inside one, so three attempts on two
-// cores hold three SIFT pyramids (3.4 GB each for a 12 MP input) and gain
-// nothing. With many cores, attempts side by side use them best.
+// cores hold three SIFT pyramids (3.4 GB each for a 12 MP input) and finish
+// later than the pipeline (bench/RESULTS.md). With six or more hardware
+// threads, attempts side by side can keep cores busy that one extraction's
+// serial pyramid building leaves idle (not measured: the project's machine
+// has two cores).
 SearchSchedule effective_schedule() {
   if (g_schedule != SearchSchedule::AUTOMATIC) return g_schedule;
   return std::thread::hardware_concurrency() >= 6 ? SearchSchedule::ONE_THREAD_PER_ATTEMPT
