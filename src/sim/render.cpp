@@ -39,7 +39,7 @@ cv::Mat make_reference_frame(int width, int height, std::uint64_t seed) {
   ground.convertTo(frame, CV_8U);
 
   const int scale = std::max(1, std::min(width, height) / 100);
-  const int shapes = width * height / 2500;
+  const int shapes = std::max(40, width * height / 2500);
   for (int i = 0; i < shapes; ++i) {
     const cv::Point c(rng.uniform(0, width), rng.uniform(0, height));
     const cv::Scalar colour(rng.uniform(0, 256));

@@ -1,208 +1,118 @@
-// Bad inputs, run through the binary: each gets its specified message and
-// exit code (or, where none is specified, a clear message and a non-zero
-// exit), never a signal other than the abort of an uncaught exception, never
-// a hang, and never a result folder a later step would take for a result.
+// Bad inputs through the binary: each gets its specified message and exit
+// code (where none is specified, a clear message and a non-zero exit); no
+// signal but the abort of an uncaught exception, no hang (run_tool's
+// timeout), and no file a later step could take for a result.
 #include <signal.h>
 
-#include <cmath>
 #include <cstdint>
 #include <cstring>
 #include <functional>
-#include <string>
-#include <vector>
 
 #include <gtest/gtest.h>
 #include <opencv2/imgcodecs.hpp>
 
 #include "cli/run_tool.h"
 #include "synthetic.h"
-#include "test_support.h"
 
 namespace {
 
-constexpr int kAbort = 128 + SIGABRT;  // an uncaught exception, as the shell sees it
+constexpr int kAbort = 128 + SIGABRT;
 
-struct Outcome {
-  int exit_code;       // exact
-  std::string stderr;  // exact when `exact`, else a part that must appear
-  bool exact;
-  std::string stdout;  // exact
-};
+void picture(const TempDir& d, const std::string& name, const cv::Mat& m) { cv::imwrite(d.file(name), m); }
 
-struct Case {
-  std::string name;
-  std::function<void(const TempDir&)> setup;
-  std::vector<std::string> args;
-  Outcome expected;
-};
-
-void write_picture(const std::string& path, const cv::Mat& picture) {
-  ASSERT_TRUE(cv::imwrite(path, picture)) << path;
-}
-
-std::vector<unsigned char> valid_jpeg() {
-  std::vector<unsigned char> bytes;
-  cv::imencode(".jpg", make_texture(64, 48, 1), bytes);
-  return bytes;
-}
-
-void write_yuv(const std::string& path, int width, int height, int frames) {
+void raw(const TempDir& d, const std::string& name, int width, int height) {
   const cv::Mat luma = make_texture(width, height, 2);
-  std::vector<unsigned char> frame(luma.data, luma.data + luma.total());
-  frame.resize(frame.size() + 2 * ((width + 1) / 2) * ((height + 1) / 2), 128);
-  std::vector<unsigned char> all;
-  for (int i = 0; i < frames; ++i) all.insert(all.end(), frame.begin(), frame.end());
-  write_bytes(path, all);
+  std::vector<unsigned char> bytes(luma.datastart, luma.dataend);
+  bytes.resize(bytes.size() + 2 * ((width + 1) / 2) * ((height + 1) / 2), 128);
+  write_bytes(d.file(name), bytes);
 }
 
-std::vector<unsigned char> ftrs_header(uint64_t count) {
-  std::vector<unsigned char> bytes(8);
+// A .ftrs file: count, then rows, cols, type and `data_bytes` bytes.
+std::vector<unsigned char> ftrs(uint64_t count, int32_t rows, int32_t cols, int32_t type, size_t data_bytes) {
+  std::vector<unsigned char> bytes(20 + data_bytes, 1);
   std::memcpy(bytes.data(), &count, 8);
+  const int32_t header[3] = {rows, cols, type};
+  std::memcpy(bytes.data() + 8, header, 12);
   return bytes;
 }
-
-void append_int32(std::vector<unsigned char>& bytes, int32_t v) {
-  const auto* p = reinterpret_cast<const unsigned char*>(&v);
-  bytes.insert(bytes.end(), p, p + 4);
-}
-
-// A textured capture and a 64 x 48 reference whose features must come from
-// a cache that is damaged in the given way.
-void damaged_cache_setup(const TempDir& dir, const std::vector<unsigned char>& ftrs) {
-  write_picture(dir.file("cap.png"), make_texture(200, 150, 3));
-  write_bytes(dir.file("ref_0.ftrs"), ftrs);
-}
-
-std::vector<std::string> pts_args(std::vector<std::string> pts) {
-  std::vector<std::string> args = {"--input-file", "./cap.png", "--result-folder", "out", "--pts"};
-  args.insert(args.end(), pts.begin(), pts.end());
-  return args;
-}
-
-const std::string kBadCorners = "Corner points do not form a quadrilateral: ";
 
 TEST(framealign, BadInputBattery) {
-  std::vector<unsigned char> truncated_jpeg = valid_jpeg();
-  truncated_jpeg.resize(100);
+  std::vector<unsigned char> jpeg;
+  cv::imencode(".jpg", make_texture(64, 48, 1), jpeg);
+  const std::vector<unsigned char> truncated(jpeg.begin(), jpeg.begin() + 100);
   std::vector<unsigned char> corrupt_png = {0x89, 'P', 'N', 'G', '\r', '\n', 0x1a, '\n'};
   corrupt_png.resize(300, 0x5a);
 
-  std::vector<unsigned char> huge_count = ftrs_header(uint64_t(1) << 60);
-  huge_count.resize(100, 0);
-  std::vector<unsigned char> short_descriptors = ftrs_header(0);
-  append_int32(short_descriptors, 500);
-  append_int32(short_descriptors, 128);
-  append_int32(short_descriptors, 5);
-  short_descriptors.resize(short_descriptors.size() + 1000, 1);
-  std::vector<unsigned char> bad_type = ftrs_header(0);
-  append_int32(bad_type, 1);
-  append_int32(bad_type, 1);
-  append_int32(bad_type, 99999);
-  bad_type.resize(bad_type.size() + 64, 0);
-
-  const auto capture = [](const TempDir& dir) {
-    write_picture(dir.file("cap.png"), make_texture(320, 240, 4));
+  auto capture = [](const TempDir& d) { picture(d, "cap.png", make_texture(320, 240, 4)); };
+  auto with_cache = [&](std::vector<unsigned char> cache) {
+    return [=](const TempDir& d) {
+      capture(d);
+      write_bytes(d.file("ref_0.ftrs"), cache);  // beside a reference that does not exist
+    };
   };
-  const std::vector<std::string> search = {"--input-file", "./cap.png", "--reference-file",
-                                           "./ref.yuv", "--width", "64", "--height", "48",
-                                           "--result-folder", "out"};
-  auto with = [](std::vector<std::string> a, std::vector<std::string> b) {
+  // Paths with a folder part keep the feature caches inside the test folder.
+  const std::vector<std::string> search = {"--input-file", "./cap.png", "--reference-file", "./ref.yuv",
+                                           "--width", "160", "--height", "90", "--result-folder", "out"};
+  auto plus = [](std::vector<std::string> a, const std::vector<std::string>& b) {
     a.insert(a.end(), b.begin(), b.end());
     return a;
   };
+  auto pts = [&](const std::vector<std::string>& values) {
+    return plus({"--input-file", "./cap.png", "--result-folder", "out", "--pts"}, values);
+  };
+  const std::string short_read = "Failed to read complete YUV420 data from file: ";
+  const std::string bad_corners = "Corner points do not form a quadrilateral: ";
 
+  struct Case {
+    const char* name;
+    std::function<void(const TempDir&)> setup;
+    std::vector<std::string> args;
+    int exit_code;
+    std::string err;  // for exit code 255 the exact last line, otherwise a part that must appear
+  };
   const std::vector<Case> cases = {
       {"empty JPEG", [](const TempDir& d) { write_bytes(d.file("in.jpg"), {}); },
-       {"--input-file", "in.jpg", "--result-folder", "out"},
-       {255, "Failed to read image file: in.jpg\n", true, ""}},
-      {"truncated JPEG", [&](const TempDir& d) { write_bytes(d.file("in.jpg"), truncated_jpeg); },
-       {"--input-file", "in.jpg", "--result-folder", "out"},
-       {255, "Failed to read image file: in.jpg\n", false, ""}},
+       {"--input-file", "in.jpg", "--result-folder", "out"}, 255, "Failed to read image file: in.jpg\n"},
+      {"truncated JPEG", [&](const TempDir& d) { write_bytes(d.file("in.jpg"), truncated); },
+       {"--input-file", "in.jpg"}, 255, "Failed to read image file: in.jpg\n"},
       {"corrupt PNG", [&](const TempDir& d) { write_bytes(d.file("in.png"), corrupt_png); },
-       {"--input-file", "in.png"},
-       {255, "Failed to read image file: in.png\n", false, ""}},
-      {".jpe input", [](const TempDir& d) { write_bytes(d.file("in.jpe"), valid_jpeg()); },
-       {"--input-file", "in.jpe", "--result-folder", "out"},
-       {kAbort, "Unsupported input file format (.jpe)", false, ""}},
-      {"input without extension", [](const TempDir& d) { write_bytes(d.file("in"), valid_jpeg()); },
-       {"--input-file", "in"},
-       {kAbort, "Unsupported input file format ()", false, ""}},
-      {"directory as picture input",
-       [](const TempDir& d) { std::filesystem::create_directory(d.file("dir.png")); },
-       {"--input-file", "dir.png"},
-       {255, "Failed to read image file: dir.png\n", true, ""}},
-      {"directory as raw input",
-       [](const TempDir& d) { std::filesystem::create_directory(d.file("dir.yuv")); },
-       {"--input-file", "dir.yuv", "--width", "16", "--height", "16"},
-       {kAbort, "Failed to read complete YUV420 data from file: dir.yuv with resolution 16x16", false, ""}},
-      {"directory as reference",
-       [&](const TempDir& d) {
-         capture(d);
-         std::filesystem::create_directory(d.file("ref.yuv"));
-       },
-       search,
-       {kAbort, "Failed to read complete YUV420 data from file: ./ref.yuv with resolution 64x48", false, ""}},
-      {"raw input shorter than a frame",
-       [](const TempDir& d) { write_bytes(d.file("short.yuv"), std::vector<unsigned char>(100, 7)); },
-       {"--input-file", "short.yuv", "--width", "16", "--height", "16"},
-       {kAbort, "Failed to read complete YUV420 data from file: short.yuv with resolution 16x16", false, ""}},
-      {"reference frame past the end",
-       [&](const TempDir& d) {
-         capture(d);
-         write_yuv(d.file("ref.yuv"), 64, 48, 2);
-       },
-       with(search, {"--frame-number", "2"}),
-       {kAbort, "Failed to read complete YUV420 data from file: ./ref.yuv with resolution 64x48", false, ""}},
-      {"cache with a huge keypoint count", [&](const TempDir& d) { damaged_cache_setup(d, huge_count); },
-       with(search, {"--input-file", "./cap.png"}),
-       {0, "Error reading features from cache: ", false, ""}},
-      {"cache with truncated descriptors",
-       [&](const TempDir& d) { damaged_cache_setup(d, short_descriptors); }, search,
-       {0, "Error reading features from cache: ", false, ""}},
-      {"cache with an impossible matrix type",
-       [&](const TempDir& d) { damaged_cache_setup(d, bad_type); }, search,
-       {0, "Error reading features from cache: ", false, ""}},
-      {"result folder is a regular file",
-       [&](const TempDir& d) {
-         capture(d);
-         write_bytes(d.file("out"), {1, 2, 3});
-       },
-       pts_args({"10", "10", "300", "12", "8", "230", "310", "228"}),
-       {kAbort, "Cannot write result file: out/aligned_", false, ""}},
-      {"zero width", capture, {"--input-file", "./cap.png", "--width", "0"},
-       {kAbort, "Invalid frame size: 0x1080", false, ""}},
-      {"negative height", capture, {"--input-file", "./cap.png", "--height", "-4"},
-       {kAbort, "Invalid frame size: 1920x-4", false, ""}},
-      {"width x height beyond 32 bits", capture,
-       {"--input-file", "./cap.png", "--width", "70000", "--height", "70000"},
-       {kAbort, "Invalid frame size: 70000x70000", false, ""}},
-      {"negative input size", [](const TempDir& d) { write_yuv(d.file("in.yuv"), 16, 16, 1); },
-       {"--input-file", "in.yuv", "--input-width", "-16", "--input-height", "16"},
-       {kAbort, "Invalid frame size: -16x16", false, ""}},
-      {"all corners equal", capture, pts_args({"5", "5", "5", "5", "5", "5", "5", "5"}),
-       {kAbort, kBadCorners, false, ""}},
-      {"three corners on a line", capture,
-       pts_args({"0", "0", "100", "0", "200", "0", "100", "100"}),
-       {kAbort, kBadCorners, false, ""}},
-      {"NaN corner", capture, pts_args({"0", "0", "100", "0", "0", "100", "nan", "100"}),
-       {kAbort, kBadCorners, false, ""}},
-      {"infinite corner", capture, pts_args({"0", "0", "inf", "0", "0", "100", "100", "100"}),
-       {kAbort, kBadCorners, false, ""}},
+       {"--input-file", "in.png"}, 255, "Failed to read image file: in.png\n"},
+      {"directory as picture", [](const TempDir& d) { std::filesystem::create_directory(d.file("d.png")); },
+       {"--input-file", "d.png"}, 255, "Failed to read image file: d.png\n"},
+      {".jpe input", [&](const TempDir& d) { write_bytes(d.file("in.jpe"), jpeg); },
+       {"--input-file", "in.jpe", "--result-folder", "out"}, kAbort, "Unsupported input file format (.jpe)"},
+      {"input without extension", [&](const TempDir& d) { write_bytes(d.file("in"), jpeg); },
+       {"--input-file", "in"}, kAbort, "Unsupported input file format ()"},
+      {"directory as raw input", [](const TempDir& d) { std::filesystem::create_directory(d.file("d.yuv")); },
+       {"--input-file", "d.yuv", "--width", "16", "--height", "16"}, kAbort, short_read + "d.yuv with resolution 16x16"},
+      {"raw input shorter than a frame", [](const TempDir& d) { write_bytes(d.file("s.yuv"), std::vector<unsigned char>(100)); },
+       {"--input-file", "s.yuv", "--width", "16", "--height", "16"}, kAbort, short_read + "s.yuv with resolution 16x16"},
+      {"directory as reference", [&](const TempDir& d) { capture(d); std::filesystem::create_directory(d.file("ref.yuv")); },
+       search, kAbort, short_read + "./ref.yuv with resolution 160x90"},
+      {"reference frame past the end", [&](const TempDir& d) { capture(d); raw(d, "ref.yuv", 160, 90); },
+       plus(search, {"--frame-number", "1"}), kAbort, short_read + "./ref.yuv with resolution 160x90"},
+      {"cache with a huge count", with_cache(ftrs(uint64_t(1) << 60, 0, 0, 0, 80)), search, 0,
+       "Error reading features from cache: "},
+      {"cache with truncated descriptors", with_cache(ftrs(0, 500, 128, 5, 1000)), search, 0,
+       "Error reading features from cache: "},
+      {"cache with an impossible type", with_cache(ftrs(0, 1, 1, 99999, 64)), search, 0,
+       "Error reading features from cache: "},
+      {"result folder is a regular file", [&](const TempDir& d) { capture(d); write_bytes(d.file("out"), {1}); },
+       pts({"10", "10", "300", "12", "8", "230", "310", "228"}), kAbort, "Cannot write result file: out/aligned_"},
+      {"zero width", capture, {"--input-file", "./cap.png", "--width", "0"}, kAbort, "Invalid frame size: 0x1080"},
+      {"negative height", capture, {"--input-file", "./cap.png", "--height", "-4"}, kAbort, "Invalid frame size: 1920x-4"},
+      {"size beyond 32 bits", capture, {"--input-file", "./cap.png", "--width", "70000", "--height", "70000"},
+       kAbort, "Invalid frame size: 70000x70000"},
+      {"all corners equal", capture, pts({"5", "5", "5", "5", "5", "5", "5", "5"}), kAbort, bad_corners},
+      {"three corners on a line", capture, pts({"0", "0", "100", "0", "200", "0", "100", "100"}), kAbort, bad_corners},
+      {"NaN corner", capture, pts({"0", "0", "100", "0", "0", "100", "nan", "100"}), kAbort, bad_corners},
+      {"infinite corner", capture, pts({"0", "0", "inf", "0", "0", "100", "100", "100"}), kAbort, bad_corners},
       {"uniform grey capture",
-       [](const TempDir& d) {
-         write_picture(d.file("cap.png"), cv::Mat(240, 320, CV_8UC1, cv::Scalar(128)));
-         write_yuv(d.file("ref.yuv"), 160, 90, 1);
-       },
-       {"--input-file", "./cap.png", "--reference-file", "./ref.yuv", "--width", "160", "--height",
-        "90", "--result-folder", "out"},
-       {kAbort, "No features found to match against", false, ""}},
+       [](const TempDir& d) { picture(d, "cap.png", cv::Mat(240, 320, CV_8UC1, cv::Scalar(128))); raw(d, "ref.yuv", 160, 90); },
+       search, kAbort, "No features found to match against"},
       {"capture smaller than the reference",
-       [](const TempDir& d) {
-         write_picture(d.file("cap.png"), make_texture(40, 30, 5));
-         write_yuv(d.file("ref.yuv"), 64, 48, 1);
-       },
-       with(search, {"--no-rectify"}),
-       {kAbort, "cannot fill a 64x48 frame", false, ""}},
+       [](const TempDir& d) { picture(d, "cap.png", make_texture(40, 30, 5)); raw(d, "ref.yuv", 160, 90); },
+       plus(search, {"--no-rectify"}), kAbort, "cannot fill a 160x90 frame"},
   };
 
   for (const Case& c : cases) {
@@ -210,22 +120,22 @@ TEST(framealign, BadInputBattery) {
     TempDir dir;
     c.setup(dir);
     const ToolRun r = run_tool(c.args, dir);
-    EXPECT_EQ(r.exit_code, c.expected.exit_code) << r.err;
-    if (c.expected.exact) {
-      EXPECT_EQ(r.err, c.expected.stderr);
+    EXPECT_EQ(r.exit_code, c.exit_code) << r.err;
+    if (c.exit_code == 255) {
+      // The decoders may warn first, in their own words.
+      EXPECT_EQ(r.err.substr(r.err.size() - std::min(r.err.size(), c.err.size())), c.err) << r.err;
     } else {
-      EXPECT_NE(r.err.find(c.expected.stderr), std::string::npos) << r.err;
+      EXPECT_NE(r.err.find(c.err), std::string::npos) << r.err;
     }
-    if (c.expected.exit_code != 0) {
-      EXPECT_EQ(r.out, c.expected.stdout);
-      // No file at all that a later step could take for a result.
-      if (std::filesystem::is_directory(dir.file("out"))) {
-        EXPECT_TRUE(std::filesystem::is_empty(dir.file("out")));
-      }
+    if (c.exit_code != 0) {
+      EXPECT_EQ(r.out, "");
+      const bool any_file = std::filesystem::is_directory(dir.file("out")) &&
+                            !std::filesystem::is_empty(dir.file("out"));
+      EXPECT_FALSE(any_file);
     } else {
-      // A run that ends normally with a damaged cache finds nothing in a blank
-      // reference, and says so in the folder's only file.
-      EXPECT_EQ(r.out.rfind("best score: 999999\nalignment time: ", 0), 0u) << r.out;
+      // The damaged cache is a miss; the blank reference then matches nothing,
+      // and the folder's only file says so.
+      EXPECT_EQ(r.out.rfind("best score: 999999\n", 0), 0u) << r.out;
       EXPECT_EQ(read_text(dir.file("out/best_result.txt")), "999999.000000\n");
     }
   }
