@@ -13,13 +13,13 @@
 
 namespace fs = std::filesystem;
 
-namespace {
-
 std::string lower_extension(const std::string& path) {
   std::string ext = fs::path(path).extension().string();
   for (char& c : ext) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
   return ext;
 }
+
+namespace {
 
 bool is_compressed_extension(const std::string& ext) {
   if (ext.size() == 4) {

@@ -15,6 +15,9 @@
 // other than "not found" are thrown as std::filesystem::filesystem_error.
 bool file_exists(const std::string& path);
 
+// The extension of the last path component ("" for none), lower-cased.
+std::string lower_extension(const std::string& path);
+
 // True when the lower-cased extension is one OpenCV decodes for us: .png .jpg
 // .bmp .tif .jpeg .tiff .webp.
 bool is_input_file_compressed(const std::string& path);
