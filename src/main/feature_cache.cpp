@@ -147,14 +147,18 @@ bool load_features(const std::string& path, std::vector<cv::KeyPoint>& keypoints
                                std::to_string(rows) + "x" + std::to_string(cols) + ", type " +
                                std::to_string(mat_type) + ")");
     }
-    const std::uint64_t data_bytes = static_cast<std::uint64_t>(rows) *
-                                     static_cast<std::uint64_t>(cols) * CV_ELEM_SIZE(mat_type);
-    if (data_bytes > room - count * kRecordBytes) {
+    // A row is at most 2^31 elements of 4096 bytes, so its size fits; the
+    // whole matrix is compared by division, as rows x row size can wrap.
+    const std::uint64_t row_bytes =
+        static_cast<std::uint64_t>(cols) * static_cast<std::uint64_t>(CV_ELEM_SIZE(mat_type));
+    const std::uint64_t left = room - count * kRecordBytes;
+    if (row_bytes != 0 && static_cast<std::uint64_t>(rows) > left / row_bytes) {
       throw std::runtime_error(path + " announces a " + std::to_string(rows) + "x" +
                                std::to_string(cols) + " descriptor matrix but holds " +
                                std::to_string(file_size) + " bytes");
     }
     cv::Mat matrix(rows, cols, mat_type);
+    const std::uint64_t data_bytes = static_cast<std::uint64_t>(rows) * row_bytes;
     if (data_bytes > 0) read_exactly(in, matrix.data, data_bytes, path);
 
     keypoints = std::move(loaded);

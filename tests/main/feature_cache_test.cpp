@@ -107,12 +107,16 @@ TEST(load_features, DamagedFilesAreReportedMisses) {
     return damaged;
   };
   const size_t matrix = 8 + 3 * 28;
+  const int32_t kWrappingType = CV_32SC(8);
   std::vector<std::vector<unsigned char>> cases = {
       with(0, int64_t(1) << 60, 8), with(0, -1, 8),  // counts the file cannot hold
       with(matrix, -1, 4),                            // negative rows
       with(matrix, 0x7fffffff, 4),                    // rows x cols past the file
       with(matrix + 8, 1 << 20, 4),                   // impossible type
   };
+  // 2^29 rows x 2^30 cols of 32-byte elements: the byte count wraps to zero.
+  cases.push_back(with(matrix, (int64_t(1) << 62) | (int64_t(1) << 29), 8));
+  std::memcpy(cases.back().data() + matrix + 8, &kWrappingType, 4);
   for (size_t size = 0; size < bytes.size(); ++size) cases.emplace_back(bytes.begin(), bytes.begin() + size);
 
   for (const std::vector<unsigned char>& damaged : cases) {
