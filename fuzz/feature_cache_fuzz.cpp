@@ -1,6 +1,7 @@
 // The feature cache loader on the fuzz bytes as a .ftrs file. A load either
-// misses or returns a feature set that the file really held: saved again, it
-// gives back the file's bytes (all of them but any trailing surplus).
+// misses or returns a feature set that the file really held, with one
+// descriptor row per keypoint: saved again, it gives back the file's bytes
+// (all of them but any trailing surplus).
 #include <unistd.h>
 
 #include <cstddef>
@@ -45,6 +46,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   std::vector<cv::KeyPoint> keypoints;
   cv::Mat descriptors;
   if (load_features(file, keypoints, descriptors)) {
+    if (static_cast<size_t>(descriptors.rows) != keypoints.size()) __builtin_trap();
     const std::string again = path("_again.ftrs");
     save_features(again, keypoints, descriptors);
     const std::vector<uint8_t> written = read_all(again);

@@ -219,7 +219,8 @@ void align_frame(const std::vector<cv::DMatch>& matches,
 
 // How the search runs its attempts. Results are byte-identical either way.
 enum class SearchSchedule {
-  // Pipelined with fewer than 6 hardware threads, else one thread per attempt.
+  // Pipelined with fewer than 6 usable CPUs (the affinity mask), else one
+  // thread per attempt.
   AUTOMATIC,
   // Every attempt on a thread of its own, all at once: three SIFT pyramids
   // of the input in memory together.
@@ -233,6 +234,19 @@ enum class SearchSchedule {
 
 // Chooses the schedule of later searches; not to be called while one runs.
 void set_search_schedule(SearchSchedule schedule);
+
+// How the advanced pre-pass says the full-size attempts should match.
+struct MatchingMode {
+  bool affine = false;  // affine-simulating SIFT
+  bool mirror = false;  // on the input mirrored left-right
+  std::size_t trial_matches[3] = {};  // inliers of the plain, affine and mirrored trial
+};
+
+// The advanced pre-pass: plain, affine and mirrored trials on copies of both
+// pictures scaled to a height of 360 (less for small references); a trial
+// wins with more than 10 matches and more than twice the kept trial's.
+MatchingMode choose_matching_mode(const cv::Mat& image, const cv::Mat& reference,
+                                  const char* result_folder);
 
 // Runs the three preprocessing attempts in parallel (after the optional
 // advanced pre-pass), compacts the successful ones to the front and stores

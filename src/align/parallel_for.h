@@ -1,9 +1,21 @@
 // The library's one thread primitive.
 #pragma once
 
+#include <sched.h>
+
 #include <algorithm>
 #include <thread>
 #include <vector>
+
+// CPUs this process may run on: its affinity mask, which taskset, cgroup
+// cpusets and cluster schedulers narrow, unlike hardware_concurrency().
+// At least 1.
+inline int usable_cpu_count() {
+  cpu_set_t set;
+  CPU_ZERO(&set);
+  if (sched_getaffinity(0, sizeof(set), &set) == 0) return std::max(CPU_COUNT(&set), 1);
+  return std::max(static_cast<int>(std::thread::hardware_concurrency()), 1);
+}
 
 // Calls func(i) for every i in [start, end) on freshly started threads: the
 // range is cut into at most `num_threads` contiguous blocks, one thread per

@@ -81,8 +81,9 @@ int align_given_corners(const cv::Mat& image, int width, int height, const doubl
 }
 
 // FLANN's randomised k-d trees draw from OpenCV's per-thread generator.
-// Starting every attempt and every trial from a fresh generator makes their
-// results independent of which thread runs them, and of what ran before.
+// Starting every attempt, and the advanced pre-pass, from a fresh generator
+// makes their results independent of which thread runs them, and of what
+// ran before.
 void reset_thread_rng() { cv::theRNG() = cv::RNG(); }
 
 SearchSchedule g_schedule = SearchSchedule::AUTOMATIC;
@@ -90,14 +91,14 @@ SearchSchedule g_schedule = SearchSchedule::AUTOMATIC;
 // With few cores, concurrent attempts mostly contend: OpenCV runs a parallel
 // loop serially while another thread is inside one, so three attempts on two
 // cores hold three SIFT pyramids (3.4 GB each for a 12 MP input) and finish
-// later than the pipeline (bench/RESULTS.md). With six or more hardware
-// threads, attempts side by side can keep cores busy that one extraction's
+// later than the pipeline (bench/RESULTS.md). With six or more usable
+// CPUs, attempts side by side can keep cores busy that one extraction's
 // serial pyramid building leaves idle (not measured: the project's machine
 // has two cores).
 SearchSchedule effective_schedule() {
   if (g_schedule != SearchSchedule::AUTOMATIC) return g_schedule;
-  return std::thread::hardware_concurrency() >= 6 ? SearchSchedule::ONE_THREAD_PER_ATTEMPT
-                                                  : SearchSchedule::PIPELINED;
+  return usable_cpu_count() >= 6 ? SearchSchedule::ONE_THREAD_PER_ATTEMPT
+                                  : SearchSchedule::PIPELINED;
 }
 
 }  // namespace
@@ -183,6 +184,54 @@ void align_frame(const std::vector<cv::DMatch>& matches,
   copy_plane(warped, aligned, width, height);
 }
 
+MatchingMode choose_matching_mode(const cv::Mat& image, const cv::Mat& reference,
+                                  const char* result_folder) {
+  // On a small copy of both pictures, try plain SIFT, affine SIFT and plain
+  // SIFT on the mirrored input; a trial that finds far more matches than the
+  // kept one decides how the full-size attempts run.
+  const int width = reference.cols;
+  const int height = reference.rows;
+  if (height <= 0) throw std::invalid_argument("reference height must be positive");
+  const int small_height = 3 * height < 720 ? (3 * height) / 2 : 360;
+  const int small_width = static_cast<int>(static_cast<long long>(width) * small_height / height);
+  cv::Mat small_ref, small_input;
+  cv::resize(reference, small_ref, cv::Size(small_width, small_height), 0, 0, cv::INTER_LINEAR);
+  cv::resize(image, small_input, cv::Size(small_width, small_height), 0, 0, cv::INTER_LINEAR);
+  std::vector<cv::KeyPoint> small_ref_keypoints;
+  cv::Mat small_ref_descriptors;
+  SIFTdetectAndCompute(small_ref, small_ref_keypoints, small_ref_descriptors, false);
+  const double small_corners[8] = {0, 0, static_cast<double>(small_width), 0, 0,
+                                   static_cast<double>(small_height),
+                                   static_cast<double>(small_width),
+                                   static_cast<double>(small_height)};
+  MatchingMode mode;
+  std::size_t kept = 0;
+  // The trials run one after another on this thread, so trials 1 and 2
+  // continue the generator sequence that trial 0 left, as FLANN draws it.
+  reset_thread_rng();
+  for (int trial = 0; trial < 3; ++trial) {
+    if (trial == 2) cv::flip(small_input, small_input, 1);
+    std::vector<cv::KeyPoint> keypoints;
+    cv::Mat descriptors;
+    double ignored_score = 1.0;
+    const std::size_t found =
+        calculateMatches(small_input, small_ref, small_width, small_height, GAUSSIAN_BLUR,
+                         small_corners, result_folder, small_ref_descriptors,
+                         small_ref_keypoints, descriptors, keypoints, nullptr, nullptr,
+                         ignored_score, trial == 1)
+            .size();
+    mode.trial_matches[trial] = found;
+    if (trial == 0) {
+      kept = found;
+    } else if (found > 10 && found > 2 * kept) {
+      kept = found;
+      mode.affine = trial == 1;
+      mode.mirror = trial == 2;
+    }
+  }
+  return mode;
+}
+
 int get_rectified_imgs(const cv::Mat& image, int width, int height, const char* result_folder,
                        unsigned char* reference, unsigned char** aligned, double (*pts)[8],
                        double (*content_pts)[20], double* best_score,
@@ -207,44 +256,15 @@ int get_rectified_imgs(const cv::Mat& image, int width, int height, const char* 
   if (schedule != SearchSchedule::PIPELINED) reference_features();
 
   if (advanced) {
-    // On a small copy of both pictures, try plain SIFT, affine SIFT and plain
-    // SIFT on the mirrored input; a trial that finds far more matches than the
-    // plain one decides how the full-size attempts run.
-    if (height <= 0) throw std::invalid_argument("reference height must be positive");
-    const int small_height = 3 * height < 720 ? (3 * height) / 2 : 360;
-    const int small_width =
-        static_cast<int>(static_cast<long long>(width) * small_height / height);
-    cv::Mat small_ref, small_input;
-    cv::resize(ref, small_ref, cv::Size(small_width, small_height), 0, 0, cv::INTER_LINEAR);
-    cv::resize(image, small_input, cv::Size(small_width, small_height), 0, 0, cv::INTER_LINEAR);
-    std::vector<cv::KeyPoint> small_ref_keypoints;
-    cv::Mat small_ref_descriptors;
-    SIFTdetectAndCompute(small_ref, small_ref_keypoints, small_ref_descriptors, false);
-    const double small_corners[8] = {0, 0, static_cast<double>(small_width), 0, 0,
-                                     static_cast<double>(small_height),
-                                     static_cast<double>(small_width),
-                                     static_cast<double>(small_height)};
-    std::vector<cv::DMatch> kept;
-    bool mirror = false;
-    for (int trial = 0; trial < 3; ++trial) {
-      reset_thread_rng();
-      if (trial == 2) cv::flip(small_input, small_input, 1);
-      std::vector<cv::KeyPoint> keypoints;
-      cv::Mat descriptors;
-      double ignored_score = 1.0;
-      std::vector<cv::DMatch> matches = calculateMatches(
-          small_input, small_ref, small_width, small_height, GAUSSIAN_BLUR, small_corners,
-          result_folder, small_ref_descriptors, small_ref_keypoints, descriptors, keypoints,
-          nullptr, nullptr, ignored_score, trial == 1);
-      if (trial == 0) {
-        kept = std::move(matches);
-      } else if (matches.size() > 10 && matches.size() > 2 * kept.size()) {
-        kept = std::move(matches);
-        affine = trial == 1;
-        mirror = trial == 2;
-      }
+    const MatchingMode mode = choose_matching_mode(image, ref, result_folder);
+    affine = mode.affine;
+    // Into a picture of its own: `image` is the caller's buffer, which the
+    // results writer outlines unmirrored.
+    if (mode.mirror) {
+      cv::Mat mirrored;
+      cv::flip(image, mirrored, 1);
+      work = mirrored;
     }
-    if (mirror) cv::flip(image, work, 1);
   }
 
   const double ref_corners[8] = {0, 0, static_cast<double>(width), 0, 0,
@@ -417,9 +437,10 @@ double align_frame(unsigned char* input, unsigned char* reference, int width, in
     if (crop_width >= 1 && crop_height >= 1) {
       const float r = (static_cast<float>(crop_width) / static_cast<float>(width)) /
                       (static_cast<float>(crop_height) / static_cast<float>(height));
-      if (r > 1.001f) {
+      // r is single precision; the limits are compared in double.
+      if (r > 1.001) {
         pad_y = height - static_cast<int>(static_cast<float>(height) / r + 0.5f);
-      } else if (r < 0.999f) {
+      } else if (r < 0.999) {
         pad_x = width - static_cast<int>(static_cast<float>(width) * r + 0.5f);
       }
     }

@@ -10,7 +10,6 @@
 #include <string>
 
 #include <opencv2/core.hpp>
-#include <opencv2/core/utils/logger.hpp>
 #include <opencv2/imgcodecs.hpp>
 
 #include "align/align.h"
@@ -70,10 +69,6 @@ int run_program(int argc, char** argv) {
   const int status = parse_arguments(argc, argv, args);
   if (status == PARSE_SHOWED_USAGE || status == PARSE_SHOWED_VERSION) return 0;
   if (status != PARSE_RUN) return kExitError;
-
-  // OpenCV's own warnings (an unreadable picture, say) would only repeat the
-  // tool's message in another form; the alignment silences them anyway.
-  cv::utils::logging::setLogLevel(cv::utils::logging::LOG_LEVEL_ERROR);
 
   if (!args.result_folder.empty() && !prepare_result_folder(args.result_folder)) {
     return kExitError;

@@ -157,6 +157,11 @@ bool load_features(const std::string& path, std::vector<cv::KeyPoint>& keypoints
                                std::to_string(cols) + " descriptor matrix but holds " +
                                std::to_string(file_size) + " bytes");
     }
+    // Matching indexes keypoints by descriptor row: the two must agree.
+    if (static_cast<std::uint64_t>(rows) != count) {
+      throw std::runtime_error(path + " holds " + std::to_string(count) + " keypoints but " +
+                               std::to_string(rows) + " descriptor rows");
+    }
     cv::Mat matrix(rows, cols, mat_type);
     const std::uint64_t data_bytes = static_cast<std::uint64_t>(rows) * row_bytes;
     if (data_bytes > 0) read_exactly(in, matrix.data, data_bytes, path);

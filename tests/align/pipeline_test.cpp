@@ -119,8 +119,7 @@ TEST(draw_matches_combined, ScalesBothIntoOneBox) {
 }
 
 // The driver with corners given: one slot per requested variant, each
-// OpenCV's warp by the corners finished as that variant; a square crop of a
-// 1920 x 1080 frame leaves 840 black columns at the right.
+// OpenCV's warp by the corners finished as that variant.
 TEST(align_frame, CornersGivenSlotsFollowTheVariantList) {
   const double corners[8] = {310, 240, 2080, 330, 250, 1330, 2140, 1390};
   const cv::Mat input = make_capture(make_texture(1920, 1080, 8), corners, 2400, 1600, 9);
@@ -146,23 +145,107 @@ TEST(align_frame, CornersGivenSlotsFollowTheVariantList) {
                 std::vector<unsigned char>(expected.datastart, expected.dataend)) << i;
     }
   }
-  TempDir square;
-  run({0}, 1080, square);
-  const std::vector<unsigned char> bytes = read_bytes(square.file("aligned_0__1920xx1080.yuv"));
-  const cv::Mat frame(1080, 1920, CV_8UC1, const_cast<unsigned char*>(bytes.data()));
-  EXPECT_EQ(cv::countNonZero(frame(cv::Rect(1080, 0, 840, 1080))), 0);
-  EXPECT_GT(cv::countNonZero(frame(cv::Rect(1079, 0, 1, 1080))), 1000);
-  std::string polygon = "0.000000 0.000000 0.000000 1080.000000 1080.000000 1080.000000 1080.000000 0.000000";
-  for (int i = 0; i < 12; ++i) polygon += " -1.000000";
-  EXPECT_EQ(read_text(square.file("content_pts_0.txt")), polygon + "\n");
-
   // Without reference and corners it only fills the feature cache.
   int saves = 0;
   const double none[8] = {};
   const cv::Mat small = make_texture(96, 64, 9);
-  EXPECT_EQ(align_frame(small.data, nullptr, 1920, 1080, 96, 64, 0, 0, 0, none, square.path().c_str(),
+  TempDir cache_only;
+  EXPECT_EQ(align_frame(small.data, nullptr, 1920, 1080, 96, 64, 0, 0, 0, none, cache_only.path().c_str(),
                         nullptr, [&](auto&, auto&, auto) { ++saves; }, false, {}, false), -1.0);
   EXPECT_EQ(saves, 6);
+}
+
+// With a crop size the picture keeps the crop's aspect and black padding
+// fills the frame to its right or below; the ratio is compared with its
+// limits 1.001 and 0.999 in double precision.
+TEST(align_frame, CornersGivenPadToTheCropAspect) {
+  struct Case {
+    int width, height, crop_width, crop_height, inner_width, inner_height;
+  };
+  const std::vector<Case> cases = {{1920, 1080, 1080, 1080, 1080, 1080}, {1920, 1080, 1920, 800, 1920, 800},
+                                   {1000, 1000, 1001, 1000, 1000, 999},  {1000, 1000, 1000, 1001, 1000, 1000},
+                                   {1920, 1080, 0, 1080, 1920, 1080}};
+  for (const Case& c : cases) {
+    // Corners inside a larger picture with no black pixel of its own.
+    const double w = c.width + 16, h = c.height + 16, corners[8] = {16, 16, w, 16, 16, h, w, h};
+    const cv::Mat input = make_texture(c.width + 32, c.height + 32, 3) | 1;
+    TempDir dir;
+    align_frame(input.data, input.data, c.width, c.height, input.cols, input.rows, c.crop_width, c.crop_height, 0,
+                corners, dir.path().c_str(), nullptr, nullptr, false, {0}, false);
+    const std::string iw = std::to_string(c.inner_width) + ".000000", ih = std::to_string(c.inner_height) + ".000000";
+    std::string polygon = "0.000000 0.000000 0.000000 " + ih + " " + iw + " " + ih + " " + iw + " 0.000000";
+    for (int i = 0; i < 12; ++i) polygon += " -1.000000";
+    EXPECT_EQ(read_text(dir.file("content_pts_0.txt")), polygon + "\n") << c.crop_width << "x" << c.crop_height;
+    const std::vector<unsigned char> bytes = read_bytes(
+        dir.file("aligned_0__" + std::to_string(c.width) + "xx" + std::to_string(c.height) + ".yuv"));
+    const cv::Mat frame(c.height, c.width, CV_8UC1, const_cast<unsigned char*>(bytes.data()));
+    // The picture fills the inner part; the rest is black padding.
+    EXPECT_EQ(cv::countNonZero(frame(cv::Rect(0, 0, c.inner_width, c.inner_height))), c.inner_width * c.inner_height);
+    EXPECT_EQ(cv::countNonZero(frame), c.inner_width * c.inner_height);
+  }
+}
+
+// The search on a mirrored capture with --advanced matches on a mirrored
+// copy: the caller's picture stays as it was and the preview outlines it.
+TEST(align_frame, AdvancedSearchLeavesTheCallersPictureAlone) {
+  const cv::Mat reference = make_texture(640, 360, 61);
+  const double corners[8] = {110, 80, 830, 100, 90, 610, 860, 640};
+  cv::Mat capture, mirror;
+  cv::flip(make_capture(reference, corners, 960, 720, 62), capture, 1);
+  cv::flip(capture, mirror, 1);
+  const cv::Mat given = capture.clone();
+  TempDir dir;
+  const double none[8] = {};
+  EXPECT_LT(align_frame(capture.data, reference.data, 640, 360, 960, 720, 0, 0, 0, none, dir.path().c_str(),
+                        nullptr, nullptr, true, {}, true), kFailedScore);
+  EXPECT_EQ(cv::norm(capture, given, cv::NORM_INF), 0.0);
+  const cv::Mat preview = cv::imread(dir.file("in_0.jpg"), cv::IMREAD_GRAYSCALE);
+  EXPECT_LT(cv::norm(preview, given, cv::NORM_L1) / given.total(), 4.0);
+  EXPECT_GT(cv::norm(preview, mirror, cv::NORM_L1) / given.total(), 15.0);
+}
+
+// The pre-pass's three trials draw from one generator sequence, started
+// fresh before the plain trial, as three calls in a row on one thread do.
+TEST(choose_matching_mode, TrialsContinueOneGeneratorSequence) {
+  const cv::Mat reference = make_texture(640, 360, 71);
+  const double corners[8] = {110, 80, 830, 100, 90, 610, 860, 640};
+  cv::Mat capture;
+  cv::flip(make_capture(reference, corners, 960, 720, 72), capture, 1);
+  const MatchingMode mode = choose_matching_mode(capture, reference, nullptr);
+  EXPECT_TRUE(mode.mirror && !mode.affine);
+
+  cv::Mat small_ref, small_input;
+  cv::resize(reference, small_ref, cv::Size(640, 360));
+  cv::resize(capture, small_input, cv::Size(640, 360));
+  std::vector<cv::KeyPoint> ref_kps, kps;
+  cv::Mat ref_desc, desc;
+  SIFTdetectAndCompute(small_ref, ref_kps, ref_desc, false);
+  const double frame[8] = {0, 0, 640, 0, 0, 360, 640, 360};
+  cv::theRNG() = cv::RNG();
+  for (int trial = 0; trial < 3; ++trial) {
+    if (trial == 2) cv::flip(small_input, small_input, 1);
+    double score = 1.0;
+    EXPECT_EQ(calculateMatches(small_input, small_ref, 640, 360, GAUSSIAN_BLUR, frame, nullptr, ref_desc, ref_kps,
+                               desc, kps, nullptr, nullptr, score, trial == 1).size(),
+              mode.trial_matches[trial]) << trial;
+  }
+}
+
+TEST(usable_cpu_count, FollowsTheAffinityMask) {
+  cpu_set_t all;
+  ASSERT_EQ(sched_getaffinity(0, sizeof(all), &all), 0);
+  cpu_set_t one;
+  CPU_ZERO(&one);
+  for (int cpu = 0; cpu < CPU_SETSIZE; ++cpu) {
+    if (CPU_ISSET(cpu, &all)) {
+      CPU_SET(cpu, &one);
+      break;
+    }
+  }
+  ASSERT_EQ(sched_setaffinity(0, sizeof(one), &one), 0);
+  EXPECT_EQ(usable_cpu_count(), 1);
+  ASSERT_EQ(sched_setaffinity(0, sizeof(all), &all), 0);
+  EXPECT_EQ(usable_cpu_count(), CPU_COUNT(&all));
 }
 
 // The two search schedules write the same bytes, plain and with --advanced

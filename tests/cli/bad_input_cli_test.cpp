@@ -1,7 +1,7 @@
-// Bad inputs through the binary: each gets its specified message and exit
-// code (where none is specified, a clear message and a non-zero exit); no
-// signal but the abort of an uncaught exception, no hang (run_tool's
-// timeout), and no file a later step could take for a result.
+// Bad inputs through the binary: each gets the tool's own message and exit
+// code, or where the tool has no message of its own, a clear one and a
+// non-zero exit; no signal but the abort of an uncaught exception, no hang
+// (run_tool's timeout), and no file a later step could take for a result.
 #include <signal.h>
 
 #include <cstdint>

@@ -118,6 +118,9 @@ TEST(load_features, DamagedFilesAreReportedMisses) {
   cases.push_back(with(matrix, (int64_t(1) << 62) | (int64_t(1) << 29), 8));
   std::memcpy(cases.back().data() + matrix + 8, &kWrappingType, 4);
   for (size_t size = 0; size < bytes.size(); ++size) cases.emplace_back(bytes.begin(), bytes.begin() + size);
+  // Three keypoints but two descriptor rows: matching would index past the keypoints.
+  save_features(path, good.keypoints, good.descriptors.rowRange(0, 2));
+  cases.push_back(read_bytes(path));
 
   for (const std::vector<unsigned char>& damaged : cases) {
     write_bytes(path, damaged);
