@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "align/align.h"
+#include "align/internal.h"
 #include "sim/render.h"
 
 namespace {

@@ -1,4 +1,6 @@
-// Test helpers: a private temporary folder per test, whole-file I/O.
+// Test helpers: a private temporary folder per test, whole-file I/O, and
+// synthetic pictures (the simulator's textured frame, placed in a capture
+// through a known perspective).
 #pragma once
 
 #include <unistd.h>
@@ -9,6 +11,11 @@
 #include <iterator>
 #include <string>
 #include <vector>
+
+#include <opencv2/imgproc.hpp>
+
+#include "align/align.h"
+#include "sim/render.h"
 
 class TempDir {
  public:
@@ -47,13 +54,35 @@ inline std::string read_text(const std::string& path) {
   return std::string(bytes.begin(), bytes.end());
 }
 
+using Folder = std::vector<std::pair<std::string, std::vector<unsigned char>>>;
+
 // Every regular file of a folder with its bytes, by name.
-inline std::vector<std::pair<std::string, std::vector<unsigned char>>> read_folder(
-    const std::string& folder) {
-  std::vector<std::pair<std::string, std::vector<unsigned char>>> files;
+inline Folder read_folder(const std::string& folder) {
+  Folder files;
   for (const auto& entry : std::filesystem::directory_iterator(folder)) {
     if (entry.is_regular_file()) files.emplace_back(entry.path().filename().string(), read_bytes(entry.path().string()));
   }
   std::sort(files.begin(), files.end());
   return files;
+}
+
+inline cv::Mat make_texture(int width, int height, uint64_t seed) {
+  return make_reference_frame(width, height, seed);
+}
+
+// The perspective that puts a width x height frame's corners at `corners`.
+inline cv::Mat frame_to_capture(int width, int height, const double* corners) {
+  double frame[8];
+  frame_corners(width, height, frame);
+  return cv::getPerspectiveTransform(corner_points(frame), corner_points(corners));
+}
+
+// `frame` seen at `corners` in a capture of the given size, over a dimmed
+// texture of its own.
+inline cv::Mat make_capture(const cv::Mat& frame, const double* corners, int capture_width,
+                            int capture_height, uint64_t background_seed) {
+  cv::Mat capture = make_texture(capture_width, capture_height, background_seed) / 2;
+  cv::warpPerspective(frame, capture, frame_to_capture(frame.cols, frame.rows, corners),
+                      capture.size(), cv::INTER_LINEAR, cv::BORDER_TRANSPARENT);
+  return capture;
 }

@@ -15,6 +15,7 @@
 //  - Scores are lower-is-better; kFailedScore marks a failed attempt.
 #pragma once
 
+#include <cstddef>
 #include <functional>
 #include <string>
 #include <vector>
@@ -45,48 +46,43 @@ enum PreprocessingType : int {
   MORPHOLOGICAL_OPENING = 2,  // opening with a 3x3 ellipse
 };
 
-// CLAHE setting of an output variant.
-struct ClaheSetting {
-  float clip_limit;
-  int tiles_x;  // tiles across
-  int tiles_y;  // tiles down
-};
-
-// Output variants: 0 is the raw aligned plane (clip limit 0 here means "no
-// CLAHE"), 1..4 are CLAHE settings. Codes outside 0..4 are left raw too.
-constexpr ClaheSetting kOutputVariants[5] = {
-    {0.0f, 0, 0}, {40.0f, 12, 8}, {20.0f, 32, 32}, {18.0f, 40, 64}, {20.0f, 80, 45}};
-
-// The variant used for the enhanced copy of every search result.
-constexpr int kEnhancedCopyVariant = 2;
-
 // ---- Preprocessing --------------------------------------------------------
 
 // Name under which features of `type` are cached ("UNKNOWN" for other values).
 std::string get_preprocessing_name(PreprocessingType type);
 
-// The caller's buffer as a CV_8UC1 matrix, without copying.
+// The caller's buffer as a CV_8UC1 matrix, without copying. (Not called by
+// framealign; a utility for callers of the library.)
 cv::Mat decode_raw_buffer(unsigned char* data, int width, int height);
 
 // A filtered copy of `image`; the input is never changed.
 cv::Mat apply_preprocessing(const cv::Mat& image, PreprocessingType type);
 
-// CLAHE of a packed 8-bit plane, in place.
+// CLAHE (Zuiderveld, "Contrast limited adaptive histogram equalization",
+// Graphics Gems IV, 1994) of a packed 8-bit plane, in place. The output
+// variants' settings (clip limit, tiles across x down) are 1: 40, 12x8;
+// 2: 20, 32x32; 3: 18, 40x64; 4: 20, 80x45: fine tile grids, so that a
+// camera's uneven lighting and vignetting are evened out locally before the
+// extraction step thresholds the frame.
 void adaptive_histogram_equalization(unsigned char* buffer, int width, int height,
                                      float clipLimit, int tilesX, int tilesY);
 
-// Finishes a plane as output variant `code` (0 and unknown codes: unchanged).
-void apply_output_variant(unsigned char* buffer, int width, int height, int code);
-
 // ---- SIFT features --------------------------------------------------------
 
-// SIFT keypoints and descriptors with the tuned setting (0, 4, 0.0005, 10, 2.6);
-// `affine` wraps the detector in affine simulation (many times slower).
+// SIFT keypoints and descriptors (Lowe, "Distinctive image features from
+// scale-invariant keypoints", IJCV 2004) with a tuned setting: no feature
+// limit, 4 layers per octave, contrast threshold 0.0005 (OpenCV's default is
+// 0.04), edge threshold 10, sigma 2.6 (default 1.6). The very low threshold
+// keeps nearly every extremum, so that flat, dim or blurred captures still
+// give features everywhere; the large sigma favours coarse structure that
+// survives a camera's blur and moire. `affine` wraps the detector in
+// OpenCV's affine simulation (ASIFT: tilts up to 5 in steps of sqrt 2,
+// rotation steps of 72 degrees / tilt): many times slower, for steep views.
 void SIFTdetectAndCompute(const cv::Mat& image, std::vector<cv::KeyPoint>& keypoints,
                           cv::Mat& descriptors, bool affine);
 
 // Reference features: from `load` (null name) when it hits, else computed and
-// handed to `save`.
+// handed to `save`. The search takes the reference's features through it.
 void get_keypoints_descriptors_ref(const cv::Mat& image, std::vector<cv::KeyPoint>& keypoints,
                                    cv::Mat& descriptors, const FeatureLoadCallback& load,
                                    const FeatureSaveCallback& save);
@@ -116,7 +112,8 @@ double quantile(std::vector<double>& data, double q);
 // clockwise on screen (y down) is positive.
 double get_angle(const cv::Point2f& a, const cv::Point2f& b, const cv::Point2f& c);
 
-// Unsigned angle at b between rays b->a and b->c, degrees in [0, 180].
+// Unsigned angle at b between rays b->a and b->c, degrees in [0, 180]. (Not
+// called by framealign; the earlier form of get_angle.)
 double get_angle_old(const cv::Point2f& a, const cv::Point2f& b, const cv::Point2f& c);
 
 // Whether a corner array is a plausible view of a width x height frame: every
@@ -129,53 +126,51 @@ double calculateConvexHullArea(const std::vector<cv::Point2f>& pts);
 
 // ---- Matching and scoring -------------------------------------------------
 
-// FLANN k-d tree (4 trees, 32 checks) nearest two input descriptors for every
-// reference descriptor; keeps the nearest where 0.78 * second > first, in
-// reference order. Throws std::runtime_error when there is no input
-// descriptor to match against.
-std::vector<cv::DMatch> ratio_test_matches(const cv::Mat& refDescriptors,
-                                           const cv::Mat& inputDescriptors);
-
 // Matches whose two keypoints are both larger than the q-quantile of their
 // side's sizes, or else both stronger than the q-quantile of the responses.
+// Large, strong keypoints are the ones a camera's blur and moire leave in place.
 std::vector<cv::DMatch> select_best_matches(const std::vector<cv::DMatch>& matches, float q,
                                             const std::vector<cv::KeyPoint>& refKeypoints,
                                             const std::vector<cv::KeyPoint>& inputKeypoints);
 
-// Fits RHO homographies both ways, projects `refCorners` into the input
-// (`inputCorners`, 8 values) and returns the input-to-reference homography.
-// On failure: an empty matrix, `inputCorners` untouched.
+// Fits homographies both ways with RHO (Bazargani, Bilaniuk and Laganiere,
+// "A fast and robust homography scheme for real-time planar target
+// detection", J. Real-Time Image Processing, 2015): PROSAC-style sampling of
+// the best-ranked matches first, so callers pass them sorted by distance.
+// Reprojection threshold 10 px (loose, for the grid-selected sample that
+// inspect_matches checks again at 100 px), at most 2000 iterations, confidence
+// 0.995. Projects `refCorners` into the input (`inputCorners`, 8 values) and
+// returns the input-to-reference homography. On failure: an empty matrix,
+// `inputCorners` untouched.
 cv::Mat get_homography_pts(const std::vector<cv::DMatch>& matches,
                            const std::vector<cv::KeyPoint>& refKeypoints,
                            const std::vector<cv::KeyPoint>& inputKeypoints,
                            const double* refCorners, double* inputCorners);
 
 // Grid-selected matches that agree within 100 px with the located corners,
-// ascending by distance; `score` = 100 / (inliers * hull area)^0.333, +inf
-// for no inliers, untouched when the corner fit throws (result then empty).
+// ascending by distance. The 6 x 3 grid over the reference (the frame's 16:9
+// cut into nearly square cells) keeps the strongest few matches of every
+// cell, relaxing the quantile from 0.95 until more than 4 survive, so that
+// the fit sees the whole frame and not only its most textured part.
+// `score` = 100 / (inliers * hull area)^0.333, +inf for no inliers,
+// untouched when the corner fit throws (result then empty).
 std::vector<cv::DMatch> inspect_matches(const std::vector<cv::DMatch>& matches,
                                         const std::vector<cv::KeyPoint>& refKeypoints,
                                         const std::vector<cv::KeyPoint>& inputKeypoints,
                                         int width, int height, const double* refCorners,
                                         double& score);
 
-// Input features for `type` (cache or SIFT), FLANN matching against the
-// reference with the 0.78 ratio test, then inspect_matches. `secondImage` and
-// `name` are accepted and not read.
+// Input features for `type` (cache or SIFT), then FLANN matching (Muja and
+// Lowe, 2009: 4 randomised k-d trees, 32 checks) of every reference
+// descriptor against them with Lowe's ratio test at 0.78 (his paper's 0.8,
+// a little stricter against a screen's repeated patterns), then
+// inspect_matches. `secondImage` and `name` are accepted and not read.
 std::vector<cv::DMatch> calculateMatches(
     const cv::Mat& inputImage, const cv::Mat& secondImage, int width, int height, int type,
     const double (&refCorners)[8], const char* name, const cv::Mat& refDescriptors,
     const std::vector<cv::KeyPoint>& refKeypoints, cv::Mat& inputDescriptors,
     std::vector<cv::KeyPoint>& inputKeypoints, const FeatureLoadCallback& load,
     const FeatureSaveCallback& save, double& score, bool affine);
-
-// The matching half of calculateMatches, on features already extracted.
-std::vector<cv::DMatch> match_features(int width, int height, const double* refCorners,
-                                       const cv::Mat& refDescriptors,
-                                       const std::vector<cv::KeyPoint>& refKeypoints,
-                                       const cv::Mat& inputDescriptors,
-                                       const std::vector<cv::KeyPoint>& inputKeypoints,
-                                       double& score);
 
 // Mean displacement in pixels of the better half of fresh SIFT matches between
 // an aligned plane and the reference; kFailedScore for fewer than 10 matches
@@ -217,37 +212,6 @@ void align_frame(const std::vector<cv::DMatch>& matches,
 // copies; corner rows of the copies are not written (the writer reads row
 // i mod k).
 
-// How the search runs its attempts. Results are byte-identical either way.
-enum class SearchSchedule {
-  // Pipelined with fewer than 6 usable CPUs (the affinity mask), else one
-  // thread per attempt.
-  AUTOMATIC,
-  // Every attempt on a thread of its own, all at once: three SIFT pyramids
-  // of the input in memory together.
-  ONE_THREAD_PER_ATTEMPT,
-  // One thread extracts the attempts' input features one after another,
-  // using OpenCV's own parallelism, while the calling thread matches, warps
-  // and scores each attempt as soon as its features are there: one large
-  // pyramid at a time, both cores busy.
-  PIPELINED,
-};
-
-// Chooses the schedule of later searches; not to be called while one runs.
-void set_search_schedule(SearchSchedule schedule);
-
-// How the advanced pre-pass says the full-size attempts should match.
-struct MatchingMode {
-  bool affine = false;  // affine-simulating SIFT
-  bool mirror = false;  // on the input mirrored left-right
-  std::size_t trial_matches[3] = {};  // inliers of the plain, affine and mirrored trial
-};
-
-// The advanced pre-pass: plain, affine and mirrored trials on copies of both
-// pictures scaled to a height of 360 (less for small references); a trial
-// wins with more than 10 matches and more than twice the kept trial's.
-MatchingMode choose_matching_mode(const cv::Mat& image, const cv::Mat& reference,
-                                  const char* result_folder);
-
 // Runs the three preprocessing attempts in parallel (after the optional
 // advanced pre-pass), compacts the successful ones to the front and stores
 // the lowest score (kFailedScore when none succeeded). Returns their count k.
@@ -280,10 +244,6 @@ double align_frame(unsigned char* input, unsigned char* reference, int width, in
 
 // ---- Results --------------------------------------------------------------
 
-// Writes `size` bytes to `path` through a temporary name renamed into place.
-// Throws std::runtime_error when it cannot.
-void write_result_file(const std::string& path, const void* data, std::size_t size);
-
 // Writes per slot i: aligned_i__WxxH.yuv (raw luma), pts_i.txt, content_pts_i.txt
 // and, with `jpeg_output`, in_i.jpg (input with the corners outlined) and
 // aligned_i.jpg; then best_result.txt. One thread per slot.
@@ -295,8 +255,35 @@ void save_alignment_results(const char* result_folder, const unsigned char* inpu
 
 // Diagnostic picture: both images side by side in an 800 x 600 box with the
 // matches drawn, written as JPEG ("Failed to save image" when it cannot be).
+// (Not called by framealign; for looking at a match set by eye.)
 void draw_matches_combined(const cv::Mat& image1, const cv::Mat& image2,
                            const std::vector<cv::DMatch>& matches,
                            const std::vector<cv::KeyPoint>& keypoints1,
                            const std::vector<cv::KeyPoint>& keypoints2,
                            const std::string& file_name);
+
+// ---- Frames and files -----------------------------------------------------
+
+// The corner array of a width x height frame in its own pixels:
+// (0,0) (W,0) (0,H) (W,H).
+void frame_corners(double width, double height, double (&corners)[8]);
+
+// The four points of a corner array, in single precision as OpenCV's
+// perspective functions take them.
+std::vector<cv::Point2f> corner_points(const double* corners);
+
+// Bytes of a width x height luma plane. Throws std::invalid_argument
+// ("Invalid frame size: WxH") for an empty or negative size, or one whose
+// byte count does not fit an int.
+std::size_t luma_plane_size(int width, int height);
+
+// Copies the first width x height bytes of `picture` into `plane`, row after
+// row as they lie. Throws std::runtime_error when the picture holds fewer,
+// rather than reading past its end.
+void copy_plane(const cv::Mat& picture, unsigned char* plane, int width, int height);
+
+// Writes `size` bytes to `path` under a temporary name and renames it into
+// place, so that a reader (another thread or process) sees the old file or
+// the whole new one, never half of one. False when any step fails; nothing
+// is left behind then.
+bool replace_file(const std::string& path, const void* data, std::size_t size);

@@ -8,13 +8,9 @@
 #include <opencv2/imgproc.hpp>
 
 #include "align/align.h"
-#include "align/corner_points.h"
-
-namespace {
+#include "align/internal.h"
 
 bool by_distance(const cv::DMatch& a, const cv::DMatch& b) { return a.distance < b.distance; }
-
-}  // namespace
 
 std::vector<cv::DMatch> ratio_test_matches(const cv::Mat& refDescriptors,
                                            const cv::Mat& inputDescriptors) {
@@ -186,35 +182,4 @@ std::vector<cv::DMatch> match_features(int width, int height, const double* refC
   // RHO samples the best-ranked matches first.
   std::sort(matches.begin(), matches.end(), by_distance);
   return inspect_matches(matches, refKeypoints, inputKeypoints, width, height, refCorners, score);
-}
-
-double get_rectification_score(const unsigned char* rectified,
-                               const std::vector<cv::KeyPoint>& refKeypoints,
-                               const cv::Mat& refDescriptors, int width, int height) {
-  const cv::Mat plane(height, width, CV_8UC1, const_cast<unsigned char*>(rectified));
-  std::vector<cv::KeyPoint> keypoints;
-  cv::Mat descriptors;
-  SIFTdetectAndCompute(plane, keypoints, descriptors, false);
-  std::vector<cv::DMatch> matches = ratio_test_matches(refDescriptors, descriptors);
-  if (matches.size() <= 9) return kFailedScore;
-  std::sort(matches.begin(), matches.end(), by_distance);
-
-  std::vector<double> displacements;
-  displacements.reserve(matches.size());
-  for (const cv::DMatch& m : matches) {
-    const float dx = keypoints[m.trainIdx].pt.x - refKeypoints[m.queryIdx].pt.x;
-    const float dy = keypoints[m.trainIdx].pt.y - refKeypoints[m.queryIdx].pt.y;
-    displacements.push_back(std::sqrt(dx * dx + dy * dy));
-  }
-  const double median = quantile(displacements, 0.5);  // sorts ascending
-  double sum = 0.0;
-  int count = 0;
-  for (double d : displacements) {
-    if (d >= median) break;
-    sum += d;
-    ++count;
-  }
-  // A perfect copy has median 0 and so nothing below it: it scores as a failure.
-  if (count == 0) return kFailedScore;
-  return sum / count;
 }

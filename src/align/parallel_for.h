@@ -1,9 +1,13 @@
-// The library's one thread primitive.
+// The library's thread primitives: parallel_for, and a two-stage pipeline
+// for work that overlaps best one item behind another.
 #pragma once
 
 #include <sched.h>
 
 #include <algorithm>
+#include <condition_variable>
+#include <exception>
+#include <mutex>
 #include <thread>
 #include <vector>
 
@@ -40,4 +44,54 @@ void parallel_for(int start, int end, F func, int num_threads) {
     });
   }
   for (std::thread& thread : threads) thread.join();
+}
+
+// A two-stage pipeline over items 0..n-1:
+//  - produce(i) runs on one extra thread, for i = 0, 1, ... in order;
+//  - meanwhile() runs once on the calling thread while produce(0) runs;
+//  - consume(i) runs on the calling thread, in order, once meanwhile() and
+//    produce(i) have returned, so that producing i + 1 overlaps consuming i.
+// produce(i) happens-before consume(i): what it writes for item i, consume(i)
+// may read without a lock. Returns when both stages are done and the thread
+// is joined.
+//
+// An exception from meanwhile() or consume() stops the producer after the
+// item in hand and travels on once the thread is joined. An exception that
+// escapes produce() ends the process, as one escaping a parallel_for body does.
+template <typename Produce, typename Consume, typename Meanwhile>
+void run_pipelined(int n, Produce produce, Consume consume, Meanwhile meanwhile) {
+  std::mutex lock;
+  std::condition_variable produced_cv;
+  int produced = 0;
+  bool stop = false;
+  std::thread producer([&] {
+    for (int i = 0; i < n; ++i) {
+      {
+        std::lock_guard<std::mutex> guard(lock);
+        if (stop) return;
+      }
+      produce(i);
+      std::lock_guard<std::mutex> guard(lock);
+      produced = i + 1;
+      produced_cv.notify_one();
+    }
+  });
+  try {
+    meanwhile();
+    for (int i = 0; i < n; ++i) {
+      {
+        std::unique_lock<std::mutex> guard(lock);
+        produced_cv.wait(guard, [&] { return produced > i; });
+      }
+      consume(i);
+    }
+  } catch (...) {
+    {
+      std::lock_guard<std::mutex> guard(lock);
+      stop = true;
+    }
+    producer.join();
+    throw;
+  }
+  producer.join();
 }

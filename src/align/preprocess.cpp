@@ -3,6 +3,7 @@
 #include <opencv2/imgproc.hpp>
 
 #include "align/align.h"
+#include "align/internal.h"
 
 std::string get_preprocessing_name(PreprocessingType type) {
   switch (type) {

@@ -10,7 +10,6 @@
 #include <string>
 
 #include <opencv2/core.hpp>
-#include <opencv2/imgcodecs.hpp>
 
 #include "align/align.h"
 #include "main/feature_cache.h"
@@ -81,7 +80,7 @@ int run_program(int argc, char** argv) {
   int input_height = args.input_height;
   LumaBuffer input;
   if (is_input_file_compressed(args.input_file)) {
-    cv::Mat picture = cv::imread(args.input_file, cv::IMREAD_GRAYSCALE);
+    const cv::Mat picture = read_luma_picture(args.input_file);
     if (picture.empty()) {
       std::cerr << "Failed to read image file: " << args.input_file << "\n";
       return kExitError;
@@ -91,8 +90,7 @@ int run_program(int argc, char** argv) {
       input_height = picture.rows;
     }
     input = allocate_luma(input_width, input_height);
-    if (lower_extension(args.input_file) == ".png") fix_png_luma_offset(picture);
-    copy_luma(picture, input.get(), input_width, input_height);
+    copy_plane(picture, input.get(), input_width, input_height);
   } else {
     if (input_width == 0 || input_height == 0) {
       input_width = args.width;

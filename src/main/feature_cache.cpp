@@ -1,15 +1,11 @@
 #include "main/feature_cache.h"
 
-#include <atomic>
 #include <cstdint>
-#include <cstdio>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <iostream>
 #include <stdexcept>
-
-#include <unistd.h>
 
 namespace fs = std::filesystem;
 
@@ -39,12 +35,6 @@ void read_exactly(std::istream& in, void* data, std::size_t bytes, const std::st
   }
 }
 
-// A name no other writer (thread or process) uses at the same time.
-std::string temporary_name(const std::string& path) {
-  static std::atomic<unsigned> counter{0};
-  return path + ".tmp" + std::to_string(::getpid()) + "_" + std::to_string(counter++);
-}
-
 }  // namespace
 
 std::string feature_cache_path(const Arguments& args, const char* name) {
@@ -56,45 +46,30 @@ std::string feature_cache_path(const Arguments& args, const char* name) {
 void save_features(const std::string& path, const std::vector<cv::KeyPoint>& keypoints,
                    const cv::Mat& descriptors) {
   if (descriptors.dims > 2) return;  // the file has room for rows and cols only
-  std::vector<char> head;
-  head.reserve(kCountBytes + keypoints.size() * kRecordBytes + kMatrixHeaderBytes);
-  put<std::uint64_t>(head, keypoints.size());
+  std::vector<char> bytes;
+  bytes.reserve(kCountBytes + keypoints.size() * kRecordBytes + kMatrixHeaderBytes +
+                descriptors.total() * descriptors.elemSize());
+  put<std::uint64_t>(bytes, keypoints.size());
   for (const cv::KeyPoint& kp : keypoints) {
-    put<float>(head, kp.pt.x);
-    put<float>(head, kp.pt.y);
-    put<float>(head, kp.angle);
-    put<float>(head, kp.response);
-    put<float>(head, kp.size);
-    put<std::int32_t>(head, kp.octave);
-    put<std::int32_t>(head, kp.class_id);
+    put<float>(bytes, kp.pt.x);
+    put<float>(bytes, kp.pt.y);
+    put<float>(bytes, kp.angle);
+    put<float>(bytes, kp.response);
+    put<float>(bytes, kp.size);
+    put<std::int32_t>(bytes, kp.octave);
+    put<std::int32_t>(bytes, kp.class_id);
   }
-  put<std::int32_t>(head, descriptors.rows);
-  put<std::int32_t>(head, descriptors.cols);
-  put<std::int32_t>(head, descriptors.type());
+  put<std::int32_t>(bytes, descriptors.rows);
+  put<std::int32_t>(bytes, descriptors.cols);
+  put<std::int32_t>(bytes, descriptors.type());
 
-  const std::string temp = temporary_name(path);
-  {
-    std::ofstream out(temp, std::ios::binary | std::ios::trunc);
-    if (!out) return;
-    out.write(head.data(), static_cast<std::streamsize>(head.size()));
-    const std::size_t row_bytes = descriptors.cols * descriptors.elemSize();
-    if (descriptors.isContinuous()) {
-      out.write(reinterpret_cast<const char*>(descriptors.data),
-                static_cast<std::streamsize>(row_bytes * descriptors.rows));
-    } else {
-      for (int r = 0; r < descriptors.rows; ++r) {
-        out.write(reinterpret_cast<const char*>(descriptors.ptr(r)),
-                  static_cast<std::streamsize>(row_bytes));
-      }
-    }
-    out.close();
-    if (!out) {
-      // A half-written cache would be trusted by the next run; drop it.
-      std::remove(temp.c_str());
-      return;
-    }
+  const std::size_t row_bytes = descriptors.cols * descriptors.elemSize();
+  for (int r = 0; r < descriptors.rows; ++r) {
+    const char* row = reinterpret_cast<const char*>(descriptors.ptr(r));
+    bytes.insert(bytes.end(), row, row + row_bytes);
   }
-  if (std::rename(temp.c_str(), path.c_str()) != 0) std::remove(temp.c_str());
+  // Failures are ignored: a cache that cannot be written is only a cache.
+  replace_file(path, bytes.data(), bytes.size());
 }
 
 bool load_features(const std::string& path, std::vector<cv::KeyPoint>& keypoints,

@@ -2,14 +2,14 @@
 
 #include <cctype>
 #include <cstdio>
-#include <cstring>
 #include <filesystem>
-#include <limits>
 #include <memory>
 #include <stdexcept>
 
 #include <opencv2/core.hpp>
 #include <opencv2/imgcodecs.hpp>
+
+#include "align/align.h"
 
 namespace fs = std::filesystem;
 
@@ -34,18 +34,6 @@ bool is_compressed_extension(const std::string& ext) {
 struct FileCloser {
   void operator()(std::FILE* f) const { std::fclose(f); }
 };
-
-std::string resolution_text(int width, int height) {
-  return std::to_string(width) + "x" + std::to_string(height);
-}
-
-// width*height in 64 bits; a negative size has no byte count to read.
-std::size_t plane_bytes(int width, int height) {
-  if (width < 0 || height < 0) {
-    throw std::invalid_argument("Invalid frame size: " + resolution_text(width, height));
-  }
-  return static_cast<std::size_t>(static_cast<std::int64_t>(width) * height);
-}
 
 }  // namespace
 
@@ -76,22 +64,10 @@ std::int64_t yuv420_frame_size(int width, int height) {
   return static_cast<std::int64_t>(width) * height + 2 * chroma;
 }
 
-std::size_t luma_plane_size(int width, int height) {
-  const std::size_t bytes = plane_bytes(width, height);
-  if (width == 0 || height == 0 || bytes > static_cast<std::size_t>(std::numeric_limits<int>::max())) {
-    throw std::invalid_argument("Invalid frame size: " + resolution_text(width, height));
-  }
-  return bytes;
-}
-
-void copy_luma(const cv::Mat& picture, unsigned char* buffer, int width, int height) {
-  const std::size_t bytes = plane_bytes(width, height);
-  if (picture.total() * picture.elemSize() < bytes || !picture.isContinuous()) {
-    throw std::runtime_error("Picture of " + resolution_text(picture.cols, picture.rows) +
-                             " is smaller than the requested " +
-                             resolution_text(width, height));
-  }
-  if (bytes > 0) std::memcpy(buffer, picture.data, bytes);
+cv::Mat read_luma_picture(const std::string& path) {
+  cv::Mat picture = cv::imread(path, cv::IMREAD_GRAYSCALE);
+  if (!picture.empty() && lower_extension(path) == ".png") fix_png_luma_offset(picture);
+  return picture;
 }
 
 void extract_frame_from_yuv420_file(std::string path, unsigned char* buffer, int width,
@@ -110,10 +86,11 @@ void extract_frame_from_yuv420_file(std::string path, unsigned char* buffer, int
                                  " in file: " + path);
       }
     }
-    const std::size_t bytes = plane_bytes(width, height);
+    const std::size_t bytes = luma_plane_size(width, height);
     if (std::fread(buffer, 1, bytes, file.get()) < bytes) {
       throw std::runtime_error("Failed to read complete YUV420 data from file: " + path +
-                               " with resolution " + resolution_text(width, height));
+                               " with resolution " + std::to_string(width) + "x" +
+                               std::to_string(height));
     }
     return;
   }
@@ -121,8 +98,7 @@ void extract_frame_from_yuv420_file(std::string path, unsigned char* buffer, int
   if (!is_compressed_extension(ext)) {
     throw std::invalid_argument("Unsupported input file format (" + ext + ")");
   }
-  cv::Mat picture = cv::imread(path, cv::IMREAD_GRAYSCALE);
+  const cv::Mat picture = read_luma_picture(path);
   if (picture.empty()) throw std::runtime_error("Failed to read image file: " + path);
-  if (ext == ".png") fix_png_luma_offset(picture);
-  copy_luma(picture, buffer, width, height);
+  copy_plane(picture, buffer, width, height);
 }

@@ -33,19 +33,14 @@ void fix_png_luma_offset(cv::Mat& luma);
 // Byte size of one 4:2:0 frame: W*H luma plus two ((W+1)/2)*((H+1)/2) chroma planes.
 std::int64_t yuv420_frame_size(int width, int height);
 
-// Bytes of a width x height luma plane the tool works on. Throws
-// std::invalid_argument for an empty or negative size, or one whose byte
-// count does not fit an int.
-std::size_t luma_plane_size(int width, int height);
+// Decodes an image file as 8-bit grey; for a .png (any letter case) every
+// non-zero sample is raised by 16. Empty when it cannot be decoded.
+cv::Mat read_luma_picture(const std::string& path);
 
 // Fills `buffer` with width*height luma bytes: from frame `frame_number` of a
 // raw .yuv file (a negative number reads the first frame without seeking), or
 // from a decoded image file. Throws std::runtime_error / std::invalid_argument
-// with the message to show.
+// with the message to show. A picture smaller than width x height is refused
+// rather than read past its end.
 void extract_frame_from_yuv420_file(std::string path, unsigned char* buffer, int width,
                                     int height, int frame_number);
-
-// Copies width*height bytes from the start of a decoded picture, row after
-// row as they lie. Throws std::runtime_error when the picture holds fewer
-// bytes, rather than reading past its end.
-void copy_luma(const cv::Mat& picture, unsigned char* buffer, int width, int height);

@@ -73,10 +73,7 @@ int main(int argc, char** argv) {
   std::filesystem::create_directories(options.out_dir, ec);
   const std::string dir = options.out_dir + "/";
 
-  std::vector<unsigned char> yuv(reference.data, reference.data + reference.total());
-  yuv.resize(yuv.size() + 2 * static_cast<size_t>((options.width + 1) / 2) * ((options.height + 1) / 2),
-             128);
-  if (!write_file(dir + "reference.yuv", yuv.data(), yuv.size())) {
+  if (!write_yuv420(dir + "reference.yuv", reference)) {
     return fail("cannot write " + dir + "reference.yuv");
   }
 

@@ -7,14 +7,14 @@
 
 #include <opencv2/imgproc.hpp>
 
+#include "align/align.h"
+
 namespace {
 
 cv::Mat perspective_from_frame(int width, int height, const cv::Point2f (&to)[4]) {
-  const cv::Point2f from[4] = {{0, 0},
-                               {static_cast<float>(width), 0},
-                               {0, static_cast<float>(height)},
-                               {static_cast<float>(width), static_cast<float>(height)}};
-  return cv::getPerspectiveTransform(from, to);
+  double corners[8];
+  frame_corners(width, height, corners);
+  return cv::getPerspectiveTransform(corner_points(corners).data(), to);
 }
 
 // Smooth random ground: low-resolution noise scaled up.
@@ -191,15 +191,11 @@ CornerError corner_error(const double* truth, const double* found, int width, in
     to[i] = cv::Point2f(static_cast<float>(truth[2 * i]), static_cast<float>(truth[2 * i + 1]));
   }
   const cv::Mat capture_to_frame = perspective_from_frame(width, height, to).inv();
-  std::vector<cv::Point2f> points(4), mapped;
-  for (int i = 0; i < 4; ++i) {
-    points[i] = cv::Point2f(static_cast<float>(found[2 * i]), static_cast<float>(found[2 * i + 1]));
-  }
-  cv::perspectiveTransform(points, mapped, capture_to_frame);
-  const cv::Point2f frame[4] = {{0, 0},
-                                {static_cast<float>(width), 0},
-                                {0, static_cast<float>(height)},
-                                {static_cast<float>(width), static_cast<float>(height)}};
+  std::vector<cv::Point2f> mapped;
+  cv::perspectiveTransform(corner_points(found), mapped, capture_to_frame);
+  double corners[8];
+  frame_corners(width, height, corners);
+  const std::vector<cv::Point2f> frame = corner_points(corners);
   CornerError error{0, 0};
   for (int i = 0; i < 4; ++i) {
     const double d = std::hypot(mapped[i].x - frame[i].x, mapped[i].y - frame[i].y);
@@ -207,4 +203,11 @@ CornerError corner_error(const double* truth, const double* found, int width, in
     error.max = std::max(error.max, d);
   }
   return error;
+}
+
+bool write_yuv420(const std::string& path, const cv::Mat& luma) {
+  std::vector<unsigned char> bytes(luma.datastart, luma.dataend);
+  bytes.resize(bytes.size() + 2 * static_cast<size_t>((luma.cols + 1) / 2) * ((luma.rows + 1) / 2),
+               128);
+  return replace_file(path, bytes.data(), bytes.size());
 }

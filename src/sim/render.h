@@ -43,3 +43,7 @@ struct CornerError {
   double max;
 };
 CornerError corner_error(const double* truth, const double* found, int width, int height);
+
+// Writes `luma` (8-bit grey, continuous) as one raw 4:2:0 frame with grey
+// chroma, the form framealign reads references in. False when it cannot.
+bool write_yuv420(const std::string& path, const cv::Mat& luma);

@@ -4,7 +4,7 @@
 #include <gtest/gtest.h>
 
 #include "align/align.h"
-#include "synthetic.h"
+#include "test_support.h"
 
 namespace {
 

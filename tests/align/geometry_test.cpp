@@ -35,14 +35,6 @@ TEST(quantile, FloatAndDoubleVersions) {
   EXPECT_THROW(calculate_quantile({}, 0.5f), std::invalid_argument);
 }
 
-TEST(get_angle, SignFollowsTurningDirection) {
-  const cv::Point2f b(10, 10);
-  EXPECT_NEAR(get_angle({20, 10}, b, {10, 20}), 90.0, 1e-4);  // clockwise on screen
-  EXPECT_NEAR(get_angle({10, 20}, b, {20, 10}), -90.0, 1e-4);
-  EXPECT_NEAR(get_angle({20, 10}, b, {0, 10}), -180.0, 1e-4);  // float pi is above pi
-  EXPECT_NEAR(get_angle_old({10, 20}, b, {20, 10}), 90.0, 1e-4);
-}
-
 TEST(check_ref_pts_sanity, Nominal) {
   const double nan = std::numeric_limits<double>::quiet_NaN();
   const std::vector<std::tuple<const char*, std::vector<double>, bool>> cases = {

@@ -5,7 +5,8 @@
 #include <gtest/gtest.h>
 
 #include "align/align.h"
-#include "synthetic.h"
+#include "align/internal.h"
+#include "test_support.h"
 
 namespace {
 

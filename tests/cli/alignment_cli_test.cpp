@@ -8,15 +8,8 @@
 
 #include "align/align.h"
 #include "cli/run_tool.h"
-#include "synthetic.h"
 
 namespace {
-
-void write_yuv420(const std::string& path, const cv::Mat& luma) {
-  std::vector<unsigned char> bytes(luma.datastart, luma.dataend);
-  bytes.resize(bytes.size() + 2 * ((luma.cols + 1) / 2) * ((luma.rows + 1) / 2), 128);
-  write_bytes(path, bytes);
-}
 
 std::vector<double> numbers(const std::string& text) {
   std::istringstream in(text);
@@ -146,43 +139,6 @@ TEST_F(SmallSearch, UnrelatedCaptureFailsAndNoRectifyScoresZero) {
   r = run(make_texture(1280, 720, 203), {"--no-rectify"});
   EXPECT_EQ(printed_score(r.out), "0") << r.err;
   EXPECT_EQ(read_text(dir_.file("out/best_result.txt")), "0.000000\n");
-}
-
-TEST_F(SmallSearch, MirroredCaptureAlignsWithAdvanced) {
-  cv::Mat mirrored;
-  cv::flip(make_capture(reference_, corners_, 1600, 1200, 202), mirrored, 1);
-  const ToolRun r = run(mirrored, {"--advanced"});
-  ASSERT_NE(printed_score(r.out), "") << r.out << r.err;
-  // Corners are located on the input turned back, where the frame was placed.
-  const std::vector<double> pts = numbers(read_text(dir_.file("out/pts_0.txt")));
-  ASSERT_EQ(pts.size(), 8u);
-  for (int i = 0; i < 8; ++i) EXPECT_NEAR(pts[i], corners_[i], 2.0) << i;
-}
-
-// Two runs on the same inputs write the same bytes in every mode, with the
-// feature caches present or not (runs: miss, hit, miss).
-TEST_F(SmallSearch, RepeatedRunsWriteIdenticalFolders) {
-  const cv::Mat capture = make_capture(reference_, corners_, 1600, 1200, 204);
-  cv::Mat mirrored;
-  cv::flip(capture, mirrored, 1);
-  std::vector<std::string> given = {"--output", "slow", "--crop-width", "4", "--crop-height", "3", "--pts"};
-  for (double v : corners_) given.push_back(std::to_string(v));
-  const std::vector<std::pair<cv::Mat, std::vector<std::string>>> modes = {
-      {capture, {}}, {mirrored, {"--advanced"}}, {capture, given}};
-  for (const auto& [input, args] : modes) {
-    std::vector<std::vector<std::pair<std::string, std::vector<unsigned char>>>> runs;
-    for (int i = 0; i < 3; ++i) {
-      if (i != 1) {
-        for (const auto& [name, bytes] : read_folder(dir_.path().string())) {
-          if (name.size() > 5 && name.substr(name.size() - 5) == ".ftrs") std::filesystem::remove(dir_.file(name));
-        }
-      }
-      ASSERT_EQ(run(input, args).exit_code, 0);
-      runs.push_back(read_folder(dir_.file("out")));
-    }
-    EXPECT_GE(runs[0].size(), 7u);
-    EXPECT_TRUE(runs[1] == runs[0] && runs[2] == runs[0]) << (args.empty() ? "search" : args[0]);
-  }
 }
 
 }  // namespace

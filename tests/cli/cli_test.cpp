@@ -1,51 +1,162 @@
-// The command line as a user meets it: standard output, standard error and
-// the exit code of the built binary.
+// The command line as a user meets it, good and bad: what the built binary
+// prints on standard output and standard error, and its exit code. A run
+// that fails prints nothing on standard output and leaves no file in its
+// result folder that a later step could take for a result; none hangs
+// (run_tool's timeout) or dies of a signal other than the abort of an
+// uncaught exception.
+#include <signal.h>
+
+#include <cstdint>
+#include <cstring>
+#include <functional>
+
 #include <gtest/gtest.h>
+#include <opencv2/imgcodecs.hpp>
 
 #include "cli/run_tool.h"
 
 namespace {
 
-TEST(framealign, OptionOutcomes) {
-  struct Case {
-    std::vector<std::string> args;
-    int exit_code;
-    std::string out, err;
-  };
-  const std::vector<Case> cases = {
-      {{"--version", "--overlay-size"}, 0, "1.3.0\n", ""},
-      {{"--width", "px"}, 255, "", "Error: Invalid width value: stoi\n"},
-      {{"--overlay-size", "512"}, 255, "", "Error: Unknown option --overlay-size\n"},
-  };
-  TempDir dir;
-  for (const Case& c : cases) {
-    const ToolRun r = run_tool(c.args, dir);
-    EXPECT_EQ(r.exit_code, c.exit_code) << c.args[0];
-    EXPECT_EQ(r.out, c.out) << c.args[0];
-    EXPECT_EQ(r.err, c.err) << c.args[0];
-  }
-  // Help reads nothing and creates nothing.
-  const ToolRun help = run_tool({"--result-folder", "out", "-h", "--width", "px"}, dir);
-  EXPECT_EQ(help.exit_code, 0);
-  EXPECT_EQ(help.out.rfind("Usage: " + std::string(FRAMEALIGN_BINARY) + " <options>\nOptions:\n", 0), 0u);
-  EXPECT_FALSE(std::filesystem::exists(dir.file("out")));
+constexpr int kAbort = 128 + SIGABRT;
+
+enum Match { EXACT, ENDS_WITH, CONTAINS };
+
+struct Case {
+  std::string name;
+  std::function<void(const TempDir&)> setup;
+  std::vector<std::string> args;
+  int exit_code;
+  std::string out;  // a prefix of standard output; empty: nothing at all
+  Match match;
+  std::string err;
+  std::function<void(const TempDir&)> check = nullptr;
+};
+
+void capture(const TempDir& d) { cv::imwrite(d.file("cap.png"), make_texture(320, 240, 4)); }
+
+void reference(const TempDir& d) { write_yuv420(d.file("ref.yuv"), make_texture(160, 90, 2)); }
+
+// A .ftrs file that announces `count` keypoints and then holds none.
+void damaged_cache(const TempDir& d) {
+  capture(d);
+  std::vector<unsigned char> bytes(100, 1);
+  const uint64_t count = uint64_t(1) << 60;
+  std::memcpy(bytes.data(), &count, 8);
+  write_bytes(d.file("ref_0.ftrs"), bytes);  // beside a reference that does not exist
 }
 
-TEST(framealign, ResultFolderIsPreparedBeforeTheInputIsRead) {
-  TempDir dir;
-  ToolRun r = run_tool({"--result-folder", "a/b/c", "--input-file", "missing.png"}, dir);
-  EXPECT_EQ(r.exit_code, 255);
-  // OpenCV still speaks for itself while the picture is read; the alignment silences it later.
-  const std::string message = "Failed to read image file: missing.png\n";
-  ASSERT_GT(r.err.size(), message.size());
-  EXPECT_EQ(r.err.substr(r.err.size() - message.size()), message);
-  EXPECT_NE(r.err.find("imread_('missing.png')"), std::string::npos) << r.err;
-  EXPECT_TRUE(std::filesystem::is_directory(dir.file("a/b/c")));  // all levels made
+std::vector<std::string> operator+(std::vector<std::string> a, const std::vector<std::string>& b) {
+  a.insert(a.end(), b.begin(), b.end());
+  return a;
+}
 
-  write_bytes(dir.file("plain"), {1});
-  r = run_tool({"--result-folder", "plain/sub", "--input-file", "missing.jpg"}, dir);
-  EXPECT_EQ(r.exit_code, 255);
-  EXPECT_EQ(r.err.rfind("Filesystem error: ", 0), 0u) << r.err;
+std::vector<Case> cases() {
+  const auto none = [](const TempDir&) {};
+  // Paths with a folder part keep the feature caches inside the test folder.
+  const std::vector<std::string> search = {"--input-file", "./cap.png", "--reference-file", "./ref.yuv",
+                                           "--width", "160", "--height", "90", "--result-folder", "out"};
+  const std::vector<std::string> pts = {"--input-file", "./cap.png", "--result-folder", "out", "--pts"};
+  const std::string bad_corners = "Corner points do not form a quadrilateral: ";
+  const std::string must_be = "Error: --output value must be 0, 1, 2, 3, 4, fast, medium, slow, or slowest\n";
+  std::vector<unsigned char> jpeg;
+  cv::imencode(".jpg", make_texture(64, 48, 1), jpeg);
+
+  std::vector<Case> all = {
+      {"version", none, {"--version", "--bogus"}, 0, "1.3.0\n", EXACT, ""},
+      {"help reads and creates nothing", none, {"--result-folder", "out", "-h", "--width", "px"}, 0,
+       "Usage: " + std::string(FRAMEALIGN_BINARY) + " <options>\nOptions:\n  --help ", EXACT, "",
+       [](const TempDir& d) { EXPECT_FALSE(std::filesystem::exists(d.file("out"))); }},
+      {"unknown after version", none, {"--bogus", "--version"}, 255, "", EXACT, "Error: Unknown option --bogus\n"},
+      {"overlay size is unknown", none, {"--overlay-size", "512"}, 255, "", EXACT,
+       "Error: Unknown option --overlay-size\n"},
+      {"joined form", none, {"--width=640"}, 255, "", EXACT, "Error: Unknown option --width=640\n"},
+      {"width beyond int", none, {"--width", "99999999999"}, 255, "", EXACT, "Error: Invalid width value: stoi\n"},
+      {"point", none, {"--pts", "1", "2", "3", "x", "5", "6", "7", "8"}, 255, "", EXACT,
+       "Error: Invalid point value: x, stod\n"},
+      {"seven points", none, {"--pts", "1", "2", "3", "4", "5", "6", "7"}, 255, "", EXACT,
+       "Error: --pts option requires 8 arguments\n"},
+      {"trailing comma", none, {"--output", "1,"}, 255, "", EXACT, "Error: Invalid --output value: empty token\n"},
+      {"not a whole number", none, {"--output", " 3x "}, 255, "", EXACT, "Error: Invalid --output value: 3x\n"},
+      {"variant 5", none, {"--output", "5"}, 255, "", EXACT, must_be},
+      {"variant -1", none, {"--output", "-1"}, 255, "", EXACT, must_be},
+      // OpenCV still speaks for itself while the picture is read; the alignment silences it later.
+      {"missing picture, nested folder", none, {"--result-folder", "a/b/c", "--input-file", "missing.png"}, 255,
+       "", ENDS_WITH, "Failed to read image file: missing.png\n",
+       [](const TempDir& d) { EXPECT_TRUE(std::filesystem::is_directory(d.file("a/b/c"))); }},
+      {"folder below a file", [](const TempDir& d) { write_bytes(d.file("plain"), {1}); },
+       {"--result-folder", "plain/sub", "--input-file", "missing.jpg"}, 255, "", CONTAINS, "Filesystem error: "},
+      {"empty JPEG", [](const TempDir& d) { write_bytes(d.file("in.jpg"), {}); },
+       {"--input-file", "in.jpg", "--result-folder", "out"}, 255, "", EXACT, "Failed to read image file: in.jpg\n"},
+      {"truncated JPEG", [&](const TempDir& d) { write_bytes(d.file("in.jpg"), {jpeg.begin(), jpeg.begin() + 100}); },
+       {"--input-file", "in.jpg"}, 255, "", EXACT, "Failed to read image file: in.jpg\n"},
+      {"directory as picture", [](const TempDir& d) { std::filesystem::create_directory(d.file("d.png")); },
+       {"--input-file", "d.png"}, 255, "", EXACT, "Failed to read image file: d.png\n"},
+      {".jpe input", [&](const TempDir& d) { write_bytes(d.file("in.jpe"), jpeg); },
+       {"--input-file", "in.jpe", "--result-folder", "out"}, kAbort, "", CONTAINS, "Unsupported input file format (.jpe)"},
+      {"raw input shorter than a frame", [](const TempDir& d) { write_bytes(d.file("s.yuv"), std::vector<unsigned char>(100)); },
+       {"--input-file", "s.yuv", "--width", "16", "--height", "16"}, kAbort, "", CONTAINS,
+       "Failed to read complete YUV420 data from file: s.yuv with resolution 16x16"},
+      {"size beyond 32 bits", capture, {"--input-file", "./cap.png", "--width", "70000", "--height", "70000"},
+       kAbort, "", CONTAINS, "Invalid frame size: 70000x70000"},
+      {"damaged reference cache", damaged_cache, search, 0, "best score: 999999\n", CONTAINS,
+       "Error reading features from cache: ",
+       // The damaged cache is a miss, the blank reference matches nothing, and the folder says so.
+       [](const TempDir& d) { EXPECT_EQ(read_text(d.file("out/best_result.txt")), "999999.000000\n"); }},
+      {"result folder is a regular file", [](const TempDir& d) { capture(d); write_bytes(d.file("out"), {1}); },
+       pts + std::vector<std::string>{"10", "10", "300", "12", "8", "230", "310", "228"}, kAbort, "", CONTAINS,
+       "Cannot write result file: out/aligned_"},
+      {"three corners on a line", capture, pts + std::vector<std::string>{"0", "0", "100", "0", "200", "0", "100", "100"},
+       kAbort, "", CONTAINS, bad_corners},
+      {"NaN corner", capture, pts + std::vector<std::string>{"0", "0", "100", "0", "0", "100", "nan", "100"}, kAbort,
+       "", CONTAINS, bad_corners},
+      {"uniform grey capture",
+       [](const TempDir& d) { cv::imwrite(d.file("cap.png"), cv::Mat(240, 320, CV_8UC1, cv::Scalar(128))); reference(d); },
+       search, kAbort, "", CONTAINS, "No features found to match against"},
+      {"capture smaller than the reference",
+       [](const TempDir& d) { cv::imwrite(d.file("cap.png"), make_texture(40, 30, 5)); reference(d); },
+       search + std::vector<std::string>{"--no-rectify"}, kAbort, "", CONTAINS, "Picture of 40x30 cannot fill a 160x90 frame"},
+  };
+  for (const char* option : {"--input-file", "--reference-file", "--width", "--height", "--input-width",
+                             "--input-height", "--frame-number", "--crop-width", "--crop-height",
+                             "--result-folder", "--output"}) {
+    all.push_back({option, none, {"--advanced", option}, 255, "", EXACT,
+                   std::string("Error: ") + option + " option requires an argument\n"});
+  }
+  const std::vector<std::pair<std::string, std::string>> numbers = {
+      {"--width", "width"}, {"--height", "height"}, {"--input-width", "input width"},
+      {"--input-height", "input height"}, {"--frame-number", "frame number"}, {"--crop-width", "crop width"},
+      {"--crop-height", "crop height"}};
+  for (const auto& [option, label] : numbers) {
+    all.push_back({option + " px", none, {option, "px"}, 255, "", EXACT, "Error: Invalid " + label + " value: stoi\n"});
+  }
+  return all;
+}
+
+TEST(framealign, OutcomesOfEveryKindOfCall) {
+  for (const Case& c : cases()) {
+    SCOPED_TRACE(c.name);
+    TempDir dir;
+    c.setup(dir);
+    const ToolRun r = run_tool(c.args, dir);
+    EXPECT_EQ(r.exit_code, c.exit_code) << r.err;
+    if (c.out.empty()) {
+      EXPECT_EQ(r.out, "");
+    } else {
+      EXPECT_EQ(r.out.substr(0, c.out.size()), c.out);
+    }
+    if (c.match == EXACT) {
+      EXPECT_EQ(r.err, c.err);
+    } else if (c.match == ENDS_WITH) {
+      EXPECT_GT(r.err.size(), c.err.size()) << "OpenCV's own warning comes first";
+      EXPECT_EQ(r.err.substr(r.err.size() - std::min(r.err.size(), c.err.size())), c.err);
+    } else {
+      EXPECT_NE(r.err.find(c.err), std::string::npos) << r.err;
+    }
+    if (c.exit_code != 0) {
+      EXPECT_FALSE(std::filesystem::is_directory(dir.file("out")) && !std::filesystem::is_empty(dir.file("out")));
+    }
+    if (c.check) c.check(dir);
+  }
 }
 
 }  // namespace

@@ -55,8 +55,7 @@ TEST(feature_cache_path, NamesFollowTheBaseFile) {
   const std::vector<Case> cases = {
       {"a/b/ref.yuv", 12, "ORIGINAL", "shots/img_ORIGINAL.ftrs"},
       {"a/b/ref.yuv", 12, nullptr, "a/b/ref_12.ftrs"},
-      {"a/b/ref.yuv", -1, nullptr, "a/b/ref_-1.ftrs"},
-      {"a/b/ref", 0, nullptr, "a/b/ref_0.ftrs"},
+      {"a/b/ref", -1, nullptr, "a/b/ref_-1.ftrs"},
       {"chart.yuv", 0, nullptr, "/chart_0.ftrs"},  // kept as it is: users give a folder
   };
   for (const Case& c : cases) {

@@ -6,7 +6,6 @@
 
 #include "cli/run_tool.h"
 #include "sim/render.h"
-#include "sim/sim_options.h"
 
 namespace {
 
@@ -48,26 +47,6 @@ TEST(corner_error, MeasuresInReferencePixels) {
   const CornerError e = corner_error(truth, found, 200, 100);
   EXPECT_NEAR(e.max, 2.0, 1e-4);
   EXPECT_NEAR(e.mean, 0.5, 1e-4);
-}
-
-TEST(parse_sim_options, RejectsBadValuesClearly) {
-  const std::vector<std::pair<std::vector<std::string>, std::string>> cases = {
-      {{"--blur", "x"}, "--blur needs a number from 0 to 20, got 'x'"},
-      {{"--capture-width", "5000"}, "--capture-width needs a whole number from 64 to 4032, got '5000'"},
-      {{"--width", "1920px"}, "--width needs a whole number from 16 to 8192, got '1920px'"},
-      {{"--seed", "-3"}, "--seed needs a whole number, 0 or more, got '-3'"},
-      {{"--moire"}, "--moire needs a value"},
-      {{"--bogus"}, "unknown option --bogus"},
-  };
-  for (auto [words, message] : cases) {
-    words.insert(words.begin(), "framealign-sim");
-    std::vector<char*> argv;
-    for (std::string& w : words) argv.push_back(w.data());
-    SimOptions options;
-    std::string error;
-    EXPECT_FALSE(parse_sim_options(static_cast<int>(argv.size()), argv.data(), options, error));
-    EXPECT_EQ(error, message);
-  }
 }
 
 TEST(framealign_sim, SameSeedWritesIdenticalFiles) {

@@ -1,0 +1,23 @@
+# Installs the build tree into a fresh prefix, builds tests/install/consumer.cpp
+# against it with find_package(framealign), and runs it.
+#   cmake -DBUILD_DIR=... -DSOURCE_DIR=... -DWORK_DIR=... -P run.cmake
+file(REMOVE_RECURSE "${WORK_DIR}")
+function(run)
+  execute_process(COMMAND ${ARGV} RESULT_VARIABLE status OUTPUT_VARIABLE out ERROR_VARIABLE out)
+  if(NOT status EQUAL 0)
+    message(FATAL_ERROR "${ARGV}\n${out}")
+  endif()
+  set(last_output "${out}" PARENT_SCOPE)
+endfunction()
+run(${CMAKE_COMMAND} --install "${BUILD_DIR}" --prefix "${WORK_DIR}/prefix")
+foreach(installed bin/framealign bin/framealign-sim include/align/align.h lib/libframealign_align.a)
+  if(NOT EXISTS "${WORK_DIR}/prefix/${installed}")
+    message(FATAL_ERROR "not installed: ${installed}")
+  endif()
+endforeach()
+run(${CMAKE_COMMAND} -S "${SOURCE_DIR}" -B "${WORK_DIR}/build" "-DCMAKE_PREFIX_PATH=${WORK_DIR}/prefix")
+run(${CMAKE_COMMAND} --build "${WORK_DIR}/build")
+run("${WORK_DIR}/build/consumer")
+if(NOT last_output STREQUAL "ORIGINAL 1080\n")
+  message(FATAL_ERROR "consumer printed: ${last_output}")
+endif()
