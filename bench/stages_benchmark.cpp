@@ -2,6 +2,8 @@
 // reference and a 4032 x 3024 capture from the simulator.
 #include <benchmark/benchmark.h>
 
+#include <cmath>
+#include <string>
 #include <vector>
 
 #include "align/align.h"
@@ -18,18 +20,19 @@ struct Inputs {
   std::vector<cv::KeyPoint> ref_kps, cap_kps;
   cv::Mat ref_desc, cap_desc;
   std::vector<cv::DMatch> ratio_matches, inliers;
-  const double frame[8] = {0, 0, kW, 0, 0, kH, kW, kH};
+  double frame[8];
 
   Inputs() {
+    frame_corners(kW, kH, frame);
     CaptureSettings s;
     s.capture_width = 4032;
     s.capture_height = 3024;
     capture = render_capture(reference, s).picture;
     SIFTdetectAndCompute(reference, ref_kps, ref_desc, false);
     SIFTdetectAndCompute(apply_preprocessing(capture, ORIGINAL), cap_kps, cap_desc, false);
+    cv::theRNG() = cv::RNG();
     ratio_matches = ratio_test_matches(ref_desc, cap_desc);
-    std::sort(ratio_matches.begin(), ratio_matches.end(),
-              [](const cv::DMatch& a, const cv::DMatch& b) { return a.distance < b.distance; });
+    std::sort(ratio_matches.begin(), ratio_matches.end(), by_distance);
     double score = 1.0;
     inliers = inspect_matches(ratio_matches, ref_kps, cap_kps, kW, kH, frame, score);
   }
@@ -40,15 +43,21 @@ Inputs& inputs() {
   return shared;
 }
 
-// SIFT on one picture; the counter is the keypoint count found once at setup.
+// Every benchmark checks, after its loop, that the timed work gave what the
+// setup's run of the same work gave, and reports it as a counter.
+void check(benchmark::State& state, const char* what, double got, double expected) {
+  state.counters[what] = got;
+  if (got != expected) state.SkipWithError((std::string(what) + " differs from the setup's").c_str());
+}
+
 void run_sift(benchmark::State& state, const cv::Mat& picture, std::size_t keypoints) {
+  std::vector<cv::KeyPoint> kps;
+  cv::Mat desc;
   for (auto _ : state) {
-    std::vector<cv::KeyPoint> kps;
-    cv::Mat desc;
     SIFTdetectAndCompute(picture, kps, desc, false);
     benchmark::DoNotOptimize(desc.data);
   }
-  state.counters["keypoints"] = static_cast<double>(keypoints);
+  check(state, "keypoints", kps.size(), keypoints);
 }
 
 void bm_sift_reference(benchmark::State& state) {
@@ -61,18 +70,22 @@ void bm_sift_capture(benchmark::State& state) {
 
 void bm_flann_ratio_matching(benchmark::State& state) {
   Inputs& in = inputs();
-  for (auto _ : state) benchmark::DoNotOptimize(ratio_test_matches(in.ref_desc, in.cap_desc));
-  state.counters["matches"] = static_cast<double>(in.ratio_matches.size());
+  std::vector<cv::DMatch> matches;
+  for (auto _ : state) {
+    cv::theRNG() = cv::RNG();  // the setup's k-d trees
+    matches = ratio_test_matches(in.ref_desc, in.cap_desc);
+  }
+  check(state, "matches", matches.size(), in.ratio_matches.size());
 }
 
 void bm_inspect_matches(benchmark::State& state) {
   Inputs& in = inputs();
+  std::vector<cv::DMatch> inliers;
   for (auto _ : state) {
     double score = 1.0;
-    benchmark::DoNotOptimize(
-        inspect_matches(in.ratio_matches, in.ref_kps, in.cap_kps, kW, kH, in.frame, score));
+    inliers = inspect_matches(in.ratio_matches, in.ref_kps, in.cap_kps, kW, kH, in.frame, score);
   }
-  state.counters["inliers"] = static_cast<double>(in.inliers.size());
+  check(state, "inliers", inliers.size(), in.inliers.size());
 }
 
 void bm_warp(benchmark::State& state) {
@@ -83,6 +96,9 @@ void bm_warp(benchmark::State& state) {
     align_frame(in.inliers, in.ref_kps, in.cap_kps, in.capture, kW, kH, in.frame, aligned.data(),
                 pts, content);
   }
+  // The warped frame shows the capture: its mean grey is that of the reference, near enough.
+  const double mean = cv::mean(cv::Mat(kH, kW, CV_8UC1, aligned.data()))[0];
+  check(state, "mean_grey_close", std::abs(mean - cv::mean(in.reference)[0]) < 20, 1);
 }
 
 void bm_rectification_score(benchmark::State& state) {
@@ -91,10 +107,12 @@ void bm_rectification_score(benchmark::State& state) {
   double pts[8], content[20];
   align_frame(in.inliers, in.ref_kps, in.cap_kps, in.capture, kW, kH, in.frame, aligned.data(),
               pts, content);
+  double score = kFailedScore;
   for (auto _ : state) {
-    benchmark::DoNotOptimize(
-        get_rectification_score(aligned.data(), in.ref_kps, in.ref_desc, kW, kH));
+    cv::theRNG() = cv::RNG();
+    score = get_rectification_score(aligned.data(), in.ref_kps, in.ref_desc, kW, kH);
   }
+  check(state, "score_below_1px", score < 1.0, 1);
 }
 
 void bm_whole_search(benchmark::State& state) {
@@ -103,12 +121,13 @@ void bm_whole_search(benchmark::State& state) {
   unsigned char* aligned[6];
   for (int i = 0; i < 6; ++i) aligned[i] = storage.data() + i * kW * kH;
   double pts[6][8], content[6][20];
+  int k = 0;
   for (auto _ : state) {
     double best = 0;
-    const int k = get_rectified_imgs(in.capture, kW, kH, nullptr, in.reference.data, aligned, pts,
-                                     content, &best, nullptr, nullptr, false);
-    if (k < 1) state.SkipWithError("search found nothing");
+    k = get_rectified_imgs(in.capture, kW, kH, nullptr, in.reference.data, aligned, pts, content,
+                           &best, nullptr, nullptr, false);
   }
+  check(state, "successful_attempts", k, 3);
 }
 
 BENCHMARK(bm_sift_reference)->Unit(benchmark::kMillisecond)->Iterations(2);

@@ -3,7 +3,7 @@
 // through a known perspective).
 #pragma once
 
-#include <unistd.h>
+#include <stdlib.h>
 
 #include <algorithm>
 #include <filesystem>
@@ -20,16 +20,10 @@
 class TempDir {
  public:
   TempDir() {
-    static int count = 0;
-    path_ = std::filesystem::temp_directory_path() /
-            ("framealign_test_" + std::to_string(::getpid()) + "_" + std::to_string(count++));
-    std::filesystem::remove_all(path_);
-    std::filesystem::create_directories(path_);
+    char pattern[] = "/tmp/framealign_test_XXXXXX";
+    path_ = mkdtemp(pattern);
   }
-  ~TempDir() {
-    std::error_code ignored;
-    std::filesystem::remove_all(path_, ignored);
-  }
+  ~TempDir() { std::filesystem::remove_all(path_); }
   TempDir(const TempDir&) = delete;
   TempDir& operator=(const TempDir&) = delete;
   std::string file(const std::string& name) const { return (path_ / name).string(); }
@@ -40,8 +34,7 @@ class TempDir {
 };
 
 inline void write_bytes(const std::string& path, const std::vector<unsigned char>& bytes) {
-  std::ofstream(path, std::ios::binary)
-      .write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
+  std::ofstream(path, std::ios::binary).write(reinterpret_cast<const char*>(bytes.data()), bytes.size());
 }
 
 inline std::vector<unsigned char> read_bytes(const std::string& path) {
@@ -60,15 +53,13 @@ using Folder = std::vector<std::pair<std::string, std::vector<unsigned char>>>;
 inline Folder read_folder(const std::string& folder) {
   Folder files;
   for (const auto& entry : std::filesystem::directory_iterator(folder)) {
-    if (entry.is_regular_file()) files.emplace_back(entry.path().filename().string(), read_bytes(entry.path().string()));
+    if (entry.is_regular_file()) files.emplace_back(entry.path().filename(), read_bytes(entry.path()));
   }
   std::sort(files.begin(), files.end());
   return files;
 }
 
-inline cv::Mat make_texture(int width, int height, uint64_t seed) {
-  return make_reference_frame(width, height, seed);
-}
+inline cv::Mat make_texture(int width, int height, uint64_t seed) { return make_reference_frame(width, height, seed); }
 
 // The perspective that puts a width x height frame's corners at `corners`.
 inline cv::Mat frame_to_capture(int width, int height, const double* corners) {
@@ -79,10 +70,9 @@ inline cv::Mat frame_to_capture(int width, int height, const double* corners) {
 
 // `frame` seen at `corners` in a capture of the given size, over a dimmed
 // texture of its own.
-inline cv::Mat make_capture(const cv::Mat& frame, const double* corners, int capture_width,
-                            int capture_height, uint64_t background_seed) {
-  cv::Mat capture = make_texture(capture_width, capture_height, background_seed) / 2;
-  cv::warpPerspective(frame, capture, frame_to_capture(frame.cols, frame.rows, corners),
-                      capture.size(), cv::INTER_LINEAR, cv::BORDER_TRANSPARENT);
+inline cv::Mat make_capture(const cv::Mat& frame, const double* corners, int width, int height, uint64_t seed) {
+  cv::Mat capture = make_texture(width, height, seed) / 2;
+  cv::warpPerspective(frame, capture, frame_to_capture(frame.cols, frame.rows, corners), capture.size(),
+                      cv::INTER_LINEAR, cv::BORDER_TRANSPARENT);
   return capture;
 }

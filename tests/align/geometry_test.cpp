@@ -1,7 +1,6 @@
 #include <cmath>
 #include <limits>
 #include <stdexcept>
-#include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -9,31 +8,6 @@
 #include "align/align.h"
 
 namespace {
-
-TEST(quantile, FloatAndDoubleVersions) {
-  const std::vector<std::tuple<std::vector<float>, float, float>> cases = {
-      {{4, 1, 3, 2}, 0.5f, 2.5f}, {{7}, 0.3f, 7.0f}, {{1, 2, 3}, 0.0f, 1.0f},
-      {{1, 2, 3}, 1.0f, 3.0f},    {{0, 10}, 0.95f, 9.5f}};
-  for (const auto& [data, q, expected] : cases) {
-    EXPECT_FLOAT_EQ(calculate_quantile(data, q), expected);
-    std::vector<double> wide(data.begin(), data.end());
-    EXPECT_NEAR(quantile(wide, q), expected, 1e-5);
-    EXPECT_TRUE(std::is_sorted(wide.begin(), wide.end()));  // sorted in place
-  }
-  const std::vector<std::pair<std::vector<double>, double>> misuse = {
-      {{}, 2.0}, {{1, 2}, 1.0000001}, {{1, 2}, -0.0001}};
-  for (auto [data, q] : misuse) {
-    try {
-      quantile(data, q);
-      ADD_FAILURE() << q;
-    } catch (const std::invalid_argument& e) {
-      // Emptiness is tested first.
-      EXPECT_EQ(std::string(e.what()), data.empty() ? "The data vector is empty."
-                                                    : "Quantile value must be between 0 and 1.");
-    }
-  }
-  EXPECT_THROW(calculate_quantile({}, 0.5f), std::invalid_argument);
-}
 
 TEST(check_ref_pts_sanity, Nominal) {
   const double nan = std::numeric_limits<double>::quiet_NaN();

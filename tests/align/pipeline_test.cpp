@@ -15,40 +15,17 @@
 
 namespace {
 
-TEST(parallel_for, EveryIndexOnceInContiguousBlocks) {
-  // start, end, threads, then the indices each thread runs, in order.
-  const std::vector<std::tuple<int, int, int, std::set<std::vector<int>>>> cases = {
-      {0, 7, 3, {{0, 1, 2}, {3, 4, 5}, {6}}}, {0, 2, 8, {{0}, {1}}}, {5, 9, 2, {{5, 6}, {7, 8}}},
-      {3, 1, 4, {}}};
-  for (const auto& [start, end, threads, blocks] : cases) {
-    std::mutex lock;
-    std::map<std::thread::id, std::vector<int>> seen;
-    parallel_for(start, end, [&](int i) {
-      std::lock_guard<std::mutex> guard(lock);
-      seen[std::this_thread::get_id()].push_back(i);
-    }, threads);
-    std::set<std::vector<int>> got;
-    for (const auto& [id, indices] : seen) got.insert(indices);
-    EXPECT_EQ(got, blocks) << start << ".." << end;
-    EXPECT_EQ(seen.count(std::this_thread::get_id()), 0u);
+TEST(usable_cpu_count, FollowsTheAffinityMask) {
+  cpu_set_t all, one;
+  ASSERT_EQ(sched_getaffinity(0, sizeof(all), &all), 0);
+  CPU_ZERO(&one);
+  for (int cpu = 0; CPU_COUNT(&one) == 0; ++cpu) {
+    if (CPU_ISSET(cpu, &all)) CPU_SET(cpu, &one);
   }
-}
-
-TEST(align_by_pts, WarpsPadsAndOutlines) {
-  const cv::Mat input = make_texture(320, 180, 1) | 1;  // no black pixel of its own
-  std::vector<unsigned char> aligned(320 * 180);
-  const cv::Mat frame(180, 320, CV_8UC1, aligned.data());
-  double polygon[20];
-  std::fill(polygon, polygon + 20, -1.0);
-  const double identity[8] = {0, 0, 320, 0, 0, 180, 320, 180};
-  align_by_pts(input, 320, 180, 0, 0, identity, aligned.data(), polygon);
-  EXPECT_EQ(cv::norm(frame, input, cv::NORM_INF), 0.0);
-
-  align_by_pts(input, 320, 180, 20, 0, identity, aligned.data(), polygon);
-  EXPECT_EQ(cv::countNonZero(frame(cv::Rect(300, 0, 20, 180))), 0);
-  EXPECT_EQ(cv::countNonZero(frame(cv::Rect(0, 0, 300, 180))), 300 * 180);
-  const std::vector<double> outline = {0, 0, 0, 180, 300, 180, 300, 0, -1};
-  EXPECT_EQ(std::vector<double>(polygon, polygon + 9), outline);
+  ASSERT_EQ(sched_setaffinity(0, sizeof(one), &one), 0);
+  EXPECT_EQ(usable_cpu_count(), 1);
+  ASSERT_EQ(sched_setaffinity(0, sizeof(all), &all), 0);
+  EXPECT_EQ(usable_cpu_count(), CPU_COUNT(&all));
 }
 
 TEST(get_content_area, Nominal) {
@@ -65,6 +42,8 @@ TEST(get_content_area, Nominal) {
   EXPECT_EQ(outline(1000), (std::vector<double>{0, 0, 0, 90, 160, 90, 160, 0, -1}));  // nothing lands
 }
 
+// Point rows are read at the slot index modulo half the slot count; every
+// number is written "%f", one line per file.
 TEST(save_alignment_results, RowsFollowSlotModuloHalfTheCount) {
   std::vector<unsigned char> frames(6 * 32);
   unsigned char* aligned[6];
@@ -75,11 +54,9 @@ TEST(save_alignment_results, RowsFollowSlotModuloHalfTheCount) {
     std::fill(pts[i], pts[i] + 8, i + 0.5);
     std::fill(content[i], content[i] + 20, -i);
   }
-  const std::map<int, std::vector<int>> rows = {{1, {0}}, {4, {0, 1, 0, 1}}, {5, {0, 1, 0, 1, 0}}};
-  for (const auto& [count, row] : rows) {
+  for (const auto& [count, row] : std::map<int, std::vector<int>>{{1, {0}}, {5, {0, 1, 0, 1, 0}}}) {
     TempDir dir;
-    save_alignment_results(dir.path().c_str(), frames.data(), aligned, pts, content, count, 8, 4, 8,
-                           4, 0.5, false);
+    save_alignment_results(dir.path().c_str(), frames.data(), aligned, pts, content, count, 8, 4, 8, 4, 0.5, false);
     for (int i = 0; i < count; ++i) {
       const std::string s = std::to_string(i), r = std::to_string(row[i]);
       EXPECT_EQ(read_bytes(dir.file("aligned_" + s + "__8xx4.yuv")), std::vector<unsigned char>(32, i));
@@ -94,38 +71,34 @@ TEST(save_alignment_results, RowsFollowSlotModuloHalfTheCount) {
     EXPECT_EQ(read_text(dir.file("best_result.txt")), "0.500000\n");
     EXPECT_EQ(read_folder(dir.path().string()).size(), 3u * count + 1);  // no .jpg, no leftovers
   }
-  TempDir previews;
-  save_alignment_results(previews.path().c_str(), frames.data(), aligned, pts, content, 2, 8, 4, 8, 4,
-                         1.0, true);
-  EXPECT_EQ(cv::imread(previews.file("in_1.jpg")).channels(), 3);
-  EXPECT_EQ(cv::imread(previews.file("aligned_1.jpg"), cv::IMREAD_UNCHANGED).size(), cv::Size(8, 4));
-  EXPECT_THROW(save_alignment_results("/nonexistent", frames.data(), aligned, pts, content, 0, 8, 4,
-                                      8, 4, 1.0, false), std::runtime_error);
 }
 
 // The driver with corners given: one slot per requested variant, each
-// OpenCV's warp by the corners finished as that variant.
+// OpenCV's warp by the corners finished with that variant's CLAHE setting.
 TEST(align_frame, CornersGivenSlotsFollowTheVariantList) {
   const double corners[8] = {310, 240, 2080, 330, 250, 1330, 2140, 1390};
   const cv::Mat input = make_capture(make_texture(1920, 1080, 8), corners, 2400, 1600, 9);
-  std::vector<unsigned char> reference(1920 * 1080, 0);
-  auto run = [&](const std::vector<int>& outputs, int crop, TempDir& dir) {
-    return align_frame(input.data, reference.data(), 1920, 1080, 2400, 1600, crop, crop, 0, corners,
-                       dir.path().c_str(), nullptr, nullptr, false, outputs, false);
-  };
-  const cv::Point2f src[4] = {{310, 240}, {2080, 330}, {250, 1330}, {2140, 1390}};
-  const cv::Point2f dst[4] = {{0, 0}, {1920, 0}, {0, 1080}, {1920, 1080}};
+  double frame[8];
+  frame_corners(1920, 1080, frame);
   cv::Mat warped;
-  cv::warpPerspective(input, warped, cv::getPerspectiveTransform(src, dst), cv::Size(1920, 1080));
+  cv::warpPerspective(input, warped, cv::getPerspectiveTransform(corner_points(corners), corner_points(frame)),
+                      cv::Size(1920, 1080));
+  // Clip limit, tiles across, tiles down of variants 1..4.
+  const std::map<int, std::tuple<float, int, int>> clahe = {
+      {1, {40.f, 12, 8}}, {2, {20.f, 32, 32}}, {3, {18.f, 40, 64}}, {4, {20.f, 80, 45}}};
   const std::vector<std::pair<std::vector<int>, std::vector<int>>> cases = {
       {{7}, {3, 0}}, {{2, 2, 0}, {2, 0}}, {{-1, 3, 0, 4, 2, 1}, {3, 0, 4, 2, 1}}};
   for (const auto& [outputs, variants] : cases) {
     TempDir dir;
-    EXPECT_EQ(run(outputs, 0, dir), 0.0);
+    EXPECT_EQ(align_frame(input.data, input.data, 1920, 1080, 2400, 1600, 0, 0, 0, corners, dir.path().c_str(),
+                          nullptr, nullptr, false, outputs, false), 0.0);
     EXPECT_EQ(read_folder(dir.path().string()).size(), 3 * variants.size() + 1);
     for (size_t i = 0; i < variants.size(); ++i) {
       cv::Mat expected = warped.clone();
-      apply_output_variant(expected.data, 1920, 1080, variants[i]);
+      if (variants[i] != 0) {
+        const auto [clip, across, down] = clahe.at(variants[i]);
+        adaptive_histogram_equalization(expected.data, 1920, 1080, clip, across, down);
+      }
       EXPECT_EQ(read_bytes(dir.file("aligned_" + std::to_string(i) + "__1920xx1080.yuv")),
                 std::vector<unsigned char>(expected.datastart, expected.dataend)) << i;
     }
@@ -133,10 +106,8 @@ TEST(align_frame, CornersGivenSlotsFollowTheVariantList) {
   // Without reference and corners it only fills the feature cache.
   int saves = 0;
   const double none[8] = {};
-  const cv::Mat small = make_texture(96, 64, 9);
-  TempDir cache_only;
-  EXPECT_EQ(align_frame(small.data, nullptr, 1920, 1080, 96, 64, 0, 0, 0, none, cache_only.path().c_str(),
-                        nullptr, [&](auto&, auto&, auto) { ++saves; }, false, {}, false), -1.0);
+  EXPECT_EQ(align_frame(input.data, nullptr, 1920, 1080, 96, 64, 0, 0, 0, none, nullptr, nullptr,
+                        [&](auto&, auto&, auto) { ++saves; }, false, {}, false), -1.0);
   EXPECT_EQ(saves, 6);
 }
 
@@ -170,96 +141,75 @@ TEST(align_frame, CornersGivenPadToTheCropAspect) {
   }
 }
 
-// The search on a mirrored capture with --advanced matches on a mirrored
-// copy: the caller's picture stays as it was and the preview outlines it.
-TEST(align_frame, AdvancedSearchLeavesTheCallersPictureAlone) {
-  const cv::Mat reference = make_texture(640, 360, 61);
-  const double corners[8] = {110, 80, 830, 100, 90, 610, 860, 640};
-  cv::Mat capture, mirror;
-  cv::flip(make_capture(reference, corners, 960, 720, 62), capture, 1);
-  cv::flip(capture, mirror, 1);
-  const cv::Mat given = capture.clone();
-  TempDir dir;
-  const double none[8] = {};
-  EXPECT_LT(align_frame(capture.data, reference.data, 640, 360, 960, 720, 0, 0, 0, none, dir.path().c_str(),
-                        nullptr, nullptr, true, {}, true), kFailedScore);
-  EXPECT_EQ(cv::norm(capture, given, cv::NORM_INF), 0.0);
-  // Corners are located on the input turned back, where the frame was placed.
-  std::istringstream found(read_text(dir.file("pts_0.txt")));
-  for (int i = 0; i < 8; ++i) {
+// A mirrored capture, searched with --advanced and previews on both schedules.
+class MirroredSearch : public testing::Test {
+ protected:
+  static void SetUpTestSuite() {
+    reference_ = make_texture(640, 360, 61);
+    cv::flip(make_capture(reference_, kCorners, 960, 720, 62), given_, 1);
+    for (SearchSchedule schedule : {SearchSchedule::ONE_THREAD_PER_ATTEMPT, SearchSchedule::PIPELINED}) {
+      set_search_schedule(schedule);
+      const cv::Mat capture = given_.clone();
+      TempDir dir;
+      const double none[8] = {};
+      align_frame(capture.data, reference_.data, 640, 360, 960, 720, 0, 0, 0, none, dir.path().c_str(), nullptr,
+                  nullptr, true, {}, true);
+      inputs_.push_back(capture);
+      folders_.push_back(read_folder(dir.path().string()));
+    }
+    set_search_schedule(SearchSchedule::AUTOMATIC);
+  }
+  static std::vector<unsigned char> file(const std::string& name) {
+    for (const auto& [n, bytes] : folders_[0]) {
+      if (n == name) return bytes;
+    }
+    return {};
+  }
+  static constexpr double kCorners[8] = {110, 80, 830, 100, 90, 610, 860, 640};
+  static inline cv::Mat reference_, given_;
+  static inline std::vector<cv::Mat> inputs_;
+  static inline std::vector<Folder> folders_;
+};
+
+TEST_F(MirroredSearch, SchedulesWriteIdenticalResults) {
+  EXPECT_GE(folders_[0].size(), 9u);  // an attempt succeeded, with previews
+  EXPECT_TRUE(folders_[0] == folders_[1]);
+}
+
+// The attempts match on a mirrored copy: the caller's picture stays as it
+// was, corners are located on it, and the preview outlines it unmirrored.
+TEST_F(MirroredSearch, CallersPictureIsLeftAlone) {
+  for (const cv::Mat& input : inputs_) EXPECT_EQ(cv::norm(input, given_, cv::NORM_INF), 0.0);
+  const std::vector<unsigned char> pts = file("pts_0.txt");
+  std::istringstream found(std::string(pts.begin(), pts.end()));
+  for (double corner : kCorners) {
     double v = -1;
     found >> v;
-    EXPECT_NEAR(v, corners[i], 2.0) << i;
+    EXPECT_NEAR(v, corner, 2.0);
   }
-  const cv::Mat preview = cv::imread(dir.file("in_0.jpg"), cv::IMREAD_GRAYSCALE);
-  EXPECT_LT(cv::norm(preview, given, cv::NORM_L1) / given.total(), 4.0);
-  EXPECT_GT(cv::norm(preview, mirror, cv::NORM_L1) / given.total(), 15.0);
+  cv::Mat preview = cv::imdecode(file("in_0.jpg"), cv::IMREAD_GRAYSCALE), mirror;
+  cv::flip(given_, mirror, 1);
+  EXPECT_LT(cv::norm(preview, given_, cv::NORM_L1) / given_.total(), 4.0);
+  EXPECT_GT(cv::norm(preview, mirror, cv::NORM_L1) / given_.total(), 15.0);
 }
 
 // The pre-pass's three trials draw from one generator sequence, started
 // fresh before the plain trial, as three calls in a row on one thread do.
-TEST(choose_matching_mode, TrialsContinueOneGeneratorSequence) {
-  const cv::Mat reference = make_texture(640, 360, 71);
-  const double corners[8] = {110, 80, 830, 100, 90, 610, 860, 640};
-  cv::Mat capture;
-  cv::flip(make_capture(reference, corners, 960, 720, 72), capture, 1);
-  const MatchingMode mode = choose_matching_mode(capture, reference, nullptr);
+TEST_F(MirroredSearch, PrepassTrialsContinueOneGeneratorSequence) {
+  const MatchingMode mode = choose_matching_mode(given_, reference_, nullptr);
   EXPECT_TRUE(mode.mirror && !mode.affine);
-
-  cv::Mat small_ref, small_input;
-  cv::resize(reference, small_ref, cv::Size(640, 360));
-  cv::resize(capture, small_input, cv::Size(640, 360));
+  cv::Mat input = given_.clone(), desc, ref_desc;  // scaled to 640 x 360, the reference's own size
+  cv::resize(input, input, reference_.size());
   std::vector<cv::KeyPoint> ref_kps, kps;
-  cv::Mat ref_desc, desc;
-  SIFTdetectAndCompute(small_ref, ref_kps, ref_desc, false);
-  const double frame[8] = {0, 0, 640, 0, 0, 360, 640, 360};
+  SIFTdetectAndCompute(reference_, ref_kps, ref_desc, false);
+  double frame[8], score = 1.0;
+  frame_corners(640, 360, frame);
   cv::theRNG() = cv::RNG();
   for (int trial = 0; trial < 3; ++trial) {
-    if (trial == 2) cv::flip(small_input, small_input, 1);
-    double score = 1.0;
-    EXPECT_EQ(calculateMatches(small_input, small_ref, 640, 360, GAUSSIAN_BLUR, frame, nullptr, ref_desc, ref_kps,
-                               desc, kps, nullptr, nullptr, score, trial == 1).size(),
+    if (trial == 2) cv::flip(input, input, 1);
+    EXPECT_EQ(calculateMatches(input, reference_, 640, 360, GAUSSIAN_BLUR, frame, nullptr, ref_desc, ref_kps, desc,
+                               kps, nullptr, nullptr, score, trial == 1).size(),
               mode.trial_matches[trial]) << trial;
-  }
-}
-
-TEST(usable_cpu_count, FollowsTheAffinityMask) {
-  cpu_set_t all;
-  ASSERT_EQ(sched_getaffinity(0, sizeof(all), &all), 0);
-  cpu_set_t one;
-  CPU_ZERO(&one);
-  for (int cpu = 0; cpu < CPU_SETSIZE; ++cpu) {
-    if (CPU_ISSET(cpu, &all)) {
-      CPU_SET(cpu, &one);
-      break;
-    }
-  }
-  ASSERT_EQ(sched_setaffinity(0, sizeof(one), &one), 0);
-  EXPECT_EQ(usable_cpu_count(), 1);
-  ASSERT_EQ(sched_setaffinity(0, sizeof(all), &all), 0);
-  EXPECT_EQ(usable_cpu_count(), CPU_COUNT(&all));
-}
-
-// The two search schedules write the same bytes, plain and with --advanced
-// on a mirrored capture.
-TEST(set_search_schedule, SchedulesWriteIdenticalResults) {
-  for (const bool advanced : {false, true}) {
-    const cv::Mat reference = make_texture(640, 360, 61);
-    const double corners[8] = {110, 80, 830, 100, 90, 610, 860, 640};
-    cv::Mat capture = make_capture(reference, corners, 960, 720, 62);
-    if (advanced) cv::flip(capture, capture, 1);
-    std::vector<std::vector<std::pair<std::string, std::vector<unsigned char>>>> folders;
-    for (SearchSchedule schedule : {SearchSchedule::ONE_THREAD_PER_ATTEMPT, SearchSchedule::PIPELINED}) {
-      set_search_schedule(schedule);
-      TempDir dir;
-      const double none[8] = {};
-      align_frame(capture.data, reference.data, 640, 360, 960, 720, 0, 0, 0, none, dir.path().c_str(),
-                  nullptr, nullptr, advanced, {}, true);
-      folders.push_back(read_folder(dir.path().string()));
-    }
-    set_search_schedule(SearchSchedule::AUTOMATIC);
-    EXPECT_GE(folders[0].size(), 9u) << advanced;  // an attempt succeeded, with previews
-    EXPECT_TRUE(folders[0] == folders[1]) << advanced;
   }
 }
 

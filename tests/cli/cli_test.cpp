@@ -18,47 +18,53 @@
 namespace {
 
 constexpr int kAbort = 128 + SIGABRT;
+using Args = std::vector<std::string>;
+using Setup = std::function<void(const TempDir&)>;
 
 enum Match { EXACT, ENDS_WITH, CONTAINS };
 
 struct Case {
   std::string name;
-  std::function<void(const TempDir&)> setup;
-  std::vector<std::string> args;
+  Setup setup;
+  Args args;
   int exit_code;
   std::string out;  // a prefix of standard output; empty: nothing at all
   Match match;
   std::string err;
-  std::function<void(const TempDir&)> check = nullptr;
+  Setup check = nullptr;
 };
 
 void capture(const TempDir& d) { cv::imwrite(d.file("cap.png"), make_texture(320, 240, 4)); }
-
 void reference(const TempDir& d) { write_yuv420(d.file("ref.yuv"), make_texture(160, 90, 2)); }
+Setup file(const std::string& name, const std::vector<unsigned char>& bytes) {
+  return [=](const TempDir& d) { write_bytes(d.file(name), bytes); };
+}
 
-// A .ftrs file that announces `count` keypoints and then holds none.
+// A .ftrs file that announces 2^60 keypoints and then holds none, beside a
+// reference that does not exist.
 void damaged_cache(const TempDir& d) {
   capture(d);
   std::vector<unsigned char> bytes(100, 1);
   const uint64_t count = uint64_t(1) << 60;
   std::memcpy(bytes.data(), &count, 8);
-  write_bytes(d.file("ref_0.ftrs"), bytes);  // beside a reference that does not exist
+  write_bytes(d.file("ref_0.ftrs"), bytes);
 }
 
-std::vector<std::string> operator+(std::vector<std::string> a, const std::vector<std::string>& b) {
+Args operator+(Args a, const Args& b) {
   a.insert(a.end(), b.begin(), b.end());
   return a;
 }
 
 std::vector<Case> cases() {
-  const auto none = [](const TempDir&) {};
+  const Setup none = [](const TempDir&) {};
   // Paths with a folder part keep the feature caches inside the test folder.
-  const std::vector<std::string> search = {"--input-file", "./cap.png", "--reference-file", "./ref.yuv",
-                                           "--width", "160", "--height", "90", "--result-folder", "out"};
-  const std::vector<std::string> pts = {"--input-file", "./cap.png", "--result-folder", "out", "--pts"};
-  const std::string bad_corners = "Corner points do not form a quadrilateral: ";
+  const Args search = {"--input-file", "./cap.png", "--reference-file", "./ref.yuv", "--width", "160",
+                       "--height", "90", "--result-folder", "out"};
+  const Args pts = {"--input-file", "./cap.png", "--result-folder", "out", "--pts"};
+  const Args raw = {"--input-file", "in.yuv", "--width", "5", "--height", "3"};
   const std::string must_be = "Error: --output value must be 0, 1, 2, 3, 4, fast, medium, slow, or slowest\n";
-  std::vector<unsigned char> jpeg;
+  const std::string short_read = "Failed to read complete YUV420 data from file: ";
+  std::vector<unsigned char> frames(3 * 27), jpeg;  // three 5 x 3 raw frames
   cv::imencode(".jpg", make_texture(64, 48, 1), jpeg);
 
   std::vector<Case> all = {
@@ -67,10 +73,7 @@ std::vector<Case> cases() {
        "Usage: " + std::string(FRAMEALIGN_BINARY) + " <options>\nOptions:\n  --help ", EXACT, "",
        [](const TempDir& d) { EXPECT_FALSE(std::filesystem::exists(d.file("out"))); }},
       {"unknown after version", none, {"--bogus", "--version"}, 255, "", EXACT, "Error: Unknown option --bogus\n"},
-      {"overlay size is unknown", none, {"--overlay-size", "512"}, 255, "", EXACT,
-       "Error: Unknown option --overlay-size\n"},
-      {"joined form", none, {"--width=640"}, 255, "", EXACT, "Error: Unknown option --width=640\n"},
-      {"width beyond int", none, {"--width", "99999999999"}, 255, "", EXACT, "Error: Invalid width value: stoi\n"},
+      {"listed but unknown", none, {"--overlay-size", "512"}, 255, "", EXACT, "Error: Unknown option --overlay-size\n"},
       {"point", none, {"--pts", "1", "2", "3", "x", "5", "6", "7", "8"}, 255, "", EXACT,
        "Error: Invalid point value: x, stod\n"},
       {"seven points", none, {"--pts", "1", "2", "3", "4", "5", "6", "7"}, 255, "", EXACT,
@@ -78,24 +81,24 @@ std::vector<Case> cases() {
       {"trailing comma", none, {"--output", "1,"}, 255, "", EXACT, "Error: Invalid --output value: empty token\n"},
       {"not a whole number", none, {"--output", " 3x "}, 255, "", EXACT, "Error: Invalid --output value: 3x\n"},
       {"variant 5", none, {"--output", "5"}, 255, "", EXACT, must_be},
-      {"variant -1", none, {"--output", "-1"}, 255, "", EXACT, must_be},
-      // OpenCV still speaks for itself while the picture is read; the alignment silences it later.
+      // OpenCV and its decoders speak for themselves while the picture is read;
+      // the alignment silences them later.
       {"missing picture, nested folder", none, {"--result-folder", "a/b/c", "--input-file", "missing.png"}, 255,
        "", ENDS_WITH, "Failed to read image file: missing.png\n",
        [](const TempDir& d) { EXPECT_TRUE(std::filesystem::is_directory(d.file("a/b/c"))); }},
-      {"folder below a file", [](const TempDir& d) { write_bytes(d.file("plain"), {1}); },
-       {"--result-folder", "plain/sub", "--input-file", "missing.jpg"}, 255, "", CONTAINS, "Filesystem error: "},
-      {"empty JPEG", [](const TempDir& d) { write_bytes(d.file("in.jpg"), {}); },
-       {"--input-file", "in.jpg", "--result-folder", "out"}, 255, "", EXACT, "Failed to read image file: in.jpg\n"},
-      {"truncated JPEG", [&](const TempDir& d) { write_bytes(d.file("in.jpg"), {jpeg.begin(), jpeg.begin() + 100}); },
-       {"--input-file", "in.jpg"}, 255, "", EXACT, "Failed to read image file: in.jpg\n"},
-      {"directory as picture", [](const TempDir& d) { std::filesystem::create_directory(d.file("d.png")); },
-       {"--input-file", "d.png"}, 255, "", EXACT, "Failed to read image file: d.png\n"},
-      {".jpe input", [&](const TempDir& d) { write_bytes(d.file("in.jpe"), jpeg); },
-       {"--input-file", "in.jpe", "--result-folder", "out"}, kAbort, "", CONTAINS, "Unsupported input file format (.jpe)"},
-      {"raw input shorter than a frame", [](const TempDir& d) { write_bytes(d.file("s.yuv"), std::vector<unsigned char>(100)); },
-       {"--input-file", "s.yuv", "--width", "16", "--height", "16"}, kAbort, "", CONTAINS,
-       "Failed to read complete YUV420 data from file: s.yuv with resolution 16x16"},
+      {"folder below a file", file("plain", {1}), {"--result-folder", "plain/sub", "--input-file", "x.jpg"}, 255,
+       "", CONTAINS, "Filesystem error: "},
+      {"truncated JPEG", file("in.jpg", {jpeg.begin(), jpeg.begin() + 100}), {"--input-file", "in.jpg"}, 255, "",
+       ENDS_WITH, "Failed to read image file: in.jpg\n"},
+      {".jpe input", file("in.jpe", jpeg), {"--input-file", "in.jpe", "--result-folder", "out"}, kAbort, "",
+       CONTAINS, "Unsupported input file format (.jpe)"},
+      {"missing raw input", none, raw, kAbort, "", CONTAINS, "Failed to open file: in.yuv"},
+      {"raw input shorter than a frame", file("in.yuv", {1, 2, 3}), raw, kAbort, "", CONTAINS,
+       short_read + "in.yuv with resolution 5x3"},
+      // The frame's offset lies past 4 GiB: the seek succeeds, the read fails.
+      {"reference frame far past the end", [=](const TempDir& d) { capture(d); write_bytes(d.file("ref.yuv"), frames); },
+       search + Args{"--width", "5", "--height", "3", "--frame-number", "2000000000"}, kAbort, "", CONTAINS,
+       short_read + "./ref.yuv with resolution 5x3"},
       {"size beyond 32 bits", capture, {"--input-file", "./cap.png", "--width", "70000", "--height", "70000"},
        kAbort, "", CONTAINS, "Invalid frame size: 70000x70000"},
       {"damaged reference cache", damaged_cache, search, 0, "best score: 999999\n", CONTAINS,
@@ -103,18 +106,16 @@ std::vector<Case> cases() {
        // The damaged cache is a miss, the blank reference matches nothing, and the folder says so.
        [](const TempDir& d) { EXPECT_EQ(read_text(d.file("out/best_result.txt")), "999999.000000\n"); }},
       {"result folder is a regular file", [](const TempDir& d) { capture(d); write_bytes(d.file("out"), {1}); },
-       pts + std::vector<std::string>{"10", "10", "300", "12", "8", "230", "310", "228"}, kAbort, "", CONTAINS,
+       pts + Args{"10", "10", "300", "12", "8", "230", "310", "228"}, kAbort, "", CONTAINS,
        "Cannot write result file: out/aligned_"},
-      {"three corners on a line", capture, pts + std::vector<std::string>{"0", "0", "100", "0", "200", "0", "100", "100"},
-       kAbort, "", CONTAINS, bad_corners},
-      {"NaN corner", capture, pts + std::vector<std::string>{"0", "0", "100", "0", "0", "100", "nan", "100"}, kAbort,
-       "", CONTAINS, bad_corners},
+      {"NaN corner", capture, pts + Args{"0", "0", "100", "0", "0", "100", "nan", "100"}, kAbort, "", CONTAINS,
+       "Corner points do not form a quadrilateral: "},
       {"uniform grey capture",
        [](const TempDir& d) { cv::imwrite(d.file("cap.png"), cv::Mat(240, 320, CV_8UC1, cv::Scalar(128))); reference(d); },
        search, kAbort, "", CONTAINS, "No features found to match against"},
       {"capture smaller than the reference",
        [](const TempDir& d) { cv::imwrite(d.file("cap.png"), make_texture(40, 30, 5)); reference(d); },
-       search + std::vector<std::string>{"--no-rectify"}, kAbort, "", CONTAINS, "Picture of 40x30 cannot fill a 160x90 frame"},
+       search + Args{"--no-rectify"}, kAbort, "", CONTAINS, "Picture of 40x30 cannot fill a 160x90 frame"},
   };
   for (const char* option : {"--input-file", "--reference-file", "--width", "--height", "--input-width",
                              "--input-height", "--frame-number", "--crop-width", "--crop-height",
@@ -127,7 +128,7 @@ std::vector<Case> cases() {
       {"--input-height", "input height"}, {"--frame-number", "frame number"}, {"--crop-width", "crop width"},
       {"--crop-height", "crop height"}};
   for (const auto& [option, label] : numbers) {
-    all.push_back({option + " px", none, {option, "px"}, 255, "", EXACT, "Error: Invalid " + label + " value: stoi\n"});
+    all.push_back({option, none, {option, "99999999999"}, 255, "", EXACT, "Error: Invalid " + label + " value: stoi\n"});
   }
   return all;
 }
@@ -139,15 +140,11 @@ TEST(framealign, OutcomesOfEveryKindOfCall) {
     c.setup(dir);
     const ToolRun r = run_tool(c.args, dir);
     EXPECT_EQ(r.exit_code, c.exit_code) << r.err;
-    if (c.out.empty()) {
-      EXPECT_EQ(r.out, "");
-    } else {
-      EXPECT_EQ(r.out.substr(0, c.out.size()), c.out);
-    }
+    EXPECT_EQ(r.out.substr(0, c.out.empty() ? std::string::npos : c.out.size()), c.out);
     if (c.match == EXACT) {
       EXPECT_EQ(r.err, c.err);
     } else if (c.match == ENDS_WITH) {
-      EXPECT_GT(r.err.size(), c.err.size()) << "OpenCV's own warning comes first";
+      EXPECT_GT(r.err.size(), c.err.size()) << "the decoder's own warning comes first";
       EXPECT_EQ(r.err.substr(r.err.size() - std::min(r.err.size(), c.err.size())), c.err);
     } else {
       EXPECT_NE(r.err.find(c.err), std::string::npos) << r.err;

@@ -21,13 +21,11 @@ inline ToolRun run_tool(const std::vector<std::string>& args, const TempDir& dir
     for (char c : word) q += c == '\'' ? std::string("'\\''") : std::string(1, c);
     return q + "'";
   };
-  std::string command = "cd " + quote(dir.path().string()) + " && timeout 900 " +
-                        quote(FRAMEALIGN_BINARY);
+  std::string command = "cd " + quote(dir.path()) + " && timeout 900 " + quote(FRAMEALIGN_BINARY);
   for (const std::string& a : args) command += " " + quote(a);
-  command += " >" + quote(dir.file(".out")) + " 2>" + quote(dir.file(".err"));
-  const int status = std::system(command.c_str());
-  ToolRun run{WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status),
-              read_text(dir.file(".out")), read_text(dir.file(".err"))};
+  const int status = std::system((command + " >.out 2>.err").c_str());
+  ToolRun run{WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status), read_text(dir.file(".out")),
+              read_text(dir.file(".err"))};
   std::filesystem::remove(dir.file(".out"));
   std::filesystem::remove(dir.file(".err"));
   return run;

@@ -13,7 +13,6 @@ namespace {
 struct Parsed {
   int status;
   Arguments args;
-  std::string out, err;
 };
 
 Parsed parse(std::vector<std::string> words) {
@@ -21,11 +20,9 @@ Parsed parse(std::vector<std::string> words) {
   std::vector<char*> argv;
   for (std::string& w : words) argv.push_back(w.data());
   Parsed p;
-  testing::internal::CaptureStdout();
-  testing::internal::CaptureStderr();
+  testing::internal::CaptureStderr();  // errors are the command-line table's
   p.status = parse_arguments(static_cast<int>(words.size()), argv.data(), p.args);
-  p.out = testing::internal::GetCapturedStdout();
-  p.err = testing::internal::GetCapturedStderr();
+  testing::internal::GetCapturedStderr();
   return p;
 }
 
@@ -34,7 +31,7 @@ TEST(parse_arguments, Nominal) {
                           "--crop-width", "-3", "--result-folder", "--out", "--pts", "1", "2.5x",
                           "-3", "4e2", "nan", "6", "7", "8", "--advanced", "--undo-barrel",
                           "--input-file", "b.jpg"});
-  ASSERT_EQ(p.status, PARSE_RUN) << p.err;
+  ASSERT_EQ(p.status, PARSE_RUN);
   EXPECT_EQ(p.args.input_file, "b.jpg");        // a later occurrence wins
   EXPECT_EQ(p.args.result_folder, "--out");     // a value may look like an option
   EXPECT_EQ(p.args.width, 640);                 // std::stoi ignores what follows the digits
