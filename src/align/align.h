@@ -15,6 +15,7 @@
 //  - Scores are lower-is-better; kFailedScore marks a failed attempt.
 #pragma once
 
+#include <array>
 #include <cstddef>
 #include <functional>
 #include <string>
@@ -215,11 +216,12 @@ void align_frame(const std::vector<cv::DMatch>& matches,
 // Runs the three preprocessing attempts in parallel (after the optional
 // advanced pre-pass), compacts the successful ones to the front and stores
 // the lowest score (kFailedScore when none succeeded). Returns their count k.
+// `slot_scores`, when given, receives the k scores in slot order.
 int get_rectified_imgs(const cv::Mat& image, int width, int height, const char* result_folder,
                        unsigned char* reference, unsigned char** aligned, double (*pts)[8],
                        double (*content_pts)[20], double* best_score,
                        const FeatureLoadCallback& load, const FeatureSaveCallback& save,
-                       bool advanced);
+                       bool advanced, std::vector<double>* slot_scores = nullptr);
 
 // Fills the slots for given corners (pts_in[7] != 0), no reference, no
 // rectification, or a search; returns the number of filled slots (0 when the
@@ -229,18 +231,28 @@ int generate_extraction_input(const char* result_folder, const cv::Mat& image,
                               const double* pts_in, unsigned char** aligned, double (*pts)[8],
                               double (*content_pts)[20], double* best_score,
                               const FeatureLoadCallback& load, const FeatureSaveCallback& save,
-                              bool advanced);
+                              bool advanced, std::vector<double>* slot_scores = nullptr);
+
+// What an alignment left in its result slots, for callers that want more
+// than the best score.
+struct AlignmentReport {
+  int slots = 0;               // result slots filled
+  std::vector<double> scores;  // a search's successful attempts, slots 0..k-1, lower is better
+  std::vector<std::array<double, 8>> corners;  // the corner rows of those slots
+};
 
 // The whole alignment. Without reference and corners it only caches the
 // input's features (returns -1). With corners (pts[7] != 0) it writes one slot
 // per output variant (default 3, 0), padded to the crop aspect, and returns
 // 0. Otherwise it searches and returns the best score. Writes the result
-// folder when one is given.
+// folder when one is given; fills `report` when one is given. Exceptions
+// from any stage, worker threads' included, reach the caller.
 double align_frame(unsigned char* input, unsigned char* reference, int width, int height,
                    int input_width, int input_height, int crop_width, int crop_height,
                    int no_rectify, const double* pts, const char* result_folder,
                    const FeatureLoadCallback& load, const FeatureSaveCallback& save,
-                   bool advanced, const std::vector<int>& outputs, bool jpeg_output);
+                   bool advanced, const std::vector<int>& outputs, bool jpeg_output,
+                   AlignmentReport* report = nullptr);
 
 // ---- Results --------------------------------------------------------------
 

@@ -52,7 +52,8 @@ double align_frame(unsigned char* input, unsigned char* reference, int width, in
                    int input_width, int input_height, int crop_width, int crop_height,
                    int no_rectify, const double* pts, const char* result_folder,
                    const FeatureLoadCallback& load, const FeatureSaveCallback& save,
-                   bool advanced, const std::vector<int>& outputs, bool jpeg_output) {
+                   bool advanced, const std::vector<int>& outputs, bool jpeg_output,
+                   AlignmentReport* report) {
   cv::utils::logging::setLogLevel(cv::utils::logging::LOG_LEVEL_ERROR);
 
   double content_pts[kSlots][20];
@@ -74,10 +75,11 @@ double align_frame(unsigned char* input, unsigned char* reference, int width, in
 
   double result = 0.0;
   int count = 0;
+  std::vector<double> scores;
   if (pts[7] == 0.0) {
     count = generate_extraction_input(result_folder, image, reference, width, height, no_rectify,
                                       pts, aligned, corner_rows, content_pts, &result, load, save,
-                                      advanced);
+                                      advanced, &scores);
   } else {
     int pad_x, pad_y;
     crop_padding(width, height, crop_width, crop_height, &pad_x, &pad_y);
@@ -100,6 +102,15 @@ double align_frame(unsigned char* input, unsigned char* reference, int width, in
     result = 0.0;
   }
 
+  if (report != nullptr) {
+    report->slots = count;
+    report->scores = scores;
+    report->corners.clear();
+    for (std::size_t i = 0; i < scores.size(); ++i) {
+      report->corners.emplace_back();
+      std::copy(corner_rows[i], corner_rows[i] + 8, report->corners.back().begin());
+    }
+  }
   if (result_folder != nullptr) {
     save_alignment_results(result_folder, input, aligned, corner_rows, content_pts, count, width,
                            height, input_width, input_height, result, jpeg_output);

@@ -1,7 +1,5 @@
 // The result folder: what the extraction step after the alignment reads.
 #include <cstdio>
-#include <exception>
-#include <mutex>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -82,22 +80,8 @@ void save_alignment_results(const char* result_folder, const unsigned char* inpu
   };
 
   // A slot that cannot be written ends the run with the first failure's
-  // message, rethrown here once every slot thread has ended rather than
-  // escaping from several threads at once.
-  std::mutex failure_lock;
-  std::exception_ptr failure;
-  parallel_for(
-      0, count,
-      [&](int i) {
-        try {
-          write_slot(i);
-        } catch (...) {
-          std::lock_guard<std::mutex> guard(failure_lock);
-          if (!failure) failure = std::current_exception();
-        }
-      },
-      count);
-  if (failure) std::rethrow_exception(failure);
+  // message, once every slot thread has ended.
+  parallel_for(0, count, write_slot, count);
 
   char score[64];
   const int length = std::snprintf(score, sizeof(score), "%f\n", best_score);

@@ -103,12 +103,13 @@ struct Attempts {
 
   // Moves the successful attempts to the front, in attempt order, swapping
   // slots (frames by pointer); returns their count and the lowest score.
-  int compact(double* best_score) {
+  int compact(double* best_score, std::vector<double>* slot_scores) {
     double best = kFailedScore;
     int k = 0;
     for (int i = 0; i < kAttempts; ++i) {
       if (!(scores[i] < kFailedScore)) continue;
       best = std::min(best, scores[i]);
+      if (slot_scores != nullptr) slot_scores->push_back(scores[i]);
       if (k != i) {
         std::swap(aligned[k], aligned[i]);
         std::swap_ranges(pts[k], pts[k] + 8, pts[i]);
@@ -193,7 +194,7 @@ int get_rectified_imgs(const cv::Mat& image, int width, int height, const char* 
                        unsigned char* reference, unsigned char** aligned, double (*pts)[8],
                        double (*content_pts)[20], double* best_score,
                        const FeatureLoadCallback& load, const FeatureSaveCallback& save,
-                       bool advanced) {
+                       bool advanced, std::vector<double>* slot_scores) {
   const cv::Mat ref(height, width, CV_8UC1, reference);
   Attempts attempts(image, width, height, load, save, aligned, pts, content_pts);
 
@@ -233,7 +234,7 @@ int get_rectified_imgs(const cv::Mat& image, int width, int height, const char* 
         },
         kAttempts);
   }
-  return attempts.compact(best_score);
+  return attempts.compact(best_score, slot_scores);
 }
 
 int generate_extraction_input(const char* result_folder, const cv::Mat& image,
@@ -241,7 +242,7 @@ int generate_extraction_input(const char* result_folder, const cv::Mat& image,
                               const double* pts_in, unsigned char** aligned, double (*pts)[8],
                               double (*content_pts)[20], double* best_score,
                               const FeatureLoadCallback& load, const FeatureSaveCallback& save,
-                              bool advanced) {
+                              bool advanced, std::vector<double>* slot_scores) {
   if (pts_in[7] != 0.0) {
     return align_given_corners(image, width, height, pts_in, aligned, pts, content_pts, false);
   }
@@ -255,7 +256,7 @@ int generate_extraction_input(const char* result_folder, const cv::Mat& image,
     write_frame_polygon(width, height, content_pts[0]);
   } else {
     k = get_rectified_imgs(image, width, height, result_folder, reference, aligned, pts,
-                           content_pts, best_score, load, save, advanced);
+                           content_pts, best_score, load, save, advanced, slot_scores);
     if (k < 1) return 0;
   }
   for (int j = 0; j < k; ++j) write_enhanced_copy(aligned[j], aligned[k + j], width, height);

@@ -22,13 +22,6 @@ namespace {
 
 constexpr int kExitError = -1;
 
-using LumaBuffer = std::unique_ptr<unsigned char[]>;
-
-// Uninitialised on purpose: every reader writes the whole plane.
-LumaBuffer allocate_luma(int width, int height) {
-  return LumaBuffer(new unsigned char[luma_plane_size(width, height)]);
-}
-
 // Creates the result folder when it does not exist yet; an existing entry of
 // any type is accepted as it is. False after reporting an error.
 bool prepare_result_folder(const std::string& folder) {
@@ -47,6 +40,8 @@ bool prepare_result_folder(const std::string& folder) {
   return true;
 }
 
+}  // namespace
+
 // A search allocates and frees SIFT pyramids of hundreds of megabytes per
 // layer. By default glibc maps each one freshly and unmaps it on free, so
 // every attempt pays for faulting gigabytes of zeroed pages again (on a
@@ -61,8 +56,6 @@ void keep_freed_memory_for_reuse() {
   mallopt(M_TRIM_THRESHOLD, -1);
 }
 
-}  // namespace
-
 int run_program(int argc, char** argv) {
   Arguments args;
   const int status = parse_arguments(argc, argv, args);
@@ -76,55 +69,35 @@ int run_program(int argc, char** argv) {
   const auto start = std::chrono::steady_clock::now();
   keep_freed_memory_for_reuse();
 
-  int input_width = args.input_width;
-  int input_height = args.input_height;
-  LumaBuffer input;
-  if (is_input_file_compressed(args.input_file)) {
-    const cv::Mat picture = read_luma_picture(args.input_file);
-    if (picture.empty()) {
-      std::cerr << "Failed to read image file: " << args.input_file << "\n";
-      return kExitError;
-    }
-    if (input_width == 0 || input_height == 0) {
-      input_width = picture.cols;
-      input_height = picture.rows;
-    }
-    input = allocate_luma(input_width, input_height);
-    copy_plane(picture, input.get(), input_width, input_height);
-  } else {
-    if (input_width == 0 || input_height == 0) {
-      input_width = args.width;
-      input_height = args.height;
-    }
-    input = allocate_luma(input_width, input_height);
-    // The input is always the first frame of its file, whatever --frame-number says.
-    extract_frame_from_yuv420_file(args.input_file, input.get(), input_width, input_height, -1);
+  LumaFrame input;
+  if (!read_input_frame(args.input_file, args.input_width, args.input_height, args.width,
+                        args.height, input)) {
+    std::cerr << "Failed to read image file: " << args.input_file << "\n";
+    return kExitError;
   }
 
   // When the reference file is missing its features come from the feature
   // cache. The plane is zeroed then, so that a missing cache too gives a
   // defined (featureless) reference rather than stray memory.
-  LumaBuffer reference = allocate_luma(args.width, args.height);
+  std::vector<unsigned char> reference(luma_plane_size(args.width, args.height), 0);
   if (!args.reference_file.empty() && file_exists(args.reference_file)) {
-    extract_frame_from_yuv420_file(args.reference_file, reference.get(), args.width,
+    extract_frame_from_yuv420_file(args.reference_file, reference.data(), args.width,
                                    args.height, args.frame_number);
-  } else {
-    std::fill_n(reference.get(), luma_plane_size(args.width, args.height), 0);
   }
 
   double best_score = 0.0;
   {
     const FeatureLoadCallback load = make_feature_load_callback(args);
     const FeatureSaveCallback save = make_feature_save_callback(args);
-    best_score = align_frame(input.get(), reference.get(), args.width, args.height, input_width,
-                             input_height, args.crop_width, args.crop_height,
+    best_score = align_frame(input.plane.data(), reference.data(), args.width, args.height,
+                             input.width, input.height, args.crop_width, args.crop_height,
                              args.no_rectify ? 1 : 0, args.pts,
                              args.result_folder.empty() ? nullptr : args.result_folder.c_str(),
                              load, save, args.advanced, args.outputs, args.jpeg_output);
   }
   std::cout << "best score: " << best_score << "\n";
-  input.reset();
-  reference.reset();
+  input = LumaFrame();
+  reference = std::vector<unsigned char>();
 
   const auto elapsed = std::chrono::steady_clock::now() - start;
   std::cout << "alignment time: "

@@ -98,17 +98,20 @@ std::string trim(const std::string& s) {
   return s.substr(begin, end - begin);
 }
 
-// Adds the variants named by one --output value; false after reporting an
-// error. Variants appended before a bad token stay in the list.
-bool parse_output_list(const std::string& value, std::vector<int>& outputs) {
+void report_missing_value(const std::string& option) {
+  std::cerr << "Error: " << option << " option requires an argument\n";
+}
+
+}  // namespace
+
+std::string append_output_list(const std::string& value, std::vector<int>& outputs) {
   size_t pos = 0;
   while (true) {
     const size_t comma = value.find(',', pos);
     const std::string token =
         trim(value.substr(pos, comma == std::string::npos ? std::string::npos : comma - pos));
     if (token.empty()) {
-      std::cerr << "Error: Invalid --output value: empty token\n";
-      return false;
+      return "Error: Invalid --output value: empty token";
     }
     std::string lower = token;
     for (char& c : lower) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
@@ -128,25 +131,17 @@ bool parse_output_list(const std::string& value, std::vector<int>& outputs) {
         used = 0;
       }
       if (used == 0 || used != token.size()) {
-        std::cerr << "Error: Invalid --output value: " << token << "\n";
-        return false;
+        return "Error: Invalid --output value: " + token;
       }
       if (number < 0 || number > 4) {
-        std::cerr << "Error: --output value must be 0, 1, 2, 3, 4, fast, medium, slow, or slowest\n";
-        return false;
+        return "Error: --output value must be 0, 1, 2, 3, 4, fast, medium, slow, or slowest";
       }
       append_unique_output(outputs, number);
     }
-    if (comma == std::string::npos) return true;
+    if (comma == std::string::npos) return "";
     pos = comma + 1;
   }
 }
-
-void report_missing_value(const std::string& option) {
-  std::cerr << "Error: " << option << " option requires an argument\n";
-}
-
-}  // namespace
 
 void print_usage(const std::string& program_name) {
   std::cout << "Usage: " << program_name << " <options>\n" << kUsageBody;
@@ -218,7 +213,11 @@ int parse_arguments(int argc, char** argv, Arguments& args) {
         report_missing_value(arg);
         return PARSE_ERROR;
       }
-      if (!parse_output_list(argv[++i], args.outputs)) return PARSE_ERROR;
+      const std::string error = append_output_list(argv[++i], args.outputs);
+      if (!error.empty()) {
+        std::cerr << error << "\n";
+        return PARSE_ERROR;
+      }
     } else {
       std::cerr << "Error: Unknown option " << arg << "\n";
       return PARSE_ERROR;

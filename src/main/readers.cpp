@@ -102,3 +102,23 @@ void extract_frame_from_yuv420_file(std::string path, unsigned char* buffer, int
   if (picture.empty()) throw std::runtime_error("Failed to read image file: " + path);
   copy_plane(picture, buffer, width, height);
 }
+
+bool read_input_frame(const std::string& path, int input_width, int input_height, int width,
+                      int height, LumaFrame& frame) {
+  const bool sized = input_width != 0 && input_height != 0;
+  if (is_input_file_compressed(path)) {
+    const cv::Mat picture = read_luma_picture(path);
+    if (picture.empty()) return false;
+    frame.width = sized ? input_width : picture.cols;
+    frame.height = sized ? input_height : picture.rows;
+    frame.plane.resize(luma_plane_size(frame.width, frame.height));
+    copy_plane(picture, frame.plane.data(), frame.width, frame.height);
+    return true;
+  }
+  frame.width = sized ? input_width : width;
+  frame.height = sized ? input_height : height;
+  frame.plane.resize(luma_plane_size(frame.width, frame.height));
+  // The input is always the first frame of its file.
+  extract_frame_from_yuv420_file(path, frame.plane.data(), frame.width, frame.height, -1);
+  return true;
+}

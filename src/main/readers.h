@@ -8,6 +8,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <string>
+#include <vector>
 
 #include <opencv2/core.hpp>
 
@@ -44,3 +45,18 @@ cv::Mat read_luma_picture(const std::string& path);
 // rather than read past its end.
 void extract_frame_from_yuv420_file(std::string path, unsigned char* buffer, int width,
                                     int height, int frame_number);
+
+// A luma plane with its size.
+struct LumaFrame {
+  std::vector<unsigned char> plane;
+  int width = 0;
+  int height = 0;
+};
+
+// The capture as the tool reads it: an image file decoded as grey (the PNG
+// rule applied) at its own size, unless input_width and input_height are
+// both given; any other file as the first frame of a raw 4:2:0 file of the
+// input size, else of width x height. False when an image file cannot be
+// decoded; other failures throw as extract_frame_from_yuv420_file does.
+bool read_input_frame(const std::string& path, int input_width, int input_height, int width,
+                      int height, LumaFrame& frame);
