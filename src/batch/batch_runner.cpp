@@ -1,0 +1,327 @@
+#include "batch/batch_runner.h"
+
+#include <signal.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <iostream>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <thread>
+
+#include <opencv2/core.hpp>
+
+#include "align/align.h"
+#include "align/parallel_for.h"
+#include "batch/summary.h"
+#include "main/driver.h"
+#include "main/feature_cache.h"
+#include "main/readers.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+volatile sig_atomic_t g_signal = 0;
+
+void on_signal(int signal) { g_signal = signal; }
+
+using Clock = std::chrono::steady_clock;
+
+double seconds_since(Clock::time_point start) {
+  return std::chrono::duration<double>(Clock::now() - start).count();
+}
+
+std::string format(const char* spec, double value) {
+  char text[64];
+  std::snprintf(text, sizeof(text), spec, value);
+  return text;
+}
+
+// A reference frame's plane and features, or why its captures cannot run.
+struct Reference {
+  std::vector<unsigned char> plane;  // zeros when the file does not exist, as framealign has it
+  std::vector<cv::KeyPoint> keypoints;
+  cv::Mat descriptors;
+  std::string error;
+};
+
+// Reads the frame and takes its features from the feature cache, or computes
+// them and stores the cache, as framealign does.
+void prepare(const ReferenceFrame& frame, Reference& reference) {
+  Arguments args;
+  args.reference_file = frame.path;
+  args.frame_number = frame.frame_number;
+  const std::string cache = feature_cache_path(args, nullptr);
+  const std::string size = std::to_string(frame.width) + "x" + std::to_string(frame.height);
+  try {
+    reference.plane.assign(luma_plane_size(frame.width, frame.height), 0);
+    const bool exists = file_exists(frame.path);
+    if (exists) {
+      extract_frame_from_yuv420_file(frame.path, reference.plane.data(), frame.width,
+                                     frame.height, frame.frame_number);
+    }
+    if (load_features(cache, reference.keypoints, reference.descriptors)) {
+      for (const cv::KeyPoint& kp : reference.keypoints) {
+        if (!(kp.pt.x >= 0 && kp.pt.y >= 0 && kp.pt.x <= frame.width && kp.pt.y <= frame.height)) {
+          reference.error = "The feature cache " + cache + " holds keypoints outside the " +
+                            size + " frame: it was made for a reference of another size";
+          return;
+        }
+      }
+    } else if (exists) {
+      const cv::Mat plane(frame.height, frame.width, CV_8UC1, reference.plane.data());
+      SIFTdetectAndCompute(plane, reference.keypoints, reference.descriptors, false);
+      save_features(cache, reference.keypoints, reference.descriptors);
+    } else {
+      reference.error = "Reference file " + frame.path + " does not exist, nor its feature cache " + cache;
+    }
+  } catch (const std::exception& e) {
+    reference.error = e.what();
+  }
+}
+
+// Every reference frame prepared once, by the first capture that needs it.
+class References {
+ public:
+  const Reference& get(const ReferenceFrame& frame) {
+    std::shared_ptr<Entry> entry;
+    {
+      std::lock_guard<std::mutex> guard(lock_);
+      std::shared_ptr<Entry>& slot = entries_[frame];
+      if (!slot) slot = std::make_shared<Entry>();
+      entry = slot;
+    }
+    std::call_once(entry->once, [&] { prepare(frame, entry->reference); });
+    return entry->reference;
+  }
+
+ private:
+  struct Entry {
+    std::once_flag once;
+    Reference reference;
+  };
+  std::mutex lock_;
+  std::map<ReferenceFrame, std::shared_ptr<Entry>> entries_;
+};
+
+// The summary columns after id, input and status.
+std::vector<std::string> result_values(double score, const AlignmentReport& report,
+                                       double seconds, const std::string& message) {
+  std::vector<std::string> values(13);
+  if (!report.scores.empty()) {
+    const size_t best = std::min_element(report.scores.begin(), report.scores.end()) -
+                        report.scores.begin();
+    values[0] = format("%.9g", score);
+    values[1] = std::to_string(best);
+    for (size_t i = 0; i < report.scores.size(); ++i) {
+      values[2] += (i ? ";" : "") + format("%.9g", report.scores[i]);
+    }
+    for (int c = 0; c < 8; ++c) values[3 + c] = format("%f", report.corners[best][c]);
+  } else if (message.empty()) {
+    values[0] = format("%.9g", score);
+  }
+  values[11] = format("%.2f", seconds);
+  values[12] = message;
+  return values;
+}
+
+// Aligns one capture into <root>/.partial/<id>, then renames that folder to
+// <root>/<id>, so that a folder under its own name is always complete.
+SummaryRow run_capture(const CaptureJob& job, const BatchOptions& options,
+                       References& references) {
+  const auto start = Clock::now();
+  const fs::path root(options.result_root);
+  const fs::path partial = root / ".partial" / job.id;
+  const fs::path folder = root / job.id;
+  SummaryRow row{job.id, job.input, "error", {}};
+  try {
+    const Reference& reference = references.get(job.reference);
+    if (!reference.error.empty()) throw std::runtime_error(reference.error);
+    LumaFrame input;
+    if (!read_input_frame(job.input, 0, 0, job.reference.width, job.reference.height, input)) {
+      throw std::runtime_error("Failed to read image file: " + job.input);
+    }
+    fs::remove_all(partial);
+    fs::create_directories(partial);
+
+    Arguments args;  // names the capture's own cache files
+    args.input_file = job.input;
+    const FeatureLoadCallback load_capture = make_feature_load_callback(args);
+    const FeatureSaveCallback save_capture = make_feature_save_callback(args);
+    const bool cache = options.capture_cache;
+    const FeatureLoadCallback load = [&](std::vector<cv::KeyPoint>& keypoints,
+                                         cv::Mat& descriptors, const char* name) {
+      if (name != nullptr) return cache && load_capture(keypoints, descriptors, name);
+      keypoints = reference.keypoints;
+      descriptors = reference.descriptors;
+      return true;
+    };
+    const FeatureSaveCallback save = [&](const std::vector<cv::KeyPoint>& keypoints,
+                                         const cv::Mat& descriptors, const char* name) {
+      if (name != nullptr && cache) save_capture(keypoints, descriptors, name);
+    };
+    const double no_corners[8] = {};
+    AlignmentReport report;
+    const double score = align_frame(
+        input.plane.data(), const_cast<unsigned char*>(reference.plane.data()),
+        job.reference.width, job.reference.height, input.width, input.height, 0, 0, 0,
+        no_corners, partial.c_str(), load, save, options.advanced, options.outputs,
+        options.jpeg_output, &report);
+    fs::remove_all(folder);
+    fs::rename(partial, folder);
+    row.status = score < kFailedScore ? "aligned" : "not_found";
+    row.values = result_values(score, report, seconds_since(start), "");
+  } catch (const std::exception& e) {
+    std::error_code ignored;
+    fs::remove_all(partial, ignored);
+    fs::remove_all(folder, ignored);  // no folder that the summary does not vouch for
+    row.values = result_values(0, AlignmentReport(), seconds_since(start), e.what());
+  }
+  return row;
+}
+
+// One line on standard error, rewritten in place on a terminal; one line
+// per finished capture otherwise.
+class Progress {
+ public:
+  explicit Progress(int total) : total_(total), start_(Clock::now()), tty_(::isatty(2)) {}
+
+  void finished(const SummaryRow& row, double seconds) {
+    std::lock_guard<std::mutex> guard(lock_);
+    ++done_;
+    ++counts_[row.status];
+    const double per_capture = seconds_since(start_) / done_;
+    if (tty_) {
+      const int left = static_cast<int>(per_capture * (total_ - done_));
+      std::fprintf(stderr, "\r%d/%d  aligned %d  not_found %d  error %d  %.1f s/capture  %d:%02d left ",
+                   done_, total_, counts_["aligned"], counts_["not_found"], counts_["error"],
+                   per_capture, left / 60, left % 60);
+    } else {
+      std::fprintf(stderr, "%d/%d %s %s %.1f s\n", done_, total_, row.id.c_str(),
+                   row.status.c_str(), seconds);
+    }
+    std::fflush(stderr);
+  }
+
+  void end() const {
+    if (tty_ && done_ > 0) std::fprintf(stderr, "\n");
+  }
+
+ private:
+  std::mutex lock_;
+  const int total_;
+  int done_ = 0;
+  std::map<std::string, int> counts_;
+  const Clock::time_point start_;
+  const bool tty_;
+};
+
+std::string shard_tag(const BatchOptions& options) {
+  return options.shards == 1 ? ""
+                             : "." + std::to_string(options.shard) + "-of-" +
+                                   std::to_string(options.shards);
+}
+
+}  // namespace
+
+int default_jobs() {
+  long long available_kb = 0;
+  std::ifstream meminfo("/proc/meminfo");
+  for (std::string key; meminfo >> key;) {
+    if (key == "MemAvailable:") meminfo >> available_kb;
+  }
+  const long long per_job_kb = 3584LL * 1024;  // a 12 MP capture's search
+  const int by_memory = static_cast<int>(std::max(1LL, available_kb / per_job_kb));
+  return std::max(1, std::min(usable_cpu_count(), by_memory));
+}
+
+int run_batch(const BatchOptions& options) {
+  const auto start = Clock::now();
+  std::vector<CaptureJob> all;
+  try {
+    all = options.list.empty() ? capture_jobs(options.inputs, options.defaults)
+                               : read_capture_list(options.list, options.defaults);
+  } catch (const ListError& e) {
+    std::cerr << "framealign-batch: " << e.what() << "\n";
+    return 2;
+  }
+  const std::vector<CaptureJob> jobs = shard_of(all, options.shard, options.shards);
+  const fs::path root(options.result_root);
+  std::error_code error;
+  fs::create_directories(root / ".partial", error);
+  if (error) {
+    std::cerr << "framealign-batch: cannot create " << (root / ".partial").string() << ": "
+              << error.message() << "\n";
+    return 2;
+  }
+  keep_freed_memory_for_reuse();
+
+  // What earlier runs finished stays: its folder is complete and its row recorded.
+  std::map<std::string, SummaryRow> rows = read_recorded_rows(root);
+  std::vector<const CaptureJob*> pending;
+  for (const CaptureJob& job : jobs) {
+    fs::remove_all(root / ".partial" / job.id, error);
+    const auto it = rows.find(job.id);
+    const bool done = !options.force && it != rows.end() && it->second.input == job.input &&
+                      it->second.status != "error" && fs::exists(root / job.id / "best_result.txt");
+    if (done) continue;
+    rows.erase(job.id);
+    pending.push_back(&job);
+  }
+
+  Journal journal((root / (".journal" + shard_tag(options))).string());
+  struct sigaction action = {};
+  action.sa_handler = on_signal;
+  sigaction(SIGINT, &action, nullptr);
+  sigaction(SIGTERM, &action, nullptr);
+
+  References references;
+  Progress progress(static_cast<int>(pending.size()));
+  std::mutex rows_lock;
+  std::atomic<size_t> next{0};
+  const int workers = std::min<int>(options.jobs > 0 ? options.jobs : default_jobs(),
+                                    std::max<size_t>(pending.size(), 1));
+  // Each worker takes the next capture until none is left or a signal came;
+  // the capture in flight always finishes.
+  parallel_for(
+      0, workers,
+      [&](int) {
+        for (size_t i; g_signal == 0 && (i = next++) < pending.size();) {
+          const SummaryRow row = run_capture(*pending[i], options, references);
+          journal.append(row);
+          {
+            std::lock_guard<std::mutex> guard(rows_lock);
+            rows[row.id] = row;
+          }
+          progress.finished(row, std::stod(row.values[11]));
+        }
+      },
+      workers);
+  progress.end();
+
+  std::vector<SummaryRow> summary;
+  std::map<std::string, int> counts;
+  for (const CaptureJob& job : jobs) {
+    const auto it = rows.find(job.id);
+    if (it == rows.end()) continue;
+    summary.push_back(it->second);
+    ++counts[it->second.status];
+  }
+  write_summary((root / ("summary" + shard_tag(options) + ".csv")).string(), summary);
+  const size_t run = std::min<size_t>(next, pending.size());
+  const double seconds = seconds_since(start);
+  std::fprintf(stderr,
+               "%zu of %zu captures recorded: %d aligned, %d not_found, %d error; %zu run now in "
+               "%.1f s, %.1f s per capture\n",
+               summary.size(), jobs.size(), counts["aligned"], counts["not_found"], counts["error"],
+               run, seconds, run == 0 ? 0.0 : seconds / run);
+  if (g_signal != 0) return 128 + g_signal;
+  return counts["error"] > 0 ? 1 : 0;
+}

@@ -1,0 +1,33 @@
+// Aligns many captures in one process: reference features computed or
+// loaded once per reference frame, several captures in flight, a journal
+// that lets a rerun resume, a summary, progress on standard error.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "batch/capture_list.h"
+
+struct BatchOptions {
+  std::string list;                 // CSV list; or else
+  std::vector<std::string> inputs;  // captures named on the command line
+  std::string result_root;
+  ReferenceFrame defaults;          // --reference-file, --width, --height, --frame-number
+  bool advanced = false;
+  bool jpeg_output = false;
+  std::vector<int> outputs;
+  int shard = 1;                    // this process takes rows shard, shard + shards, ...
+  int shards = 1;
+  int jobs = 0;                     // captures in flight; 0: from the CPUs and memory
+  bool capture_cache = false;       // read and write the captures' .ftrs files
+  bool force = false;               // redo captures already done
+};
+
+// Captures in flight when --jobs is not given: one per usable CPU, as far as
+// the available memory holds a 12 MP capture's search (3.5 GB) for each.
+int default_jobs();
+
+// Runs the batch. Returns the exit status: 0 when every capture ended
+// aligned or not_found, 1 when any ended in error, 2 when the list cannot
+// be run, 128 + the signal's number after SIGINT or SIGTERM.
+int run_batch(const BatchOptions& options);

@@ -1,0 +1,55 @@
+// framealign-batch: many captures in one run. See README "Batches".
+#include <CLI/CLI.hpp>
+
+#include "batch/batch_runner.h"
+#include "main/options.h"
+
+int main(int argc, char** argv) {
+  BatchOptions options;
+  std::vector<std::string> outputs;
+  std::string shard;
+  CLI::App app{"Aligns many captures of known reference frames; see framealign for one.",
+               "framealign-batch"};
+  app.add_option("--list", options.list, "CSV list of captures: column input, optional id, "
+                 "reference, width, height, frame_number");
+  app.add_option("inputs", options.inputs, "Captures, when there is no list");
+  app.add_option("--result-root", options.result_root, "A folder <id> per capture, summary.csv")
+      ->required();
+  app.add_option("--reference-file", options.defaults.path, "Reference frame file (raw YUV)");
+  app.add_option("--width", options.defaults.width, "Reference width (default 1920)");
+  app.add_option("--height", options.defaults.height, "Reference height (default 1080)");
+  app.add_option("--frame-number", options.defaults.frame_number, "Frame of the reference file");
+  app.add_flag("--advanced", options.advanced, "Advanced alignment (mirror and affine pre-pass)");
+  app.add_flag("--jpeg-output", options.jpeg_output, "JPEG previews in every result folder");
+  app.add_option("--output", outputs, "Output variant or preset, as framealign's --output")
+      ->take_all()->allow_extra_args(false);
+  app.add_option("--shard", shard, "K/N: take rows K, K+N, K+2N, ... of the list");
+  app.add_option("--jobs", options.jobs, "Captures in flight (default: from CPUs and memory)")
+      ->check(CLI::PositiveNumber);
+  app.add_flag("--capture-cache", options.capture_cache, "Read and write captures' .ftrs files");
+  app.add_flag("--force", options.force, "Redo captures that are already done");
+  app.set_version_flag("--version", kVersion);
+  try {
+    app.parse(argc, argv);
+    if (options.list.empty() == options.inputs.empty()) {
+      throw CLI::ValidationError("give either --list or captures, not both or neither");
+    }
+    if (!options.inputs.empty() && options.defaults.path.empty()) {
+      throw CLI::ValidationError("--reference-file is needed for captures named here");
+    }
+    for (const std::string& value : outputs) {
+      const std::string error = append_output_list(value, options.outputs);
+      if (!error.empty()) throw CLI::ValidationError(error.substr(error.find(' ') + 1));
+    }
+    if (!shard.empty()) {
+      char slash = 0, rest = 0;
+      if (std::sscanf(shard.c_str(), "%d%c%d%c", &options.shard, &slash, &options.shards, &rest) != 3 ||
+          slash != '/' || options.shard < 1 || options.shard > options.shards) {
+        throw CLI::ValidationError("--shard", "must be K/N with 1 <= K <= N, got '" + shard + "'");
+      }
+    }
+  } catch (const CLI::ParseError& e) {
+    return app.exit(e) == 0 ? 0 : 2;
+  }
+  return run_batch(options);
+}

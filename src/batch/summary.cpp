@@ -1,0 +1,86 @@
+#include "batch/summary.h"
+
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <stdexcept>
+
+#include "align/align.h"
+#include "batch/csv.h"
+
+const std::vector<std::string> kSummaryColumns = {
+    "id", "input", "status", "best_score", "best_slot", "slot_scores", "x1", "y1", "x2",
+    "y2", "x3", "y3", "x4", "y4", "seconds", "message"};
+
+std::vector<std::string> SummaryRow::fields() const {
+  std::vector<std::string> all = {id, input, status};
+  all.insert(all.end(), values.begin(), values.end());
+  return all;
+}
+
+namespace {
+
+void read_rows(const std::string& path, std::map<std::string, SummaryRow>& rows) {
+  std::ifstream in(path, std::ios::binary);
+  std::stringstream text;
+  text << in.rdbuf();
+  std::string content = text.str();
+  // A line without its end was cut off by a kill; it is not a row.
+  const size_t end = content.rfind('\n');
+  content.resize(end == std::string::npos ? 0 : end + 1);
+  std::vector<CsvRecord> records;
+  try {
+    records = parse_csv(content);
+  } catch (const CsvError&) {
+    return;  // not written by this program
+  }
+  for (const CsvRecord& record : records) {
+    if (record.fields.size() != kSummaryColumns.size() || record.fields == kSummaryColumns) continue;
+    SummaryRow row{record.fields[0], record.fields[1], record.fields[2],
+                   {record.fields.begin() + 3, record.fields.end()}};
+    rows[row.id] = row;
+  }
+}
+
+}  // namespace
+
+std::map<std::string, SummaryRow> read_recorded_rows(const std::string& root) {
+  std::vector<std::string> summaries, journals;
+  std::error_code error;
+  for (const auto& entry : std::filesystem::directory_iterator(root, error)) {
+    const std::string name = entry.path().filename().string();
+    if (name.rfind("summary", 0) == 0 && entry.path().extension() == ".csv") {
+      summaries.push_back(entry.path().string());
+    } else if (name.rfind(".journal", 0) == 0) {
+      journals.push_back(entry.path().string());
+    }
+  }
+  std::map<std::string, SummaryRow> rows;
+  for (const std::string& path : summaries) read_rows(path, rows);
+  for (const std::string& path : journals) read_rows(path, rows);
+  return rows;
+}
+
+Journal::Journal(const std::string& path) : file_(std::fopen(path.c_str(), "ab")) {
+  if (file_ == nullptr) throw std::runtime_error("cannot write the journal " + path);
+}
+
+Journal::~Journal() { std::fclose(file_); }
+
+void Journal::append(const SummaryRow& row) {
+  const std::string line = csv_line(row.fields());
+  std::lock_guard<std::mutex> guard(lock_);
+  std::fwrite(line.data(), 1, line.size(), file_);
+  std::fflush(file_);
+  ::fsync(::fileno(file_));
+}
+
+void write_summary(const std::string& path, const std::vector<SummaryRow>& rows) {
+  std::string text = csv_line(kSummaryColumns);
+  for (const SummaryRow& row : rows) text += csv_line(row.fields());
+  if (!replace_file(path, text.data(), text.size())) {
+    throw std::runtime_error("cannot write the summary " + path);
+  }
+}

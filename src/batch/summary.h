@@ -1,0 +1,47 @@
+// The batch's record of what became of each capture: summary files and the
+// journal they are made from.
+//
+// Every finished capture appends its row to a journal in the result root at
+// once, so that a batch killed at any moment loses at most the capture in
+// flight; the summary CSV, rows in list order, is written from the rows
+// recorded when the batch ends. A rerun reads the rows back from every
+// summary and journal in the root, shards' included.
+#pragma once
+
+#include <cstdio>
+#include <map>
+#include <mutex>
+#include <string>
+#include <vector>
+
+// The summary's columns, in order.
+extern const std::vector<std::string> kSummaryColumns;
+
+struct SummaryRow {
+  std::string id, input, status;  // status: "aligned", "not_found" or "error"
+  std::vector<std::string> values;  // the remaining columns, as written
+  std::vector<std::string> fields() const;
+};
+
+// Rows by id from every summary*.csv and .journal* file in `root`; a later
+// row for an id replaces an earlier one, journals after summaries. Torn
+// last lines (a batch killed mid-write) and rows of another form are left out.
+std::map<std::string, SummaryRow> read_recorded_rows(const std::string& root);
+
+// Appends rows to a journal file, one whole line per write, flushed.
+class Journal {
+ public:
+  explicit Journal(const std::string& path);
+  ~Journal();
+  Journal(const Journal&) = delete;
+  Journal& operator=(const Journal&) = delete;
+  void append(const SummaryRow& row);
+
+ private:
+  std::mutex lock_;
+  std::FILE* file_;
+};
+
+// Writes the summary CSV (header, then the rows) through a temporary name.
+// Throws std::runtime_error when it cannot.
+void write_summary(const std::string& path, const std::vector<SummaryRow>& rows);

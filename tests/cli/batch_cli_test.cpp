@@ -1,0 +1,185 @@
+// framealign-batch as a user runs it: the same result folders as framealign,
+// the summary, faults as rows, resumption after a stop or a kill, shards
+// through GNU parallel and a Slurm job array.
+#include <signal.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <regex>
+#include <sstream>
+#include <thread>
+
+#include <gtest/gtest.h>
+#include <opencv2/imgcodecs.hpp>
+
+#include "cli/run_tool.h"
+
+namespace {
+
+const std::string kBatch = FRAMEALIGN_BATCH;
+
+// The summary without its timing column, which no two runs share.
+std::string summary(const std::string& path) {
+  std::string text = read_text(path), out;
+  std::istringstream lines(text);
+  for (std::string line; std::getline(lines, line);) out += std::regex_replace(line, std::regex(",[0-9.]+,([^,]*)$"), ",,$1") + "\n";
+  return out;
+}
+
+// Five captures of one 640 x 360 reference, the third mirrored (not found
+// without --advanced), and the
+// list of the first four; one whole uninterrupted batch of them.
+class Batch : public testing::Test {
+ protected:
+  static void SetUpTestSuite() {
+    const cv::Mat reference = make_texture(640, 360, 301);
+    write_yuv420(dir_.file("ref.yuv"), reference);
+    std::ofstream list(dir_.file("list.csv"));
+    list << "input,id\n";
+    for (int i = 1; i <= 5; ++i) {
+      CaptureSettings s;
+      s.capture_width = 960;
+      s.capture_height = 720;
+      s.seed = i;
+      s.mirror = i == 3;
+      cv::imwrite(dir_.file("c" + std::to_string(i) + ".jpg"), render_capture(reference, s).picture);
+      if (i < 5) list << "./c" << i << ".jpg,cap" << i << "\n";
+    }
+    list.close();
+    full_ = run_tool(args("full"), dir_, kBatch);
+  }
+  static std::vector<std::string> args(const std::string& root, std::vector<std::string> more = {}) {
+    std::vector<std::string> a = {"--list", "list.csv", "--reference-file", "./ref.yuv", "--width", "640",
+                                  "--height", "360", "--jobs", "1", "--result-root", root};
+    a.insert(a.end(), more.begin(), more.end());
+    return a;
+  }
+  // The batch's folders equal those of the whole run, and so does its summary.
+  static void expect_like_full(const std::string& root, const std::string& summary_name = "summary.csv") {
+    EXPECT_EQ(summary(dir_.file(root + "/" + summary_name)), summary(dir_.file("full/summary.csv")));
+    for (int i = 1; i <= 4; ++i) {
+      const std::string id = "/cap" + std::to_string(i);
+      EXPECT_TRUE(read_folder(dir_.file(root + id)) == read_folder(dir_.file("full" + id))) << root << id;
+    }
+  }
+  static inline TempDir dir_;
+  static inline ToolRun full_;
+};
+
+// Byte for byte what framealign writes, in each mode; the summary names the
+// best slot (the lowest of the slot scores) and its corners.
+TEST_F(Batch, FoldersAreFramealignsInEveryMode) {
+  ASSERT_EQ(full_.exit_code, 0) << full_.err;
+  EXPECT_NE(full_.err.find("4 of 4 captures recorded: 3 aligned, 1 not_found, 0 error"), std::string::npos);
+  const std::vector<std::pair<std::vector<std::string>, std::vector<int>>> modes = {
+      {{}, {1, 2}}, {{"--advanced"}, {3}}, {{"--jpeg-output", "--output", "slow"}, {4}}};
+  for (const auto& [mode, captures] : modes) {
+    const std::string root = "mode" + std::to_string(captures[0]);
+    std::vector<std::string> inputs = {"--reference-file", "./ref.yuv", "--width", "640", "--height", "360",
+                                       "--result-root", root};
+    for (int i : captures) inputs.push_back("./c" + std::to_string(i) + ".jpg");
+    inputs.insert(inputs.end(), mode.begin(), mode.end());
+    ASSERT_EQ(run_tool(inputs, dir_, kBatch).exit_code, 0);
+    for (int i : captures) {
+      const std::string c = "c" + std::to_string(i);
+      std::vector<std::string> single = {"--input-file", "./" + c + ".jpg", "--reference-file", "./ref.yuv", "--width",
+                                         "640", "--height", "360", "--result-folder", root + "/fa_" + c};
+      single.insert(single.end(), mode.begin(), mode.end());
+      ASSERT_EQ(run_tool(single, dir_).exit_code, 0);
+      EXPECT_TRUE(read_folder(dir_.file(root + "/fa_" + c)) == read_folder(dir_.file(root + "/" + c))) << c;
+    }
+  }
+  const std::string text = read_text(dir_.file("full/summary.csv"));
+  EXPECT_EQ(text.substr(0, text.find('\n')),
+            "id,input,status,best_score,best_slot,slot_scores,x1,y1,x2,y2,x3,y3,x4,y4,seconds,message");
+  std::smatch row;  // cap1: best score, best slot, the slot scores, the first corner
+  ASSERT_TRUE(std::regex_search(text, row, std::regex("\ncap1,./c1.jpg,aligned,([^,]+),([0-9]),([^,]+),([^,]+),")));
+  const std::string slot = row.str(2), first = read_text(dir_.file("full/cap1/pts_" + slot + ".txt"));
+  EXPECT_EQ(first.substr(0, first.find(' ')), row.str(4));
+  EXPECT_EQ(read_text(dir_.file("full/cap1/best_result.txt")), std::to_string(std::stod(row.str(1))) + "\n");
+  std::vector<double> scores;
+  std::istringstream in(row.str(3));
+  for (std::string score; std::getline(in, score, ';');) scores.push_back(std::stod(score));
+  EXPECT_EQ(std::min_element(scores.begin(), scores.end()) - scores.begin(), std::stoi(slot));
+}
+
+// A capture that cannot be aligned is a row with the tool's message; the
+// others go on. A reference cache made for another size is refused.
+TEST_F(Batch, FaultsAreRows) {
+  write_bytes(dir_.file("short.yuv"), std::vector<unsigned char>(100));
+  cv::imwrite(dir_.file("flat.png"), cv::Mat(300, 400, CV_8UC1, cv::Scalar(90)));
+  std::filesystem::copy_file(dir_.file("ref_0.ftrs"), dir_.file("gone_0.ftrs"));
+  std::ofstream(dir_.file("faults.csv")) << "input,id,reference,width,height\n./c5.jpg,,,,\nmissing.jpg,,,,\n"
+                                         << "notes.txt,,,,\nshort.yuv,,,,\nflat.png,,,,\n./c5.jpg,small,./gone.yuv,320,180\n";
+  const ToolRun r = run_tool({"--list", "faults.csv", "--reference-file", "./ref.yuv", "--width", "640", "--height",
+                              "360", "--result-root", "faults"}, dir_, kBatch);
+  EXPECT_EQ(r.exit_code, 1);
+  const std::vector<std::string> expected = {
+      "c5,./c5.jpg,aligned,", "missing,missing.jpg,error,,,,,,,,,,,,,Failed to read image file: missing.jpg",
+      "notes,notes.txt,error,,,,,,,,,,,,,Unsupported input file format (.txt)",
+      "short,short.yuv,error,,,,,,,,,,,,,Failed to read complete YUV420 data from file: short.yuv with resolution 640x360",
+      "flat,flat.png,error,,,,,,,,,,,,,No features found to match against (a featureless picture?)",
+      "small,./c5.jpg,error,,,,,,,,,,,,,The feature cache ./gone_0.ftrs holds keypoints outside the 320x180 frame"};
+  std::istringstream rows(summary(dir_.file("faults/summary.csv")));
+  std::string row;
+  std::getline(rows, row);
+  for (const std::string& start : expected) {
+    std::getline(rows, row);
+    EXPECT_EQ(row.substr(0, start.size()), start);
+  }
+}
+
+// Stopped by SIGTERM, then killed, then run again: the same summary and folders as one whole run.
+TEST_F(Batch, ResumesAfterAStopOrAKill) {
+  for (const int signal : {SIGTERM, SIGKILL}) {
+    const pid_t pid = fork();
+    if (pid == 0) {
+      ASSERT_EQ(chdir(dir_.path().c_str()), 0);
+      std::vector<std::string> words = args("resumed");
+      std::vector<char*> argv = {const_cast<char*>(kBatch.c_str())};
+      for (std::string& w : words) argv.push_back(w.data());
+      argv.push_back(nullptr);
+      execv(kBatch.c_str(), argv.data());
+      _exit(127);
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(signal == SIGTERM ? 2500 : 1200));
+    kill(pid, signal);
+    int status = 0;
+    waitpid(pid, &status, 0);
+    if (signal == SIGKILL) {
+      EXPECT_TRUE(WIFSIGNALED(status));
+    } else if (WIFEXITED(status)) {
+      EXPECT_EQ(WEXITSTATUS(status), 143);  // after the capture in flight
+    }
+  }
+  ASSERT_EQ(run_tool(args("resumed"), dir_, kBatch).exit_code, 0);
+  expect_like_full("resumed");
+  EXPECT_TRUE(std::filesystem::is_empty(dir_.file("resumed/.partial")));
+}
+
+// Four shards through GNU parallel on stand-in hosts, two as a Slurm job
+// array; the command without --shard then writes the whole summary.
+TEST_F(Batch, ShardsMergeIntoTheWholeRun) {
+  std::ofstream(dir_.file("ssh")) << "#!/bin/sh\n# stand-in for ssh: runs the command here, as the host's shell would\n"
+                                  << "shift\n[ \"$1\" = -- ] && shift\nexec sh -c \"$*\"\n";
+  std::filesystem::permissions(dir_.file("ssh"), std::filesystem::perms::owner_all);
+  std::string command = "cd " + dir_.path().string() + " && parallel --will-cite --ssh ./ssh -S 2/a,2/b --workdir . " +
+                        kBatch + " --list list.csv --reference-file ./ref.yuv --width 640 --height 360 --jobs 1 " +
+                        "--result-root parallel --shard {}/4 ::: 1 2 3 4 >/dev/null 2>&1";
+  ASSERT_EQ(std::system(command.c_str()), 0);
+  for (int task = 1; task <= 2; ++task) {
+    command = "cd " + dir_.path().string() + " && SLURM_ARRAY_TASK_ID=" + std::to_string(task) +
+              " SLURM_ARRAY_TASK_COUNT=2 FRAMEALIGN_BATCH=" + kBatch + " " + SLURM_SCRIPT + " --list list.csv " +
+              "--reference-file ./ref.yuv --width 640 --height 360 --result-root slurm >/dev/null 2>&1";
+    ASSERT_EQ(std::system(command.c_str()), 0);
+  }
+  EXPECT_NE(summary(dir_.file("slurm/summary.1-of-2.csv")).find("cap3,"), std::string::npos);
+  for (const std::string root : {"parallel", "slurm"}) {
+    const ToolRun merge = run_tool(args(root), dir_, kBatch);
+    EXPECT_NE(merge.err.find("4 of 4 captures recorded: 3 aligned, 1 not_found, 0 error; 0 run now"),
+              std::string::npos) << merge.err;
+    expect_like_full(root);
+  }
+}
+
+}  // namespace
