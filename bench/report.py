@@ -130,8 +130,13 @@ def main():
     rows = read_rows(rows_path)
     date = time.strftime("%Y-%m-%dT%H:%MZ", time.gmtime())
     host = machine()
+    # bench/batch's section stays until bench/batch writes it again.
+    batches = ""
+    if os.path.exists(prefix + ".md"):
+        parts = open(prefix + ".md").read().split("\n## Batches\n", 1)
+        batches = "\n## Batches\n" + parts[1] if len(parts) == 2 else ""
     with open(prefix + ".md", "w") as f:
-        f.write(markdown(rows, commit, date, host))
+        f.write(markdown(rows, commit, date, host) + batches)
     cases = []
     for r in rows:
         case = {k: r[k] for k in COLUMNS[:12]}

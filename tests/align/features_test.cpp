@@ -55,11 +55,4 @@ TEST(get_keypoints_descriptors_cpy, CacheHitSkipsExtractionAndSave) {
   EXPECT_EQ(desc.rows, static_cast<int>(kps.size()));
 }
 
-TEST(SIFTdetectAndCompute, UniformPictureGivesNoFeatures) {
-  std::vector<cv::KeyPoint> kps(3);
-  cv::Mat desc(3, 128, CV_32F);
-  SIFTdetectAndCompute(cv::Mat(120, 160, CV_8UC1, cv::Scalar(128)), kps, desc, false);
-  EXPECT_TRUE(kps.empty() && desc.empty());
-}
-
 }  // namespace

@@ -24,12 +24,4 @@ TEST(check_ref_pts_sanity, Nominal) {
   for (const auto& [what, pts, sane] : cases) EXPECT_EQ(check_ref_pts_sanity(pts.data(), 1920, 1080), sane) << what;
 }
 
-TEST(calculateConvexHullArea, Nominal) {
-  EXPECT_EQ(calculateConvexHullArea({{5, 5}, {100, 7}}), 1.0);
-  EXPECT_EQ(calculateConvexHullArea({{0, 0}, {5, 5}, {10, 10}}), 0.0);
-  // Rounded to pixels first, ties to even: 0.5 -> 0, 10.5 -> 10.
-  EXPECT_EQ(calculateConvexHullArea({{0.5f, 0.5f}, {10.5f, 0.4f}, {10.4f, 10.5f}, {0.2f, 9.6f}, {5, 5}}),
-            100.0);
-}
-
 }  // namespace

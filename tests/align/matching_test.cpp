@@ -50,15 +50,6 @@ TEST(select_best_matches, KeepsBySizeOrElseByResponse) {
   EXPECT_EQ(got, expected);
 }
 
-// Fewer than four matches fit no homography: an empty result, the corners untouched.
-TEST(get_homography_pts, ThreeMatchesFitNothing) {
-  ExactMatches m;
-  for (int i = 0; i < 3; ++i) m.add(frame_to_capture(1280, 720, kCorners), {100.f * i, 50.f * i * i}, 3, .1f, i);
-  double untouched[8] = {1, 2, 3, 4, 5, 6, 7, 8};
-  EXPECT_TRUE(get_homography_pts(m.matches, m.ref, m.input, kFrame, untouched).empty());
-  for (int i = 0; i < 8; ++i) EXPECT_EQ(untouched[i], i + 1);
-}
-
 TEST(inspect_matches, KeepsSelectedMatchesThatAgreeWithTheCorners) {
   const cv::Mat H = frame_to_capture(1280, 720, kCorners);
   const float cw = 1280.0f / 6.0f, ch = 720.0f / 3.0f;
@@ -96,16 +87,6 @@ TEST(inspect_matches, KeepsSelectedMatchesThatAgreeWithTheCorners) {
   score = 1.0;
   EXPECT_TRUE(inspect_matches({}, {}, {}, 1280, 720, kFrame, score).empty());
   EXPECT_EQ(score, std::numeric_limits<double>::infinity());
-}
-
-TEST(ratio_test_matches, RejectsTheExactBoundary) {
-  // Distances d1 and 100 from the one reference descriptor; 0.78f * 100 is 78.0f.
-  for (float d1 : {78.0f, 77.99f}) {
-    cv::Mat input = cv::Mat::zeros(2, 128, CV_32F);
-    input.at<float>(0, 0) = d1;
-    input.at<float>(1, 5) = 100.0f;
-    EXPECT_EQ(ratio_test_matches(cv::Mat::zeros(1, 128, CV_32F), input).size(), d1 < 78 ? 1u : 0u);
-  }
 }
 
 TEST(get_rectification_score, ScoresTheResidualShift) {

@@ -1,8 +1,16 @@
-// Whole alignments through the binary on generated captures: what it prints,
-// and the result folder a later extraction step reads.
+// Whole alignments through the binaries on simulated captures with known
+// corners: what framealign prints and writes, and framealign-batch as a
+// user runs it: the same result folders, the summary, faults as rows,
+// resumption after a stop or a kill, shards through GNU parallel and a
+// Slurm job array.
+#include <signal.h>
+#include <unistd.h>
+
+#include <chrono>
 #include <iterator>
 #include <regex>
 #include <sstream>
+#include <thread>
 
 #include <gtest/gtest.h>
 #include <opencv2/imgcodecs.hpp>
@@ -11,16 +19,7 @@
 
 namespace {
 
-std::vector<double> numbers(const std::string& text) {
-  std::istringstream in(text);
-  return {std::istream_iterator<double>(in), std::istream_iterator<double>()};
-}
-
-cv::Mat read_plane(const std::string& path, int width, int height) {
-  std::vector<unsigned char> bytes = read_bytes(path);
-  bytes.resize(size_t(width) * height);
-  return cv::Mat(height, width, CV_8UC1, bytes.data()).clone();
-}
+const std::string kBatch = FRAMEALIGN_BATCH;
 
 // "best score: S\nalignment time: Nms\n" gives S; any other form gives "".
 std::string printed_score(const std::string& out) {
@@ -28,83 +27,230 @@ std::string printed_score(const std::string& out) {
   return std::regex_match(out, m, std::regex("best score: (\\S+)\nalignment time: [0-9]+ms\n")) ? m.str(1) : "";
 }
 
-const double kCorners[8] = {310, 240, 2080, 330, 250, 1330, 2140, 1390};
+std::vector<double> numbers(const std::string& text) {
+  std::istringstream in(text);
+  return {std::istream_iterator<double>(in), std::istream_iterator<double>()};
+}
 
-// One search on a 1920 x 1080 reference and a 2400 x 1600 JPEG capture.
-class SearchMode : public testing::Test {
+// The summary without its timing column, which no two runs share.
+std::string summary(const std::string& path) {
+  std::string text = read_text(path), out;
+  std::istringstream lines(text);
+  for (std::string line; std::getline(lines, line);) out += std::regex_replace(line, std::regex(",[0-9.]+,([^,]*)$"), ",,$1") + "\n";
+  return out;
+}
+
+// Five captures of one 640 x 360 reference, the third mirrored (not found
+// without --advanced), and the
+// list of the first four; one whole uninterrupted batch of them.
+class Batch : public testing::Test {
  protected:
   static void SetUpTestSuite() {
-    reference_ = make_texture(1920, 1080, 101);
-    write_yuv420(dir_.file("ref.yuv"), reference_);
-    cv::imwrite(dir_.file("cap.jpg"), make_capture(reference_, kCorners, 2400, 1600, 102));
-    run_ = run_tool({"--input-file", dir_.file("cap.jpg"), "--reference-file", dir_.file("ref.yuv"),
-                     "--result-folder", dir_.file("out")}, dir_);
+    const cv::Mat reference = make_texture(640, 360, 301);
+    write_yuv420(dir_.file("ref.yuv"), reference);
+    std::ofstream list(dir_.file("list.csv"));
+    list << "input,id\n";
+    for (int i = 1; i <= 5; ++i) {
+      CaptureSettings s;
+      s.capture_width = 960;
+      s.capture_height = 720;
+      s.seed = i;
+      s.mirror = i == 3;
+      const Capture capture = render_capture(reference, s);
+      std::copy(capture.corners, capture.corners + 8, corners_[i]);
+      cv::imwrite(dir_.file("c" + std::to_string(i) + ".jpg"), capture.picture);
+      if (i < 5) list << "./c" << i << ".jpg,cap" << i << "\n";
+    }
+    list.close();
+    full_ = run_tool(args("full"), dir_, kBatch);
+  }
+  static std::vector<std::string> args(const std::string& root, std::vector<std::string> more = {}) {
+    std::vector<std::string> a = {"--list", "list.csv", "--reference-file", "./ref.yuv", "--width", "640",
+                                  "--height", "360", "--jobs", "1", "--result-root", root};
+    a.insert(a.end(), more.begin(), more.end());
+    return a;
+  }
+  // The batch's folders equal those of the whole run, and so does its summary.
+  static void expect_like_full(const std::string& root, const std::string& summary_name = "summary.csv") {
+    EXPECT_EQ(summary(dir_.file(root + "/" + summary_name)), summary(dir_.file("full/summary.csv")));
+    for (int i = 1; i <= 4; ++i) {
+      const std::string id = "/cap" + std::to_string(i);
+      EXPECT_TRUE(read_folder(dir_.file(root + id)) == read_folder(dir_.file("full" + id))) << root << id;
+    }
   }
   static inline TempDir dir_;
-  static inline cv::Mat reference_;
-  static inline ToolRun run_;
+  static inline ToolRun full_;
+  static inline double corners_[6][8];
 };
 
-// The corners lie within 2 px of the truth; slots k..2k-1 are the
-// CLAHE(20, 32 x 32) copies of slots 0..k-1 and share their corners.
-TEST_F(SearchMode, FindsTheFrameAndWritesEverySlot) {
-  ASSERT_EQ(run_.exit_code, 0) << run_.err;
-  const std::string score = printed_score(run_.out), out = dir_.file("out/");
-  ASSERT_NE(score, "") << run_.out;
-  EXPECT_LT(std::stod(score), 1.0);
-  char best[64];
-  std::snprintf(best, sizeof(best), "%f\n", std::stod(score));
-  EXPECT_EQ(read_text(out + "best_result.txt"), best);
-  const std::vector<double> pts = numbers(read_text(out + "pts_0.txt"));
-  ASSERT_EQ(pts.size(), 8u);
-  for (int i = 0; i < 8; ++i) EXPECT_NEAR(pts[i], kCorners[i], 2.0) << i;
-
-  const size_t slots = (read_folder(out).size() - 1) / 3;
+// framealign locates the frames within 2 px of the truth and prints its
+// score; slots k..2k-1 are the CLAHE(20, 32 x 32) copies of slots 0..k-1
+// and share their corners; a frame not found leaves only best_result.txt.
+TEST_F(Batch, FramealignFindsTheFrames) {
+  const ToolRun r = run_tool({"--input-file", "./c2.jpg", "--reference-file", "./ref.yuv", "--width", "640",
+                              "--height", "360", "--result-folder", "fa"}, dir_);
+  ASSERT_NE(printed_score(r.out), "") << r.out << r.err;
+  EXPECT_NEAR(std::stod(read_text(dir_.file("fa/best_result.txt"))), std::stod(printed_score(r.out)), 1e-5);
+  for (int i : {1, 2, 4}) {
+    const std::vector<double> pts = numbers(read_text(dir_.file("full/cap" + std::to_string(i) + "/pts_0.txt")));
+    for (int c = 0; c < 8; ++c) EXPECT_NEAR(pts.at(c), corners_[i][c], 2.0) << i;
+  }
+  const size_t slots = (read_folder(dir_.file("fa")).size() - 1) / 3;
   ASSERT_TRUE(slots == 2 || slots == 4 || slots == 6) << slots;
   for (size_t i = slots / 2; i < slots; ++i) {
     const std::string s = std::to_string(i), o = std::to_string(i % (slots / 2));
-    EXPECT_EQ(read_text(out + "pts_" + s + ".txt"), read_text(out + "pts_" + o + ".txt"));
-    EXPECT_EQ(numbers(read_text(out + "content_pts_" + s + ".txt")).size(), 20u);
-    cv::Mat enhanced = read_plane(out + "aligned_" + o + "__1920xx1080.yuv", 1920, 1080);
-    adaptive_histogram_equalization(enhanced.data, 1920, 1080, 20.0f, 32, 32);
-    EXPECT_EQ(cv::norm(read_plane(out + "aligned_" + s + "__1920xx1080.yuv", 1920, 1080), enhanced, cv::NORM_INF), 0)
-        << s;
+    EXPECT_EQ(read_text(dir_.file("fa/pts_" + s + ".txt")), read_text(dir_.file("fa/pts_" + o + ".txt")));
+    std::vector<unsigned char> enhanced = read_bytes(dir_.file("fa/aligned_" + o + "__640xx360.yuv"));
+    adaptive_histogram_equalization(enhanced.data(), 640, 360, 20.0f, 32, 32);
+    EXPECT_EQ(read_bytes(dir_.file("fa/aligned_" + s + "__640xx360.yuv")), enhanced) << s;
   }
-  cv::Mat diff;
-  cv::absdiff(read_plane(out + "aligned_0__1920xx1080.yuv", 1920, 1080), reference_, diff);
-  EXPECT_LT(cv::mean(diff(cv::Rect(20, 20, 1880, 1040)))[0], 12.0);  // the reference, resampled
+  EXPECT_EQ(read_folder(dir_.file("full/cap3")).size(), 1u);
+  EXPECT_EQ(read_text(dir_.file("full/cap3/best_result.txt")), "999999.000000\n");
 }
 
-// Feature caches are written beside the pictures; with them, a missing
-// reference aligns exactly as the reference did, from cache hits only.
-TEST_F(SearchMode, CachesLetTheReferenceGoMissing) {
-  ASSERT_EQ(run_.exit_code, 0);
-  for (const char* name : {"ref.yuv", "ref_0.ftrs", "cap_GAUSSIAN_BLUR.ftrs", "cap_ORIGINAL.ftrs",
-                           "cap_MORPHOLOGICAL_OPENING.ftrs"}) {
+// The feature caches let a missing reference align exactly as the reference
+// did; --no-rectify takes the input as it is and scores 0.
+TEST_F(Batch, FramealignCachesAndNoRectify) {
+  std::vector<std::string> args = {"--input-file", "./c4.jpg", "--reference-file", "./ref.yuv", "--width", "640",
+                                   "--height", "360", "--result-folder", "first"};
+  ToolRun r = run_tool(args, dir_);
+  for (const char* name : {"ref_0.ftrs", "c4_GAUSSIAN_BLUR.ftrs", "c4_ORIGINAL.ftrs", "c4_MORPHOLOGICAL_OPENING.ftrs"}) {
     EXPECT_TRUE(std::filesystem::exists(dir_.file(name))) << name;
   }
-  std::filesystem::copy_file(dir_.file("ref_0.ftrs"), dir_.file("gone_0.ftrs"));
-  const ToolRun cached = run_tool({"--input-file", dir_.file("cap.jpg"), "--reference-file", dir_.file("gone.yuv"),
-                                   "--result-folder", dir_.file("cached")}, dir_);
-  EXPECT_EQ(printed_score(cached.out), printed_score(run_.out));
-  EXPECT_TRUE(read_folder(dir_.file("cached")) == read_folder(dir_.file("out")));
+  std::filesystem::copy_file(dir_.file("ref_0.ftrs"), dir_.file("away_0.ftrs"));
+  args[3] = "./away.yuv";
+  args[9] = "cached";
+  const ToolRun cached = run_tool(args, dir_);
+  EXPECT_EQ(printed_score(cached.out), printed_score(r.out));
+  EXPECT_TRUE(read_folder(dir_.file("cached")) == read_folder(dir_.file("first")));
+  cv::imwrite(dir_.file("other.png"), make_texture(640, 360, 5));
+  r = run_tool({"--input-file", "other.png", "--reference-file", "./ref.yuv", "--width", "640", "--height", "360",
+                "--result-folder", "plain", "--no-rectify"}, dir_);
+  EXPECT_EQ(printed_score(r.out), "0");
+  EXPECT_EQ(read_text(dir_.file("plain/best_result.txt")), "0.000000\n");
+  EXPECT_EQ(read_folder(dir_.file("plain")).size(), 7u);
 }
 
-// A capture of another picture finds nothing; with --no-rectify the input
-// itself is the result and the score is 0.
-TEST(framealign, UnrelatedCaptureFailsAndNoRectifyScoresZero) {
-  TempDir dir;
-  write_yuv420(dir.file("ref.yuv"), make_texture(1280, 720, 201));
-  for (const bool no_rectify : {false, true}) {
-    cv::imwrite(dir.file("cap.png"), no_rectify ? make_texture(1280, 720, 203) : make_texture(1600, 1200, 999));
-    std::vector<std::string> args = {"--input-file", dir.file("cap.png"), "--reference-file", dir.file("ref.yuv"),
-                                     "--width", "1280", "--height", "720", "--result-folder", dir.file("out")};
-    if (no_rectify) args.push_back("--no-rectify");
-    std::filesystem::remove_all(dir.file("out"));
-    const ToolRun r = run_tool(args, dir);
-    EXPECT_EQ(printed_score(r.out), no_rectify ? "0" : "999999") << r.err;
-    EXPECT_EQ(read_text(dir.file("out/best_result.txt")), no_rectify ? "0.000000\n" : "999999.000000\n");
-    EXPECT_EQ(read_folder(dir.file("out")).size(), no_rectify ? 7u : 1u);
+// Byte for byte what framealign writes, in each mode; the summary names the
+// best slot (the lowest of the slot scores) and its corners.
+TEST_F(Batch, FoldersAreFramealignsInEveryMode) {
+  ASSERT_EQ(full_.exit_code, 0) << full_.err;
+  EXPECT_NE(full_.err.find("4 of 4 captures recorded: 3 aligned, 1 not_found, 0 error"), std::string::npos);
+  const std::vector<std::pair<std::vector<std::string>, std::vector<int>>> modes = {
+      {{}, {1, 2}}, {{"--advanced"}, {3}}, {{"--jpeg-output", "--output", "slow"}, {4}}};
+  for (const auto& [mode, captures] : modes) {
+    const std::string root = "mode" + std::to_string(captures[0]);
+    std::vector<std::string> inputs = {"--reference-file", "./ref.yuv", "--width", "640", "--height", "360",
+                                       "--result-root", root};
+    for (int i : captures) inputs.push_back("./c" + std::to_string(i) + ".jpg");
+    inputs.insert(inputs.end(), mode.begin(), mode.end());
+    ASSERT_EQ(run_tool(inputs, dir_, kBatch).exit_code, 0);
+    for (int i : captures) {
+      const std::string c = "c" + std::to_string(i);
+      std::vector<std::string> single = {"--input-file", "./" + c + ".jpg", "--reference-file", "./ref.yuv", "--width",
+                                         "640", "--height", "360", "--result-folder", root + "/fa_" + c};
+      single.insert(single.end(), mode.begin(), mode.end());
+      ASSERT_EQ(run_tool(single, dir_).exit_code, 0);
+      EXPECT_TRUE(read_folder(dir_.file(root + "/fa_" + c)) == read_folder(dir_.file(root + "/" + c))) << c;
+    }
+  }
+  const std::string text = read_text(dir_.file("full/summary.csv"));
+  EXPECT_EQ(text.substr(0, text.find('\n')),
+            "id,input,status,best_score,best_slot,slot_scores,x1,y1,x2,y2,x3,y3,x4,y4,seconds,message");
+  std::smatch row;  // cap1: best score, best slot, the slot scores, the first corner
+  ASSERT_TRUE(std::regex_search(text, row, std::regex("\ncap1,./c1.jpg,aligned,([^,]+),([0-9]),([^,]+),([^,]+),")));
+  const std::string slot = row.str(2), first = read_text(dir_.file("full/cap1/pts_" + slot + ".txt"));
+  EXPECT_EQ(first.substr(0, first.find(' ')), row.str(4));
+  EXPECT_EQ(read_text(dir_.file("full/cap1/best_result.txt")), std::to_string(std::stod(row.str(1))) + "\n");
+  std::vector<double> scores;
+  std::istringstream in(row.str(3));
+  for (std::string score; std::getline(in, score, ';');) scores.push_back(std::stod(score));
+  EXPECT_EQ(std::min_element(scores.begin(), scores.end()) - scores.begin(), std::stoi(slot));
+}
+
+// A capture that cannot be aligned is a row with the tool's message; the
+// others go on. A reference cache made for another size is refused.
+TEST_F(Batch, FaultsAreRows) {
+  write_bytes(dir_.file("short.yuv"), std::vector<unsigned char>(100));
+  cv::imwrite(dir_.file("flat.png"), cv::Mat(300, 400, CV_8UC1, cv::Scalar(90)));
+  std::filesystem::copy_file(dir_.file("ref_0.ftrs"), dir_.file("gone_0.ftrs"));
+  std::ofstream(dir_.file("faults.csv")) << "input,id,reference,width,height\n./c5.jpg,,,,\nmissing.jpg,,,,\n"
+                                         << "notes.txt,,,,\nshort.yuv,,,,\nflat.png,,,,\n./c5.jpg,small,./gone.yuv,320,180\n";
+  const ToolRun r = run_tool({"--list", "faults.csv", "--reference-file", "./ref.yuv", "--width", "640", "--height",
+                              "360", "--result-root", "faults"}, dir_, kBatch);
+  EXPECT_EQ(r.exit_code, 1);
+  const std::vector<std::string> expected = {
+      "c5,./c5.jpg,aligned,", "missing,missing.jpg,error,,,,,,,,,,,,,Failed to read image file: missing.jpg",
+      "notes,notes.txt,error,,,,,,,,,,,,,Unsupported input file format (.txt)",
+      "short,short.yuv,error,,,,,,,,,,,,,Failed to read complete YUV420 data from file: short.yuv with resolution 640x360",
+      "flat,flat.png,error,,,,,,,,,,,,,No features found to match against (a featureless picture?)",
+      "small,./c5.jpg,error,,,,,,,,,,,,,The feature cache ./gone_0.ftrs holds keypoints outside the 320x180 frame"};
+  std::istringstream rows(summary(dir_.file("faults/summary.csv")));
+  std::string row;
+  std::getline(rows, row);
+  for (const std::string& start : expected) {
+    std::getline(rows, row);
+    EXPECT_EQ(row.substr(0, start.size()), start);
+  }
+}
+
+// Stopped by SIGTERM while its second capture runs, then killed while its
+// fourth runs, then run again: the same summary and folders as one whole run.
+TEST_F(Batch, ResumesAfterAStopOrAKill) {
+  auto journal_rows = [] {
+    const std::string text = read_text(dir_.file("resumed/.journal"));
+    return std::count(text.begin(), text.end(), '\n');
+  };
+  for (const auto& [signal, rows, delay_ms] : {std::tuple{SIGTERM, 1, 300}, std::tuple{SIGKILL, 3, 100}}) {
+    const pid_t pid = fork();
+    if (pid == 0) {
+      if (chdir(dir_.path().c_str()) != 0) _exit(127);
+      std::vector<std::string> words = args("resumed");
+      std::vector<char*> argv = {const_cast<char*>(kBatch.c_str())};
+      for (std::string& w : words) argv.push_back(w.data());
+      argv.push_back(nullptr);
+      execv(kBatch.c_str(), argv.data());
+      _exit(127);
+    }
+    for (int i = 0; i < 6000 && journal_rows() < rows; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    std::this_thread::sleep_for(std::chrono::milliseconds(delay_ms));
+    kill(pid, signal);
+    int status = 0;
+    waitpid(pid, &status, 0);
+    if (signal == SIGKILL) {
+      EXPECT_TRUE(WIFSIGNALED(status));
+    } else {
+      EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 143);  // after the capture in flight
+      EXPECT_EQ(journal_rows(), 2);
+    }
+  }
+  ASSERT_EQ(run_tool(args("resumed"), dir_, kBatch).exit_code, 0);
+  expect_like_full("resumed");
+  EXPECT_TRUE(std::filesystem::is_empty(dir_.file("resumed/.partial")));
+}
+
+// Four shards through GNU parallel on stand-in hosts, two as a Slurm job
+// array; the command without --shard then writes the whole summary.
+TEST_F(Batch, ShardsMergeIntoTheWholeRun) {
+  std::ofstream(dir_.file("ssh")) << "#!/bin/sh\n# stand-in for ssh: runs the command here, as the host's shell would\n"
+                                  << "shift\n[ \"$1\" = -- ] && shift\nexec sh -c \"$*\"\n";
+  std::filesystem::permissions(dir_.file("ssh"), std::filesystem::perms::owner_all);
+  std::string command = "cd " + dir_.path().string() + " && parallel --will-cite --ssh ./ssh -S 2/a,2/b --workdir . " +
+                        kBatch + " --list list.csv --reference-file ./ref.yuv --width 640 --height 360 --jobs 1 " +
+                        "--result-root parallel --shard {}/4 ::: 1 2 3 4 >/dev/null 2>&1";
+  ASSERT_EQ(std::system(command.c_str()), 0);
+  for (int task = 1; task <= 2; ++task) {
+    command = "cd " + dir_.path().string() + " && SLURM_ARRAY_TASK_ID=" + std::to_string(task) +
+              " SLURM_ARRAY_TASK_COUNT=2 FRAMEALIGN_BATCH=" + kBatch + " " + SLURM_SCRIPT + " --list list.csv " +
+              "--reference-file ./ref.yuv --width 640 --height 360 --result-root slurm >/dev/null 2>&1";
+    ASSERT_EQ(std::system(command.c_str()), 0);
+  }
+  EXPECT_NE(summary(dir_.file("slurm/summary.1-of-2.csv")).find("cap3,"), std::string::npos);
+  for (const std::string root : {"parallel", "slurm"}) {
+    const ToolRun merge = run_tool(args(root), dir_, kBatch);
+    EXPECT_NE(merge.err.find("4 of 4 captures recorded: 3 aligned, 1 not_found, 0 error; 0 run now"),
+              std::string::npos) << merge.err;
+    expect_like_full(root);
   }
 }
 
