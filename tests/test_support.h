@@ -59,8 +59,6 @@ inline Folder read_folder(const std::string& folder) {
   return files;
 }
 
-inline cv::Mat make_texture(int width, int height, uint64_t seed) { return make_reference_frame(width, height, seed); }
-
 // The perspective that puts a width x height frame's corners at `corners`.
 inline cv::Mat frame_to_capture(int width, int height, const double* corners) {
   double frame[8];
@@ -71,7 +69,7 @@ inline cv::Mat frame_to_capture(int width, int height, const double* corners) {
 // `frame` seen at `corners` in a capture of the given size, over a dimmed
 // texture of its own.
 inline cv::Mat make_capture(const cv::Mat& frame, const double* corners, int width, int height, uint64_t seed) {
-  cv::Mat capture = make_texture(width, height, seed) / 2;
+  cv::Mat capture = make_reference_frame(width, height, seed) / 2;
   cv::warpPerspective(frame, capture, frame_to_capture(frame.cols, frame.rows, corners), capture.size(),
                       cv::INTER_LINEAR, cv::BORDER_TRANSPARENT);
   return capture;

@@ -28,7 +28,10 @@ namespace fs = std::filesystem;
 
 namespace {
 
-volatile sig_atomic_t g_signal = 0;
+// Set by SIGINT and SIGTERM; read by every worker before its next capture.
+// A lock-free atomic may be written from a signal handler.
+std::atomic<int> g_signal{0};
+static_assert(std::atomic<int>::is_always_lock_free);
 
 void on_signal(int signal) { g_signal = signal; }
 

@@ -32,27 +32,11 @@ struct Recorder {
 // two passes find what the first stored.
 TEST(generate_copy_features, StoresEveryEntryOnce) {
   Recorder cache;
-  generate_copy_features(make_texture(96, 64, 8), cache.loader(), cache.saver());
+  generate_copy_features(make_reference_frame(96, 64, 8), cache.loader(), cache.saver());
   const std::vector<std::string> names = {"GAUSSIAN_BLUR", "ORIGINAL", "MORPHOLOGICAL_OPENING",
                                           "UNKNOWN", "UNKNOWN", "UNKNOWN"};
   EXPECT_EQ(cache.loads, names);
   EXPECT_EQ(cache.saves, std::vector<std::string>(names.begin(), names.begin() + 4));
-}
-
-TEST(get_keypoints_descriptors_cpy, CacheHitSkipsExtractionAndSave) {
-  const cv::Mat image = make_texture(96, 64, 6);
-  Recorder cache;
-  cache.saves = {"ORIGINAL"};
-  std::vector<cv::KeyPoint> kps;
-  cv::Mat desc;
-  get_keypoints_descriptors_cpy(image, kps, desc, ORIGINAL, cache.loader(), cache.saver(), false);
-  EXPECT_EQ(kps.size(), 7u);
-  EXPECT_EQ(cache.saves.size(), 1u);
-  // The reference's entry has no name; a miss computes and stores it.
-  get_keypoints_descriptors_ref(image, kps, desc, cache.loader(), cache.saver());
-  EXPECT_EQ(cache.saves.back(), "<null>");
-  EXPECT_GT(kps.size(), 20u);
-  EXPECT_EQ(desc.rows, static_cast<int>(kps.size()));
 }
 
 }  // namespace

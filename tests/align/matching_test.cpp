@@ -29,27 +29,6 @@ struct ExactMatches {
   }
 };
 
-TEST(select_best_matches, KeepsBySizeOrElseByResponse) {
-  // ref size, input size, ref response, input response, kept; each column's
-  // median is 5 (0.5), where q = 0.5 puts the thresholds.
-  const std::vector<std::tuple<float, float, float, float, bool>> rows = {
-      {9, 9, .1f, .1f, true}, {1, 1, .9f, .9f, true}, {9, 1, .9f, .1f, false}, {5, 5, .5f, .5f, false},
-      {1, 9, .1f, .9f, false}};
-  // Reference keypoints in reverse order, so that a swapped query/train shows.
-  std::vector<cv::KeyPoint> ref(5), input(5);
-  std::vector<cv::DMatch> matches;
-  std::vector<int> expected, got;
-  for (int i = 0; i < 5; ++i) {
-    const auto [rs, is, rr, ir, kept] = rows[i];
-    ref[4 - i] = cv::KeyPoint({0, 0}, rs, -1, rr);
-    input[i] = cv::KeyPoint({0, 0}, is, -1, ir);
-    matches.emplace_back(4 - i, i, 1.0f);
-    if (kept) expected.push_back(i);
-  }
-  for (const cv::DMatch& m : select_best_matches(matches, 0.5f, ref, input)) got.push_back(m.trainIdx);
-  EXPECT_EQ(got, expected);
-}
-
 TEST(inspect_matches, KeepsSelectedMatchesThatAgreeWithTheCorners) {
   const cv::Mat H = frame_to_capture(1280, 720, kCorners);
   const float cw = 1280.0f / 6.0f, ch = 720.0f / 3.0f;
@@ -90,7 +69,7 @@ TEST(inspect_matches, KeepsSelectedMatchesThatAgreeWithTheCorners) {
 }
 
 TEST(get_rectification_score, ScoresTheResidualShift) {
-  const cv::Mat reference = make_texture(640, 360, 21);
+  const cv::Mat reference = make_reference_frame(640, 360, 21);
   std::vector<cv::KeyPoint> kps;
   cv::Mat desc;
   SIFTdetectAndCompute(reference, kps, desc, false);
@@ -105,7 +84,7 @@ TEST(get_rectification_score, ScoresTheResidualShift) {
 // The matching step on a synthetic capture: for every preprocessing type the
 // corners located from its inliers lie within 2 pixels of the truth.
 TEST(calculateMatches, LocatesTheFrameForEveryPreprocessingType) {
-  const cv::Mat reference = make_texture(1280, 720, 31);
+  const cv::Mat reference = make_reference_frame(1280, 720, 31);
   const cv::Mat capture = make_capture(reference, kCorners, 1600, 1200, 32);
   std::vector<cv::KeyPoint> ref_kps;
   cv::Mat ref_desc;

@@ -15,14 +15,11 @@ TEST(read_capture_list, ColumnsQuotingAndDefaults) {
   defaults.path = "ref.yuv";
   const std::vector<CaptureJob> jobs = read_capture_list(dir.file("l.csv"), defaults);
   ASSERT_EQ(jobs.size(), 2u);
-  EXPECT_EQ(jobs[0].input, "shots/a,1.jpg");
-  EXPECT_EQ(jobs[0].id, "a,1");  // the input's stem
-  EXPECT_EQ(jobs[0].reference.path, "ref.yuv");
-  EXPECT_EQ(jobs[0].reference.height, 720);
-  EXPECT_EQ(jobs[1].line, 4);
-  EXPECT_EQ(jobs[1].id, "bee");
-  EXPECT_EQ(jobs[1].reference.path, "r \"2\".yuv");
-  EXPECT_EQ(jobs[1].reference.height, 1080);
+  // The id defaults to the input's stem, empty values to the defaults.
+  EXPECT_TRUE(jobs[0].input == "shots/a,1.jpg" && jobs[0].id == "a,1" && jobs[0].reference.path == "ref.yuv" &&
+              jobs[0].reference.height == 720);
+  EXPECT_TRUE(jobs[1].line == 4 && jobs[1].id == "bee" && jobs[1].reference.path == "r \"2\".yuv" &&
+              jobs[1].reference.height == 1080);
   EXPECT_EQ(shard_of(jobs, 2, 2)[0].id, "bee");
 }
 

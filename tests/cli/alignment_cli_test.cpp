@@ -46,7 +46,7 @@ std::string summary(const std::string& path) {
 class Batch : public testing::Test {
  protected:
   static void SetUpTestSuite() {
-    const cv::Mat reference = make_texture(640, 360, 301);
+    const cv::Mat reference = make_reference_frame(640, 360, 301);
     write_yuv420(dir_.file("ref.yuv"), reference);
     std::ofstream list(dir_.file("list.csv"));
     list << "input,id\n";
@@ -123,7 +123,7 @@ TEST_F(Batch, FramealignCachesAndNoRectify) {
   const ToolRun cached = run_tool(args, dir_);
   EXPECT_EQ(printed_score(cached.out), printed_score(r.out));
   EXPECT_TRUE(read_folder(dir_.file("cached")) == read_folder(dir_.file("first")));
-  cv::imwrite(dir_.file("other.png"), make_texture(640, 360, 5));
+  cv::imwrite(dir_.file("other.png"), make_reference_frame(640, 360, 5));
   r = run_tool({"--input-file", "other.png", "--reference-file", "./ref.yuv", "--width", "640", "--height", "360",
                 "--result-folder", "plain", "--no-rectify"}, dir_);
   EXPECT_EQ(printed_score(r.out), "0");

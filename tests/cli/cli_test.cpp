@@ -34,8 +34,8 @@ struct Case {
   Setup check = nullptr;
 };
 
-void capture(const TempDir& d) { cv::imwrite(d.file("cap.png"), make_texture(320, 240, 4)); }
-void reference(const TempDir& d) { write_yuv420(d.file("ref.yuv"), make_texture(160, 90, 2)); }
+void capture(const TempDir& d) { cv::imwrite(d.file("cap.png"), make_reference_frame(320, 240, 4)); }
+void reference(const TempDir& d) { write_yuv420(d.file("ref.yuv"), make_reference_frame(160, 90, 2)); }
 Setup file(const std::string& name, const std::vector<unsigned char>& bytes) {
   return [=](const TempDir& d) { write_bytes(d.file(name), bytes); };
 }
@@ -65,7 +65,7 @@ std::vector<Case> cases() {
   const std::string must_be = "Error: --output value must be 0, 1, 2, 3, 4, fast, medium, slow, or slowest\n";
   const std::string short_read = "Failed to read complete YUV420 data from file: ";
   std::vector<unsigned char> frames(3 * 27), jpeg;  // three 5 x 3 raw frames
-  cv::imencode(".jpg", make_texture(64, 48, 1), jpeg);
+  cv::imencode(".jpg", make_reference_frame(64, 48, 1), jpeg);
 
   std::vector<Case> all = {
       {"version", none, {"--version", "--bogus"}, 0, "1.3.0\n", EXACT, ""},
@@ -81,6 +81,9 @@ std::vector<Case> cases() {
       {"trailing comma", none, {"--output", "1,"}, 255, "", EXACT, "Error: Invalid --output value: empty token\n"},
       {"not a whole number", none, {"--output", " 3x "}, 255, "", EXACT, "Error: Invalid --output value: 3x\n"},
       {"variant 5", none, {"--output", "5"}, 255, "", EXACT, must_be},
+      {"no value", none, {"--advanced", "--crop-height"}, 255, "", EXACT, "Error: --crop-height option requires an argument\n"},
+      {"size beyond int", none, {"--input-width", "99999999999"}, 255, "", EXACT,
+       "Error: Invalid input width value: stoi\n"},
       // OpenCV and its decoders speak for themselves while the picture is read;
       // the alignment silences them later.
       {"missing picture, nested folder", none, {"--result-folder", "a/b/c", "--input-file", "missing.png"}, 255,
@@ -114,22 +117,9 @@ std::vector<Case> cases() {
        [](const TempDir& d) { cv::imwrite(d.file("cap.png"), cv::Mat(240, 320, CV_8UC1, cv::Scalar(128))); reference(d); },
        search, kAbort, "", CONTAINS, "No features found to match against"},
       {"capture smaller than the reference",
-       [](const TempDir& d) { cv::imwrite(d.file("cap.png"), make_texture(40, 30, 5)); reference(d); },
+       [](const TempDir& d) { cv::imwrite(d.file("cap.png"), make_reference_frame(40, 30, 5)); reference(d); },
        search + Args{"--no-rectify"}, kAbort, "", CONTAINS, "Picture of 40x30 cannot fill a 160x90 frame"},
   };
-  for (const char* option : {"--input-file", "--reference-file", "--width", "--height", "--input-width",
-                             "--input-height", "--frame-number", "--crop-width", "--crop-height",
-                             "--result-folder", "--output"}) {
-    all.push_back({option, none, {"--advanced", option}, 255, "", EXACT,
-                   std::string("Error: ") + option + " option requires an argument\n"});
-  }
-  const std::vector<std::pair<std::string, std::string>> numbers = {
-      {"--width", "width"}, {"--height", "height"}, {"--input-width", "input width"},
-      {"--input-height", "input height"}, {"--frame-number", "frame number"}, {"--crop-width", "crop width"},
-      {"--crop-height", "crop height"}};
-  for (const auto& [option, label] : numbers) {
-    all.push_back({option, none, {option, "99999999999"}, 255, "", EXACT, "Error: Invalid " + label + " value: stoi\n"});
-  }
   return all;
 }
 
