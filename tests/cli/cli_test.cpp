@@ -40,16 +40,6 @@ Setup file(const std::string& name, const std::vector<unsigned char>& bytes) {
   return [=](const TempDir& d) { write_bytes(d.file(name), bytes); };
 }
 
-// A .ftrs file that announces 2^60 keypoints and then holds none, beside a
-// reference that does not exist.
-void damaged_cache(const TempDir& d) {
-  capture(d);
-  std::vector<unsigned char> bytes(100, 1);
-  const uint64_t count = uint64_t(1) << 60;
-  std::memcpy(bytes.data(), &count, 8);
-  write_bytes(d.file("ref_0.ftrs"), bytes);
-}
-
 Args operator+(Args a, const Args& b) {
   a.insert(a.end(), b.begin(), b.end());
   return a;
@@ -64,7 +54,9 @@ std::vector<Case> cases() {
   const Args raw = {"--input-file", "in.yuv", "--width", "5", "--height", "3"};
   const std::string must_be = "Error: --output value must be 0, 1, 2, 3, 4, fast, medium, slow, or slowest\n";
   const std::string short_read = "Failed to read complete YUV420 data from file: ";
-  std::vector<unsigned char> frames(3 * 27), jpeg;  // three 5 x 3 raw frames
+  std::vector<unsigned char> frames(3 * 27), jpeg, huge_count(100, 1);  // three 5 x 3 raw frames; a damaged .ftrs
+  const uint64_t count = uint64_t(1) << 60;  // announced keypoints, none held
+  std::memcpy(huge_count.data(), &count, 8);
   cv::imencode(".jpg", make_reference_frame(64, 48, 1), jpeg);
 
   std::vector<Case> all = {
@@ -104,7 +96,8 @@ std::vector<Case> cases() {
        short_read + "./ref.yuv with resolution 5x3"},
       {"size beyond 32 bits", capture, {"--input-file", "./cap.png", "--width", "70000", "--height", "70000"},
        kAbort, "", CONTAINS, "Invalid frame size: 70000x70000"},
-      {"damaged reference cache", damaged_cache, search, 0, "best score: 999999\n", CONTAINS,
+      // Beside a reference that does not exist.
+      {"damaged reference cache", [=](const TempDir& d) { capture(d); write_bytes(d.file("ref_0.ftrs"), huge_count); }, search, 0, "best score: 999999\n", CONTAINS,
        "Error reading features from cache: ",
        // The damaged cache is a miss, the blank reference matches nothing, and the folder says so.
        [](const TempDir& d) { EXPECT_EQ(read_text(d.file("out/best_result.txt")), "999999.000000\n"); }},
