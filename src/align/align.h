@@ -239,6 +239,12 @@ struct AlignmentReport {
   int slots = 0;               // result slots filled
   std::vector<double> scores;  // a search's successful attempts, slots 0..k-1, lower is better
   std::vector<std::array<double, 8>> corners;  // the corner rows of those slots
+  // With keep_slots set, the slots as save_alignment_results takes them:
+  // `slots` frames of width x height bytes and all six point rows.
+  bool keep_slots = false;
+  std::vector<std::vector<unsigned char>> frames;
+  std::array<std::array<double, 8>, 6> pts_rows = {};
+  std::array<std::array<double, 20>, 6> content_rows = {};
 };
 
 // The whole alignment. Without reference and corners it only caches the

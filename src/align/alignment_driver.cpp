@@ -110,6 +110,14 @@ double align_frame(unsigned char* input, unsigned char* reference, int width, in
       report->corners.emplace_back();
       std::copy(corner_rows[i], corner_rows[i] + 8, report->corners.back().begin());
     }
+    if (report->keep_slots) {
+      report->frames.clear();
+      for (int i = 0; i < count; ++i) report->frames.emplace_back(aligned[i], aligned[i] + frame_bytes);
+      for (int i = 0; i < kSlots; ++i) {
+        std::copy(corner_rows[i], corner_rows[i] + 8, report->pts_rows[i].begin());
+        std::copy(content_pts[i], content_pts[i] + 20, report->content_rows[i].begin());
+      }
+    }
   }
   if (result_folder != nullptr) {
     save_alignment_results(result_folder, input, aligned, corner_rows, content_pts, count, width,

@@ -23,6 +23,7 @@
 #include "main/driver.h"
 #include "main/feature_cache.h"
 #include "main/readers.h"
+#include "main/reference_frame.h"
 
 namespace fs = std::filesystem;
 
@@ -47,53 +48,10 @@ std::string format(const char* spec, double value) {
   return text;
 }
 
-// A reference frame's plane and features, or why its captures cannot run.
-struct Reference {
-  std::vector<unsigned char> plane;  // zeros when the file does not exist, as framealign has it
-  std::vector<cv::KeyPoint> keypoints;
-  cv::Mat descriptors;
-  std::string error;
-};
-
-// Reads the frame and takes its features from the feature cache, or computes
-// them and stores the cache, as framealign does.
-void prepare(const ReferenceFrame& frame, Reference& reference) {
-  Arguments args;
-  args.reference_file = frame.path;
-  args.frame_number = frame.frame_number;
-  const std::string cache = feature_cache_path(args, nullptr);
-  const std::string size = std::to_string(frame.width) + "x" + std::to_string(frame.height);
-  try {
-    reference.plane.assign(luma_plane_size(frame.width, frame.height), 0);
-    const bool exists = file_exists(frame.path);
-    if (exists) {
-      extract_frame_from_yuv420_file(frame.path, reference.plane.data(), frame.width,
-                                     frame.height, frame.frame_number);
-    }
-    if (load_features(cache, reference.keypoints, reference.descriptors)) {
-      for (const cv::KeyPoint& kp : reference.keypoints) {
-        if (!(kp.pt.x >= 0 && kp.pt.y >= 0 && kp.pt.x <= frame.width && kp.pt.y <= frame.height)) {
-          reference.error = "The feature cache " + cache + " holds keypoints outside the " +
-                            size + " frame: it was made for a reference of another size";
-          return;
-        }
-      }
-    } else if (exists) {
-      const cv::Mat plane(frame.height, frame.width, CV_8UC1, reference.plane.data());
-      SIFTdetectAndCompute(plane, reference.keypoints, reference.descriptors, false);
-      save_features(cache, reference.keypoints, reference.descriptors);
-    } else {
-      reference.error = "Reference file " + frame.path + " does not exist, nor its feature cache " + cache;
-    }
-  } catch (const std::exception& e) {
-    reference.error = e.what();
-  }
-}
-
 // Every reference frame prepared once, by the first capture that needs it.
 class References {
  public:
-  const Reference& get(const ReferenceFrame& frame) {
+  const PreparedReference& get(const ReferenceFrame& frame) {
     std::shared_ptr<Entry> entry;
     {
       std::lock_guard<std::mutex> guard(lock_);
@@ -101,14 +59,17 @@ class References {
       if (!slot) slot = std::make_shared<Entry>();
       entry = slot;
     }
-    std::call_once(entry->once, [&] { prepare(frame, entry->reference); });
+    std::call_once(entry->once, [&] {
+      entry->reference =
+          prepare_reference(frame.path, frame.width, frame.height, frame.frame_number);
+    });
     return entry->reference;
   }
 
  private:
   struct Entry {
     std::once_flag once;
-    Reference reference;
+    PreparedReference reference;
   };
   std::mutex lock_;
   std::map<ReferenceFrame, std::shared_ptr<Entry>> entries_;
@@ -145,7 +106,7 @@ SummaryRow run_capture(const CaptureJob& job, const BatchOptions& options,
   const fs::path folder = root / job.id;
   SummaryRow row{job.id, job.input, "error", {}};
   try {
-    const Reference& reference = references.get(job.reference);
+    const PreparedReference& reference = references.get(job.reference);
     if (!reference.error.empty()) throw std::runtime_error(reference.error);
     LumaFrame input;
     if (!read_input_frame(job.input, 0, 0, job.reference.width, job.reference.height, input)) {
@@ -156,20 +117,10 @@ SummaryRow run_capture(const CaptureJob& job, const BatchOptions& options,
 
     Arguments args;  // names the capture's own cache files
     args.input_file = job.input;
-    const FeatureLoadCallback load_capture = make_feature_load_callback(args);
-    const FeatureSaveCallback save_capture = make_feature_save_callback(args);
     const bool cache = options.capture_cache;
-    const FeatureLoadCallback load = [&](std::vector<cv::KeyPoint>& keypoints,
-                                         cv::Mat& descriptors, const char* name) {
-      if (name != nullptr) return cache && load_capture(keypoints, descriptors, name);
-      keypoints = reference.keypoints;
-      descriptors = reference.descriptors;
-      return true;
-    };
-    const FeatureSaveCallback save = [&](const std::vector<cv::KeyPoint>& keypoints,
-                                         const cv::Mat& descriptors, const char* name) {
-      if (name != nullptr && cache) save_capture(keypoints, descriptors, name);
-    };
+    const FeatureLoadCallback load =
+        reference_loader(reference, cache ? make_feature_load_callback(args) : nullptr);
+    const FeatureSaveCallback save = cache ? make_feature_save_callback(args) : nullptr;
     const double no_corners[8] = {};
     AlignmentReport report;
     const double score = align_frame(

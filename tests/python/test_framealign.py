@@ -1,0 +1,83 @@
+"""The Python module on simulator captures, against the command-line program."""
+import os
+import pickle
+import subprocess
+import tempfile
+import threading
+import unittest
+
+import numpy as np
+
+import framealign
+
+BUILD = os.environ["FRAMEALIGN_BUILD"]  # the programs; PYTHONPATH holds the module and examples/
+
+
+def files(folder):
+    return {name: open(os.path.join(folder, name), "rb").read() for name in sorted(os.listdir(folder))}
+
+
+class Module(unittest.TestCase):
+    @classmethod
+    def setUpClass(cls):
+        cls.dir = tempfile.mkdtemp(prefix="framealign_py_")
+        for seed in (1, 2, 3):
+            subprocess.run([f"{BUILD}/framealign-sim", "--out", f"{cls.dir}/s{seed}", "--width", "640", "--height",
+                            "360", "--capture-width", "960", "--capture-height", "720", "--seed", str(seed)],
+                           check=True, stdout=subprocess.DEVNULL)
+        cls.ref = framealign.Reference.from_yuv(f"{cls.dir}/s1/reference.yuv", width=640, height=360)
+        cls.capture = framealign.read_capture(f"{cls.dir}/s1/capture.jpg")
+        cls.result = framealign.align(cls.capture, cls.ref)
+
+    def test_numbers_and_files_are_the_programs(self):
+        r = self.result
+        truth = np.loadtxt(f"{self.dir}/s1/corners.txt").reshape(4, 2)
+        self.assertEqual(r.status, "aligned")
+        self.assertLess(np.abs(r.corners - truth).max(), 2.0)
+        self.assertEqual(r.slot_scores[r.best_slot], r.score)
+        frame = np.array([[0, 0, 1], [640, 0, 1], [0, 360, 1], [640, 360, 1]], float).T
+        mapped = r.homography @ frame
+        np.testing.assert_allclose((mapped[:2] / mapped[2]).T, r.corners, atol=1e-3)
+        self.assertEqual([f.shape for f in r.frames], [(360, 640)] * len(r.frames))
+        r.save(f"{self.dir}/py")
+        subprocess.run([f"{BUILD}/framealign", "--input-file", f"{self.dir}/s1/capture.jpg", "--reference-file",
+                        f"{self.dir}/s1/reference.yuv", "--width", "640", "--height", "360", "--result-folder",
+                        f"{self.dir}/cli"], check=True, stdout=subprocess.DEVNULL)
+        self.assertEqual(files(f"{self.dir}/py"), files(f"{self.dir}/cli"))
+        # Slot 0 is the warp by its corners, finished as variant 0; a pickled reference aligns the same.
+        row = np.loadtxt(f"{self.dir}/cli/pts_0.txt").reshape(4, 2)
+        np.testing.assert_array_equal(framealign.warp_by_corners(self.capture, row, 640, 360), r.frames[0])
+        self.assertEqual(framealign.align(self.capture, pickle.loads(pickle.dumps(self.ref))).score, r.score)
+
+    def test_bad_arguments_and_failures_raise(self):
+        for bad, error, words in [(self.capture.astype(np.int16), TypeError, "capture must be a numpy array"),
+                                  (self.capture[None], ValueError, "capture must have two dimensions"),
+                                  (self.capture[:, ::2], ValueError, "capture must be C-contiguous")]:
+            with self.assertRaisesRegex(error, words):
+                framealign.align(bad, self.ref)
+        with self.assertRaisesRegex(RuntimeError, "No features found to match against"):
+            framealign.align(np.full((300, 400), 90, np.uint8), self.ref)
+        with self.assertRaisesRegex(RuntimeError, "does not exist, nor its feature cache"):
+            framealign.Reference.from_yuv(f"{self.dir}/none.yuv", 640, 360)
+
+    def test_threads_run_while_aligning(self):
+        ticks = []
+        worker = threading.Thread(target=lambda: framealign.align(self.capture, self.ref))
+        worker.start()
+        while worker.is_alive():
+            ticks.append(1)
+            worker.join(0.01)
+        self.assertGreater(len(ticks), 10)  # the caller's thread ran on
+
+    def test_dask_example_on_a_local_cluster(self):
+        from dask.distributed import Client, LocalCluster
+        import dask_align
+        paths = [f"{self.dir}/s1/capture.jpg", f"{self.dir}/none.jpg"]
+        with Client(LocalCluster(n_workers=2, threads_per_worker=1, processes=True)) as client:
+            rows = dask_align.align_all(client, self.ref, paths)
+        self.assertEqual([row["status"] for row in rows], ["aligned", "error"])
+        self.assertEqual(rows[0]["score"], self.result.score)
+
+
+if __name__ == "__main__":
+    unittest.main()
