@@ -241,12 +241,16 @@ PYBIND11_MODULE(framealign, m) {
         "A capture as framealign reads it: an image file as grey (PNG luma raised by 16), or the first "
         "frame of a raw YUV file of width x height.");
 
-  m.def("align", [](const py::object& capture, const Reference& reference, bool advanced,
+  m.def("align", [](const py::object& capture, const Reference& reference, bool advanced, bool refine,
                     const std::vector<int>& outputs, bool jpeg_output) {
           if (!reference) throw py::type_error("reference must be a framealign.Reference");
+          if (refine) {
+            PyErr_SetString(PyExc_NotImplementedError, "refine=True: sub-pixel refinement is not built yet");
+            throw py::error_already_set();
+          }
           return align(capture, reference, advanced, outputs, jpeg_output);
         },
-        py::arg("capture"), py::arg("reference"), py::arg("advanced") = false,
+        py::arg("capture"), py::arg("reference"), py::arg("advanced") = false, py::arg("refine") = false,
         py::arg("outputs") = std::vector<int>{}, py::arg("jpeg_output") = false,
         "Finds the reference in a uint8 height x width capture; the GIL is released meanwhile.");
 

@@ -57,6 +57,8 @@ class Module(unittest.TestCase):
                 framealign.align(bad, self.ref)
         with self.assertRaisesRegex(RuntimeError, "No features found to match against"):
             framealign.align(np.full((300, 400), 90, np.uint8), self.ref)
+        with self.assertRaises(NotImplementedError):
+            framealign.align(self.capture, self.ref, refine=True)
         with self.assertRaisesRegex(RuntimeError, "does not exist, nor its feature cache"):
             framealign.Reference.from_yuv(f"{self.dir}/none.yuv", 640, 360)
 
