@@ -42,9 +42,9 @@ double seconds_since(Clock::time_point start) {
   return std::chrono::duration<double>(Clock::now() - start).count();
 }
 
-std::string format(const char* spec, double value) {
+std::string format(const char* pattern, double value) {
   char text[64];
-  std::snprintf(text, sizeof(text), spec, value);
+  std::snprintf(text, sizeof(text), pattern, value);
   return text;
 }
 
