@@ -26,6 +26,11 @@ struct PreparedReference {
 PreparedReference prepare_reference(const std::string& path, int width, int height,
                                     int frame_number);
 
+// Loads the features of `reference` (its width and height set) from the
+// feature cache file `cache`. False when there is no readable cache; true
+// with `error` set when the keypoints lie outside the frame.
+bool load_reference_features(const std::string& cache, PreparedReference& reference);
+
 // A load callback that answers the reference's entry (null name) with its
 // features and hands named entries (the capture's) to `captures`, if any.
 FeatureLoadCallback reference_loader(const PreparedReference& reference,

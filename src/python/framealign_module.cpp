@@ -157,7 +157,7 @@ PYBIND11_MODULE(framealign, m) {
               reference.width = width;
               reference.height = height;
               reference.plane.assign(luma_plane_size(width, height), 0);
-              if (!load_features(path, reference.keypoints, reference.descriptors)) {
+              if (!load_reference_features(path, reference)) {
                 reference.error = "Cannot read the feature cache " + path;
               }
               return reference;
