@@ -245,10 +245,19 @@ TEST_F(Batch, ShardsMergeIntoTheWholeRun) {
   std::ofstream(dir_.file("ssh")) << "#!/bin/sh\n# stand-in for ssh: runs the command here, as the host's shell would\n"
                                   << "shift\n[ \"$1\" = -- ] && shift\nexec sh -c \"$*\"\n";
   std::filesystem::permissions(dir_.file("ssh"), std::filesystem::perms::owner_all);
-  std::string command = "cd " + dir_.path().string() + " && parallel --will-cite --ssh ./ssh -S 2/a,2/b --workdir . " +
-                        kBatch + " --list list.csv --reference-file ./ref.yuv --width 640 --height 360 --jobs 1 " +
-                        "--result-root parallel --shard {}/4 ::: 1 2 3 4 >/dev/null 2>&1";
-  ASSERT_EQ(std::system(command.c_str()), 0);
+  // parallel resolves a working directory of "." against $HOME, so the test
+  // gives it its own home and an absolute directory, and runs the stand-in
+  // through sh in case the temporary directory does not allow executables.
+  const std::string here = dir_.path().string();
+  std::string command = "cd " + here + " && HOME=" + here + " parallel --will-cite --ssh 'sh " + here +
+                        "/ssh' -S 2/a,2/b --workdir " + here + " " + kBatch +
+                        " --list list.csv --reference-file ./ref.yuv --width 640 --height 360 --jobs 1 " +
+                        "--result-root parallel --shard {}/4 ::: 1 2 3 4 >parallel.log 2>&1";
+  ASSERT_EQ(std::system(command.c_str()), 0) << read_text(dir_.file("parallel.log"));
+  for (int shard = 1; shard <= 4; ++shard) {
+    const std::string shard_summary = "parallel/summary." + std::to_string(shard) + "-of-4.csv";
+    ASSERT_TRUE(std::filesystem::exists(dir_.file(shard_summary))) << read_text(dir_.file("parallel.log"));
+  }
   for (int task = 1; task <= 2; ++task) {
     command = "cd " + dir_.path().string() + " && SLURM_ARRAY_TASK_ID=" + std::to_string(task) +
               " SLURM_ARRAY_TASK_COUNT=2 FRAMEALIGN_BATCH=" + kBatch + " " + SLURM_SCRIPT + " --list list.csv " +
