@@ -8,7 +8,9 @@ id, tag, reference, capture, options, wall s, alignment ms, peak MB, CPU %,
 best score, mean error px, max error px, expected outcome ("aligned" or
 "failure"), then the same five measures of the baseline run (wall,
 alignment, peak, CPU, score) and whether both result folders were
-byte-identical ("yes", "no", or "NA" without a baseline).
+byte-identical ("yes", "no", or "NA" without a baseline), then the refined
+run's wall s, peak MB, slot 0 max error px, best slot max error px and
+est_error_px, and the seconds framealign-batch took without and with --refine.
 """
 import json
 import os
@@ -18,7 +20,10 @@ import time
 
 COLUMNS = ["id", "tag", "reference", "capture", "options", "wall_s", "alignment_ms", "peak_mb",
            "cpu_percent", "best_score", "mean_error_px", "max_error_px", "expect", "base_wall_s",
-           "base_alignment_ms", "base_peak_mb", "base_cpu_percent", "base_best_score", "identical"]
+           "base_alignment_ms", "base_peak_mb", "base_cpu_percent", "base_best_score", "identical",
+           "refined_wall_s", "refined_peak_mb", "refined_max_error_px", "refined_best_error_px",
+           "est_error_px", "batch_s", "refined_batch_s"]
+REFINED = COLUMNS[19:]
 
 
 def number(text):
@@ -31,7 +36,7 @@ def read_rows(path):
         for line in f:
             values = line.rstrip("\n").split("\t")
             row = dict(zip(COLUMNS, values))
-            for key in COLUMNS[5:12] + COLUMNS[13:18]:
+            for key in COLUMNS[5:12] + COLUMNS[13:18] + REFINED:
                 row[key] = number(row[key])
             row["options"] = row["options"].strip()
             rows.append(row)
@@ -52,6 +57,82 @@ def median(values):
 def share(rows, limit):
     within = sum(1 for r in rows if r["max_error_px"] is not None and r["max_error_px"] <= limit)
     return f"{100 * within // len(rows)}%"
+
+
+def ranks(values):
+    order = sorted(range(len(values)), key=lambda i: values[i])
+    out = [0.0] * len(values)
+    i = 0
+    while i < len(order):
+        j = i
+        while j + 1 < len(order) and values[order[j + 1]] == values[order[i]]:
+            j += 1
+        for k in range(i, j + 1):
+            out[order[k]] = (i + j) / 2
+        i = j + 1
+    return out
+
+
+def spearman(a, b):
+    if len(a) < 3:
+        return None
+    ra, rb = ranks(a), ranks(b)
+    ma, mb = statistics.mean(ra), statistics.mean(rb)
+    cov = sum((x - ma) * (y - mb) for x, y in zip(ra, rb))
+    norm = (sum((x - ma) ** 2 for x in ra) * sum((y - mb) ** 2 for y in rb)) ** 0.5
+    return cov / norm if norm else None
+
+
+def within(rows, key, limit):
+    hits = sum(1 for r in rows if r[key] is not None and r[key] <= limit)
+    return f"{hits}/{len(rows)} ({100 * hits // max(len(rows), 1)}%)"
+
+
+def refinement_section(rows):
+    aligned = [r for r in rows if r["expect"] == "aligned" and r["max_error_px"] is not None]
+    if not any(r["refined_max_error_px"] is not None for r in aligned):
+        return []
+    rated = [r for r in aligned if r["est_error_px"] is not None and r["refined_best_error_px"] is not None]
+    corr = spearman([r["est_error_px"] for r in rated], [r["refined_best_error_px"] for r in rated])
+    covered = sum(r["est_error_px"] >= r["refined_best_error_px"] for r in rated)
+    worse = [(r["refined_max_error_px"] - r["max_error_px"], r["id"]) for r in aligned
+             if r["refined_max_error_px"] is not None]
+    extra = median((r["refined_batch_s"] - r["batch_s"]) / r["batch_s"] for r in rows
+                   if r["batch_s"] and r["refined_batch_s"] is not None)
+    failed = [r["id"] for r in rows if r["expect"] == "failure" and r["est_error_px"] is not None]
+    out = ["", "## Refinement", "",
+           "The same captures through `framealign-batch --refine`. Errors are the largest corner error in "
+           "reference pixels: slot 0 plain (framealign) and refined, and the summary's best slot refined; "
+           "est_error_px is the summary's estimate for that best slot. Extra time compares framealign-batch "
+           "with and without --refine (the summary's seconds).", "",
+           f"- Aligned cases: {len(aligned)}. Within 1 px: {within(aligned, 'max_error_px', 1)} plain, "
+           f"{within(aligned, 'refined_max_error_px', 1)} refined. Within 0.5 px: "
+           f"{within(aligned, 'max_error_px', 0.5)} plain, {within(aligned, 'refined_max_error_px', 0.5)} refined.",
+           f"- Best slot refined: within 1 px {within(aligned, 'refined_best_error_px', 1)}, within 0.5 px "
+           f"{within(aligned, 'refined_best_error_px', 0.5)}.",
+           f"- Largest change against plain (refined minus plain, slot 0): {fmt(max(worse)[0] if worse else None)} px "
+           f"(case {max(worse)[1] if worse else '-'}); cases worse by more than 0.2 px: "
+           f"{sum(d > 0.2 for d, _ in worse)}.",
+           f"- est_error_px against the best slot's true error, {len(rated)} cases: rank correlation "
+           f"{fmt(None if corr is None else round(corr, 3))}; estimate at or above the true error in "
+           f"{covered}/{len(rated)} ({100 * covered // max(len(rated), 1)}%).",
+           f"- Extra time of --refine: median {fmt(None if extra is None else round(100 * extra, 1))} % of the "
+           "batch's seconds per capture.",
+           f"- Negative cases with an estimate (they should have none): {len(failed)}.", "",
+           "| tag | cases | plain within 1 px | refined within 1 px | plain within 0.5 px | refined within 0.5 px |",
+           "|---|---|---|---|---|---|"]
+    for tag in dict.fromkeys(r["tag"] for r in aligned):
+        group = [r for r in aligned if r["tag"] == tag]
+        out.append(f"| {tag} | {len(group)} | {within(group, 'max_error_px', 1)} | "
+                   f"{within(group, 'refined_max_error_px', 1)} | {within(group, 'max_error_px', 0.5)} | "
+                   f"{within(group, 'refined_max_error_px', 0.5)} |")
+    out += ["", "| # | tag | plain max px | refined max px | best slot refined px | est_error_px | batch s | refined batch s |",
+            "|---|---|---|---|---|---|---|---|"]
+    for r in rows:
+        out.append(f"| {r['id']} | {r['tag']} | {fmt(r['max_error_px'])} | {fmt(r['refined_max_error_px'])} | "
+                   f"{fmt(r['refined_best_error_px'])} | {fmt(r['est_error_px'])} | {fmt(r['batch_s'])} | "
+                   f"{fmt(r['refined_batch_s'])} |")
+    return out
 
 
 def fmt(value):
@@ -86,6 +167,7 @@ def markdown(rows, commit, date, host):
                    f" | {fmt(median(r['wall_s'] for r in group))} | {fmt(median(r['peak_mb'] for r in group))} |")
     if any(r["identical"] != "NA" for r in rows):
         out += baseline_section(rows, host["cores"])
+    out += refinement_section(rows)
     out += ["", "## Per case", "",
             "| # | tag | reference | capture | options | wall s | alignment ms | peak MB | CPU | best score | mean error px | max error px |",
             "|---|---|---|---|---|---|---|---|---|---|---|---|"]
@@ -142,6 +224,7 @@ def main():
         case = {k: r[k] for k in COLUMNS[:12]}
         case["id"] = int(r["id"])
         case["as_expected"] = as_expected(r)
+        case["refined"] = {k: r[k] for k in REFINED}
         if r["identical"] != "NA":
             case["baseline"] = {k[5:]: r[k] for k in COLUMNS[13:18]}
             case["baseline"]["identical_results"] = r["identical"] == "yes"

@@ -213,15 +213,38 @@ void align_frame(const std::vector<cv::DMatch>& matches,
 // copies; corner rows of the copies are not written (the writer reads row
 // i mod k).
 
+// What an alignment left in its result slots, for callers that want more
+// than the best score; `refine` and `keep_slots` are the caller's requests.
+struct AlignmentReport {
+  // Refine each successful attempt's geometry below a pixel before its slot
+  // is warped (the scores stay the search's), and estimate its error.
+  bool refine = false;
+  int slots = 0;               // result slots filled
+  std::vector<double> scores;  // a search's successful attempts, slots 0..k-1, lower is better
+  std::vector<std::array<double, 8>> corners;  // the corner rows of those slots
+  // With `refine`: per slot 0..k-1, the estimated largest corner error in
+  // reference pixels (+inf when the matches were too few to tell), and
+  // whether the refined geometry replaced the search's.
+  std::vector<double> est_error_px;
+  std::vector<bool> refined;
+  // With keep_slots set, the slots as save_alignment_results takes them:
+  // `slots` frames of width x height bytes and all six point rows.
+  bool keep_slots = false;
+  std::vector<std::vector<unsigned char>> frames;
+  std::array<std::array<double, 8>, 6> pts_rows = {};
+  std::array<std::array<double, 20>, 6> content_rows = {};
+};
+
 // Runs the three preprocessing attempts in parallel (after the optional
 // advanced pre-pass), compacts the successful ones to the front and stores
 // the lowest score (kFailedScore when none succeeded). Returns their count k.
-// `slot_scores`, when given, receives the k scores in slot order.
+// `report`, when given, receives the k scores in slot order and is asked
+// whether to refine.
 int get_rectified_imgs(const cv::Mat& image, int width, int height, const char* result_folder,
                        unsigned char* reference, unsigned char** aligned, double (*pts)[8],
                        double (*content_pts)[20], double* best_score,
                        const FeatureLoadCallback& load, const FeatureSaveCallback& save,
-                       bool advanced, std::vector<double>* slot_scores = nullptr);
+                       bool advanced, AlignmentReport* report = nullptr);
 
 // Fills the slots for given corners (pts_in[7] != 0), no reference, no
 // rectification, or a search; returns the number of filled slots (0 when the
@@ -231,21 +254,7 @@ int generate_extraction_input(const char* result_folder, const cv::Mat& image,
                               const double* pts_in, unsigned char** aligned, double (*pts)[8],
                               double (*content_pts)[20], double* best_score,
                               const FeatureLoadCallback& load, const FeatureSaveCallback& save,
-                              bool advanced, std::vector<double>* slot_scores = nullptr);
-
-// What an alignment left in its result slots, for callers that want more
-// than the best score.
-struct AlignmentReport {
-  int slots = 0;               // result slots filled
-  std::vector<double> scores;  // a search's successful attempts, slots 0..k-1, lower is better
-  std::vector<std::array<double, 8>> corners;  // the corner rows of those slots
-  // With keep_slots set, the slots as save_alignment_results takes them:
-  // `slots` frames of width x height bytes and all six point rows.
-  bool keep_slots = false;
-  std::vector<std::vector<unsigned char>> frames;
-  std::array<std::array<double, 8>, 6> pts_rows = {};
-  std::array<std::array<double, 20>, 6> content_rows = {};
-};
+                              bool advanced, AlignmentReport* report = nullptr);
 
 // The whole alignment. Without reference and corners it only caches the
 // input's features (returns -1). With corners (pts[7] != 0) it writes one slot

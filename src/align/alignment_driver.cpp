@@ -75,11 +75,12 @@ double align_frame(unsigned char* input, unsigned char* reference, int width, in
 
   double result = 0.0;
   int count = 0;
-  std::vector<double> scores;
+  AlignmentReport search;
+  search.refine = report != nullptr && report->refine;
   if (pts[7] == 0.0) {
     count = generate_extraction_input(result_folder, image, reference, width, height, no_rectify,
                                       pts, aligned, corner_rows, content_pts, &result, load, save,
-                                      advanced, &scores);
+                                      advanced, &search);
   } else {
     int pad_x, pad_y;
     crop_padding(width, height, crop_width, crop_height, &pad_x, &pad_y);
@@ -104,9 +105,11 @@ double align_frame(unsigned char* input, unsigned char* reference, int width, in
 
   if (report != nullptr) {
     report->slots = count;
-    report->scores = scores;
+    report->scores = search.scores;
+    report->est_error_px = search.est_error_px;
+    report->refined = search.refined;
     report->corners.clear();
-    for (std::size_t i = 0; i < scores.size(); ++i) {
+    for (std::size_t i = 0; i < search.scores.size(); ++i) {
       report->corners.emplace_back();
       std::copy(corner_rows[i], corner_rows[i] + 8, report->corners.back().begin());
     }

@@ -2,6 +2,7 @@
 // its tests), but not with its users: not installed.
 #pragma once
 
+#include <cmath>
 #include <cstddef>
 #include <vector>
 
@@ -44,14 +45,66 @@ std::vector<cv::DMatch> ratio_test_matches(const cv::Mat& refDescriptors,
 bool by_distance(const cv::DMatch& a, const cv::DMatch& b);
 
 // The matching half of calculateMatches, on features already extracted.
+// `all`, when given, receives every ratio-test match, best first.
 std::vector<cv::DMatch> match_features(int width, int height, const double* refCorners,
                                        const cv::Mat& refDescriptors,
                                        const std::vector<cv::KeyPoint>& refKeypoints,
                                        const cv::Mat& inputDescriptors,
                                        const std::vector<cv::KeyPoint>& inputKeypoints,
-                                       double& score);
+                                       double& score, std::vector<cv::DMatch>* all = nullptr);
+
+// ---- Scoring ----------------------------------------------------------------
+
+// Fresh SIFT features of an aligned plane and their ratio-test matches with
+// the reference's, best first.
+struct RectifiedMatches {
+  std::vector<cv::KeyPoint> keypoints;
+  std::vector<cv::DMatch> matches;
+};
+RectifiedMatches match_rectified(const unsigned char* rectified, const cv::Mat& refDescriptors,
+                                 int width, int height);
+
+// get_rectification_score's result from matches already made.
+double rectification_score(const RectifiedMatches& rectified,
+                           const std::vector<cv::KeyPoint>& refKeypoints);
+
+// ---- Refinement -------------------------------------------------------------
+
+// Where reference points are seen in another picture, pair by pair.
+struct PointPairs {
+  std::vector<cv::Point2d> input;      // in the other picture
+  std::vector<cv::Point2d> reference;  // in the reference frame
+};
+
+// The keypoint positions of `matches` (queryIdx: reference, trainIdx: input).
+PointPairs matched_points(const std::vector<cv::DMatch>& matches,
+                          const std::vector<cv::KeyPoint>& refKeypoints,
+                          const std::vector<cv::KeyPoint>& inputKeypoints);
+
+// What refine_corners found.
+struct RefinedCorners {
+  bool accepted = false;        // `corners` differ from the ones given
+  double corners[8] = {};       // the geometry to use, input pixels
+  double est_error_px = HUGE_VAL;  // estimated largest corner error, reference pixels
+  int pairs = 0;                // pairs in the final fit
+  double residual_px = 0.0;     // their per-axis residual spread, reference pixels
+};
+
+// Re-fits the homography of the frame found at `corners` over `pairs` (all
+// ratio-test matches of the attempt), inside tightening gates, and estimates
+// the corners' remaining error from the fit. `rectified` holds the aligned
+// frame's matches with the reference (positions in the frame warped by
+// `corners`): a refit that agrees less with them, or moves a corner more
+// than a few pixels, is not accepted. Deterministic.
+RefinedCorners refine_corners(const PointPairs& pairs, const PointPairs& rectified,
+                              const double* corners, int width, int height);
 
 // ---- Warps ------------------------------------------------------------------
+
+// Warps `image` so that the corners `pts` land on the width x height frame's
+// corners, and outlines where the image lands (align_frame's warp).
+void warp_to_frame(const cv::Mat& image, int width, int height, const double* pts,
+                   unsigned char* aligned, double* content_pts);
 
 // The frame's own outline (0,0) (0,H) (W,H) (W,0) as the first 8 polygon values.
 void write_frame_polygon(int width, int height, double* content_pts);

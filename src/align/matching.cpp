@@ -177,9 +177,12 @@ std::vector<cv::DMatch> match_features(int width, int height, const double* refC
                                        const std::vector<cv::KeyPoint>& refKeypoints,
                                        const cv::Mat& inputDescriptors,
                                        const std::vector<cv::KeyPoint>& inputKeypoints,
-                                       double& score) {
+                                       double& score, std::vector<cv::DMatch>* all) {
   std::vector<cv::DMatch> matches = ratio_test_matches(refDescriptors, inputDescriptors);
   // RHO samples the best-ranked matches first.
   std::sort(matches.begin(), matches.end(), by_distance);
-  return inspect_matches(matches, refKeypoints, inputKeypoints, width, height, refCorners, score);
+  std::vector<cv::DMatch> selected =
+      inspect_matches(matches, refKeypoints, inputKeypoints, width, height, refCorners, score);
+  if (all != nullptr) *all = std::move(matches);
+  return selected;
 }

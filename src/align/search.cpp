@@ -66,6 +66,8 @@ struct Attempts {
   std::vector<cv::KeyPoint> keypoints[kAttempts];
   cv::Mat descriptors[kAttempts];
   double scores[kAttempts] = {kFailedScore, kFailedScore, kFailedScore};
+  bool refine = false;
+  RefinedCorners refinements[kAttempts];
 
   // The input features of attempt i, from the cache or SIFT. Draws no
   // random numbers.
@@ -78,38 +80,59 @@ struct Attempts {
   void finish(int i) {
     reset_thread_rng();
     double match_score = 1.0;
+    std::vector<cv::DMatch> all_matches;
     // Not caught: a failure to match at all ends the search.
     const std::vector<cv::DMatch> matches =
         match_features(width, height, ref_corners, ref_descriptors, ref_keypoints, descriptors[i],
-                       keypoints[i], match_score);
+                       keypoints[i], match_score, refine ? &all_matches : nullptr);
     if (matches.size() <= 3) return;
     try {
       align_frame(matches, ref_keypoints, keypoints[i], work, width, height, ref_corners,
                   aligned[i], pts[i], content_pts[i]);
+      const RectifiedMatches rectified =
+          match_rectified(aligned[i], ref_descriptors, width, height);
       // The product of both scores, deliberately: residual displacement
       // weighted by how many matches agreed and how much they covered.
-      const double score =
-          get_rectification_score(aligned[i], ref_keypoints, ref_descriptors, width, height) *
-          match_score;
+      const double score = rectification_score(rectified, ref_keypoints) * match_score;
       if (!affine && score > 100.0 &&
           !check_ref_pts_sanity(pts[i], sanity_width, sanity_height)) {
         throw std::runtime_error("bad ref pts");
       }
       scores[i] = score;
+      if (refine) refine_attempt(i, all_matches, rectified);
     } catch (const std::exception&) {
       // The attempt failed; its slot keeps whatever was written.
     }
   }
 
+  // Replaces attempt i's geometry by the refined one, when it is accepted,
+  // and re-warps its slot; the score stays the one the search measured.
+  void refine_attempt(int i, const std::vector<cv::DMatch>& all_matches,
+                      const RectifiedMatches& rectified) {
+    refinements[i] = refine_corners(matched_points(all_matches, ref_keypoints, keypoints[i]),
+                                    matched_points(rectified.matches, ref_keypoints,
+                                                   rectified.keypoints),
+                                    pts[i], width, height);
+    if (!refinements[i].accepted) return;
+    std::copy(refinements[i].corners, refinements[i].corners + 8, pts[i]);
+    warp_to_frame(work, width, height, pts[i], aligned[i], content_pts[i]);
+  }
+
   // Moves the successful attempts to the front, in attempt order, swapping
   // slots (frames by pointer); returns their count and the lowest score.
-  int compact(double* best_score, std::vector<double>* slot_scores) {
+  int compact(double* best_score, AlignmentReport* report) {
     double best = kFailedScore;
     int k = 0;
     for (int i = 0; i < kAttempts; ++i) {
       if (!(scores[i] < kFailedScore)) continue;
       best = std::min(best, scores[i]);
-      if (slot_scores != nullptr) slot_scores->push_back(scores[i]);
+      if (report != nullptr) {
+        report->scores.push_back(scores[i]);
+        if (refine) {
+          report->est_error_px.push_back(refinements[i].est_error_px);
+          report->refined.push_back(refinements[i].accepted);
+        }
+      }
       if (k != i) {
         std::swap(aligned[k], aligned[i]);
         std::swap_ranges(pts[k], pts[k] + 8, pts[i]);
@@ -194,9 +217,10 @@ int get_rectified_imgs(const cv::Mat& image, int width, int height, const char* 
                        unsigned char* reference, unsigned char** aligned, double (*pts)[8],
                        double (*content_pts)[20], double* best_score,
                        const FeatureLoadCallback& load, const FeatureSaveCallback& save,
-                       bool advanced, std::vector<double>* slot_scores) {
+                       bool advanced, AlignmentReport* report) {
   const cv::Mat ref(height, width, CV_8UC1, reference);
   Attempts attempts(image, width, height, load, save, aligned, pts, content_pts);
+  attempts.refine = report != nullptr && report->refine;
 
   auto reference_features = [&] {
     get_keypoints_descriptors_ref(ref, attempts.ref_keypoints, attempts.ref_descriptors, load,
@@ -234,7 +258,7 @@ int get_rectified_imgs(const cv::Mat& image, int width, int height, const char* 
         },
         kAttempts);
   }
-  return attempts.compact(best_score, slot_scores);
+  return attempts.compact(best_score, report);
 }
 
 int generate_extraction_input(const char* result_folder, const cv::Mat& image,
@@ -242,7 +266,7 @@ int generate_extraction_input(const char* result_folder, const cv::Mat& image,
                               const double* pts_in, unsigned char** aligned, double (*pts)[8],
                               double (*content_pts)[20], double* best_score,
                               const FeatureLoadCallback& load, const FeatureSaveCallback& save,
-                              bool advanced, std::vector<double>* slot_scores) {
+                              bool advanced, AlignmentReport* report) {
   if (pts_in[7] != 0.0) {
     return align_given_corners(image, width, height, pts_in, aligned, pts, content_pts, false);
   }
@@ -256,7 +280,7 @@ int generate_extraction_input(const char* result_folder, const cv::Mat& image,
     write_frame_polygon(width, height, content_pts[0]);
   } else {
     k = get_rectified_imgs(image, width, height, result_folder, reference, aligned, pts,
-                           content_pts, best_score, load, save, advanced, slot_scores);
+                           content_pts, best_score, load, save, advanced, report);
     if (k < 1) return 0;
   }
   for (int j = 0; j < k; ++j) write_enhanced_copy(aligned[j], aligned[k + j], width, height);

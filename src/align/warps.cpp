@@ -111,6 +111,11 @@ void align_frame(const std::vector<cv::DMatch>& matches,
   const cv::Mat found = get_homography_pts(matches, refKeypoints, inputKeypoints, refCorners, pts);
   if (found.empty()) return;
   // The fitted homography only signals success; the warp comes from the corners.
+  warp_to_frame(image, width, height, pts, aligned, content_pts);
+}
+
+void warp_to_frame(const cv::Mat& image, int width, int height, const double* pts,
+                   unsigned char* aligned, double* content_pts) {
   const cv::Mat M =
       cv::getPerspectiveTransform(corner_points(pts), frame_points(width, height), cv::DECOMP_LU);
   cv::Mat warped;

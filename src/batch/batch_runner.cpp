@@ -78,7 +78,7 @@ class References {
 // The summary columns after id, input and status.
 std::vector<std::string> result_values(double score, const AlignmentReport& report,
                                        double seconds, const std::string& message) {
-  std::vector<std::string> values(13);
+  std::vector<std::string> values(11);
   if (!report.scores.empty()) {
     const size_t best = std::min_element(report.scores.begin(), report.scores.end()) -
                         report.scores.begin();
@@ -88,11 +88,13 @@ std::vector<std::string> result_values(double score, const AlignmentReport& repo
       values[2] += (i ? ";" : "") + format("%.9g", report.scores[i]);
     }
     for (int c = 0; c < 8; ++c) values[3 + c] = format("%f", report.corners[best][c]);
+    if (report.refine) values.push_back(format("%.3f", report.est_error_px[best]));
   } else if (message.empty()) {
     values[0] = format("%.9g", score);
   }
-  values[11] = format("%.2f", seconds);
-  values[12] = message;
+  if (report.refine) values.resize(12);
+  values.push_back(format("%.2f", seconds));
+  values.push_back(message);
   return values;
 }
 
@@ -123,6 +125,7 @@ SummaryRow run_capture(const CaptureJob& job, const BatchOptions& options,
     const FeatureSaveCallback save = cache ? make_feature_save_callback(args) : nullptr;
     const double no_corners[8] = {};
     AlignmentReport report;
+    report.refine = options.refine;
     const double score = align_frame(
         input.plane.data(), const_cast<unsigned char*>(reference.plane.data()),
         job.reference.width, job.reference.height, input.width, input.height, 0, 0, 0,
@@ -136,7 +139,9 @@ SummaryRow run_capture(const CaptureJob& job, const BatchOptions& options,
     std::error_code ignored;
     fs::remove_all(partial, ignored);
     fs::remove_all(folder, ignored);  // no folder that the summary does not vouch for
-    row.values = result_values(0, AlignmentReport(), seconds_since(start), e.what());
+    AlignmentReport nothing;
+    nothing.refine = options.refine;
+    row.values = result_values(0, nothing, seconds_since(start), e.what());
   }
   return row;
 }
@@ -218,7 +223,8 @@ int run_batch(const BatchOptions& options) {
   keep_freed_memory_for_reuse();
 
   // What earlier runs finished stays: its folder is complete and its row recorded.
-  std::map<std::string, SummaryRow> rows = read_recorded_rows(root);
+  const std::vector<std::string> columns = summary_columns(options.refine);
+  std::map<std::string, SummaryRow> rows = read_recorded_rows(root, columns);
   std::vector<const CaptureJob*> pending;
   for (const CaptureJob& job : jobs) {
     fs::remove_all(root / ".partial" / job.id, error);
@@ -254,7 +260,7 @@ int run_batch(const BatchOptions& options) {
             std::lock_guard<std::mutex> guard(rows_lock);
             rows[row.id] = row;
           }
-          progress.finished(row, std::stod(row.values[11]));
+          progress.finished(row, std::stod(row.values[row.values.size() - 2]));
         }
       },
       workers);
@@ -268,7 +274,7 @@ int run_batch(const BatchOptions& options) {
     summary.push_back(it->second);
     ++counts[it->second.status];
   }
-  write_summary((root / ("summary" + shard_tag(options) + ".csv")).string(), summary);
+  write_summary((root / ("summary" + shard_tag(options) + ".csv")).string(), columns, summary);
   const size_t run = std::min<size_t>(next, pending.size());
   const double seconds = seconds_since(start);
   std::fprintf(stderr,

@@ -21,6 +21,7 @@ struct BatchOptions {
   int jobs = 0;                     // captures in flight; 0: from the CPUs and memory
   bool capture_cache = false;       // read and write the captures' .ftrs files
   bool force = false;               // redo captures already done
+  bool refine = false;              // refine each found frame, estimate its error
 };
 
 // Captures in flight when --jobs is not given: one per usable CPU, as far as

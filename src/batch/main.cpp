@@ -28,6 +28,8 @@ int main(int argc, char** argv) {
       ->check(CLI::PositiveNumber);
   app.add_flag("--capture-cache", options.capture_cache, "Read and write captures' .ftrs files");
   app.add_flag("--force", options.force, "Redo captures that are already done");
+  app.add_flag("--refine", options.refine,
+               "Refine each found frame below a pixel; summary column est_error_px");
   app.set_version_flag("--version", kVersion);
   try {
     app.parse(argc, argv);

@@ -10,9 +10,13 @@
 #include "align/align.h"
 #include "batch/csv.h"
 
-const std::vector<std::string> kSummaryColumns = {
-    "id", "input", "status", "best_score", "best_slot", "slot_scores", "x1", "y1", "x2",
-    "y2", "x3", "y3", "x4", "y4", "seconds", "message"};
+std::vector<std::string> summary_columns(bool refined) {
+  std::vector<std::string> columns = {"id", "input", "status", "best_score", "best_slot",
+                                      "slot_scores", "x1", "y1", "x2", "y2", "x3", "y3", "x4", "y4"};
+  if (refined) columns.push_back("est_error_px");
+  columns.insert(columns.end(), {"seconds", "message"});
+  return columns;
+}
 
 std::vector<std::string> SummaryRow::fields() const {
   std::vector<std::string> all = {id, input, status};
@@ -22,7 +26,8 @@ std::vector<std::string> SummaryRow::fields() const {
 
 namespace {
 
-void read_rows(const std::string& path, std::map<std::string, SummaryRow>& rows) {
+void read_rows(const std::string& path, const std::vector<std::string>& columns,
+               std::map<std::string, SummaryRow>& rows) {
   std::ifstream in(path, std::ios::binary);
   std::stringstream text;
   text << in.rdbuf();
@@ -37,7 +42,7 @@ void read_rows(const std::string& path, std::map<std::string, SummaryRow>& rows)
     return;  // not written by this program
   }
   for (const CsvRecord& record : records) {
-    if (record.fields.size() != kSummaryColumns.size() || record.fields == kSummaryColumns) continue;
+    if (record.fields.size() != columns.size() || record.fields == columns) continue;
     SummaryRow row{record.fields[0], record.fields[1], record.fields[2],
                    {record.fields.begin() + 3, record.fields.end()}};
     rows[row.id] = row;
@@ -46,7 +51,8 @@ void read_rows(const std::string& path, std::map<std::string, SummaryRow>& rows)
 
 }  // namespace
 
-std::map<std::string, SummaryRow> read_recorded_rows(const std::string& root) {
+std::map<std::string, SummaryRow> read_recorded_rows(const std::string& root,
+                                                     const std::vector<std::string>& columns) {
   std::vector<std::string> summaries, journals;
   std::error_code error;
   for (const auto& entry : std::filesystem::directory_iterator(root, error)) {
@@ -58,8 +64,8 @@ std::map<std::string, SummaryRow> read_recorded_rows(const std::string& root) {
     }
   }
   std::map<std::string, SummaryRow> rows;
-  for (const std::string& path : summaries) read_rows(path, rows);
-  for (const std::string& path : journals) read_rows(path, rows);
+  for (const std::string& path : summaries) read_rows(path, columns, rows);
+  for (const std::string& path : journals) read_rows(path, columns, rows);
   return rows;
 }
 
@@ -77,8 +83,9 @@ void Journal::append(const SummaryRow& row) {
   ::fsync(::fileno(file_));
 }
 
-void write_summary(const std::string& path, const std::vector<SummaryRow>& rows) {
-  std::string text = csv_line(kSummaryColumns);
+void write_summary(const std::string& path, const std::vector<std::string>& columns,
+                   const std::vector<SummaryRow>& rows) {
+  std::string text = csv_line(columns);
   for (const SummaryRow& row : rows) text += csv_line(row.fields());
   if (!replace_file(path, text.data(), text.size())) {
     throw std::runtime_error("cannot write the summary " + path);

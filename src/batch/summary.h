@@ -14,8 +14,10 @@
 #include <string>
 #include <vector>
 
-// The summary's columns, in order.
-extern const std::vector<std::string> kSummaryColumns;
+// The summary's columns, in order: id, input, status, best_score,
+// best_slot, slot_scores, x1 .. y4, with `refined` est_error_px, then
+// seconds and message.
+std::vector<std::string> summary_columns(bool refined);
 
 struct SummaryRow {
   std::string id, input, status;  // status: "aligned", "not_found" or "error"
@@ -25,8 +27,10 @@ struct SummaryRow {
 
 // Rows by id from every summary*.csv and .journal* file in `root`; a later
 // row for an id replaces an earlier one, journals after summaries. Torn
-// last lines (a batch killed mid-write) and rows of another form are left out.
-std::map<std::string, SummaryRow> read_recorded_rows(const std::string& root);
+// last lines (a batch killed mid-write) and rows of another form, a run's
+// with other columns included, are left out.
+std::map<std::string, SummaryRow> read_recorded_rows(const std::string& root,
+                                                     const std::vector<std::string>& columns);
 
 // Appends rows to a journal file, one whole line per write, flushed.
 class Journal {
@@ -44,4 +48,5 @@ class Journal {
 
 // Writes the summary CSV (header, then the rows) through a temporary name.
 // Throws std::runtime_error when it cannot.
-void write_summary(const std::string& path, const std::vector<SummaryRow>& rows);
+void write_summary(const std::string& path, const std::vector<std::string>& columns,
+                   const std::vector<SummaryRow>& rows);

@@ -86,7 +86,7 @@ struct Result {
   }
 };
 
-Result align(const py::object& capture_value, const Reference& reference, bool advanced,
+Result align(const py::object& capture_value, const Reference& reference, bool advanced, bool refine,
              const std::vector<int>& outputs, bool jpeg_output) {
   const cv::Mat capture = grey_picture(capture_value, "capture");
   Result result;
@@ -97,6 +97,7 @@ Result align(const py::object& capture_value, const Reference& reference, bool a
   result.height = reference->height;
   result.jpeg_output = jpeg_output;
   result.report.keep_slots = true;
+  result.report.refine = refine;
   unlocked([&] {
     const double none[8] = {};
     result.score = align_frame(result.capture.data(), const_cast<unsigned char*>(reference->plane.data()),
@@ -207,6 +208,10 @@ PYBIND11_MODULE(framealign, m) {
       .def_readonly("score", &Result::score, "the best score, lower is better; 999999 when not found")
       .def_property_readonly("best_slot", [](const Result& r) { return r.best_slot() < 0 ? py::object(py::none()) : py::int_(r.best_slot()); })
       .def_property_readonly("slot_scores", [](const Result& r) { return r.report.scores; })
+      .def_property_readonly("est_error_px", [](const Result& r) -> py::object {
+            if (r.best_slot() < 0 || r.report.est_error_px.empty()) return py::none();
+            return py::float_(r.report.est_error_px[r.best_slot()]);
+          }, "with refine=True: the best slot's estimated largest corner error in reference pixels")
       .def_property_readonly("corners", [](const Result& r) -> py::object {
             const double* c = r.best_corners();
             if (c == nullptr) return py::none();
@@ -244,11 +249,7 @@ PYBIND11_MODULE(framealign, m) {
   m.def("align", [](const py::object& capture, const Reference& reference, bool advanced, bool refine,
                     const std::vector<int>& outputs, bool jpeg_output) {
           if (!reference) throw py::type_error("reference must be a framealign.Reference");
-          if (refine) {
-            PyErr_SetString(PyExc_NotImplementedError, "refine=True: sub-pixel refinement is not built yet");
-            throw py::error_already_set();
-          }
-          return align(capture, reference, advanced, outputs, jpeg_output);
+          return align(capture, reference, advanced, refine, outputs, jpeg_output);
         },
         py::arg("capture"), py::arg("reference"), py::arg("advanced") = false, py::arg("refine") = false,
         py::arg("outputs") = std::vector<int>{}, py::arg("jpeg_output") = false,

@@ -138,21 +138,27 @@ TEST(align_frame, CornersGivenPadToTheCropAspect) {
   }
 }
 
-// A mirrored capture, searched with --advanced and previews on both schedules.
+// A mirrored capture, searched with --advanced and previews on both
+// schedules, plain and refined.
 class MirroredSearch : public testing::Test {
  protected:
   static void SetUpTestSuite() {
     reference_ = make_reference_frame(640, 360, 61);
     cv::flip(make_capture(reference_, kCorners, 960, 720, 62), given_, 1);
-    for (SearchSchedule schedule : {SearchSchedule::ONE_THREAD_PER_ATTEMPT, SearchSchedule::PIPELINED}) {
-      set_search_schedule(schedule);
-      const cv::Mat capture = given_.clone();
-      TempDir dir;
-      const double none[8] = {};
-      align_frame(capture.data, reference_.data, 640, 360, 960, 720, 0, 0, 0, none, dir.path().c_str(), nullptr,
-                  nullptr, true, {}, true);
-      inputs_.push_back(capture);
-      folders_.push_back(read_folder(dir.path().string()));
+    for (bool refine : {false, true}) {
+      for (SearchSchedule schedule : {SearchSchedule::ONE_THREAD_PER_ATTEMPT, SearchSchedule::PIPELINED}) {
+        set_search_schedule(schedule);
+        const cv::Mat capture = given_.clone();
+        TempDir dir;
+        const double none[8] = {};
+        AlignmentReport report;
+        report.refine = refine;
+        align_frame(capture.data, reference_.data, 640, 360, 960, 720, 0, 0, 0, none, dir.path().c_str(), nullptr,
+                    nullptr, true, {}, true, &report);
+        inputs_.push_back(capture);
+        folders_.push_back(read_folder(dir.path().string()));
+        reports_.push_back(report);
+      }
     }
     set_search_schedule(SearchSchedule::AUTOMATIC);
   }
@@ -162,12 +168,35 @@ class MirroredSearch : public testing::Test {
   static constexpr double kCorners[8] = {110, 80, 830, 100, 90, 610, 860, 640};
   static inline cv::Mat reference_, given_;
   static inline std::vector<cv::Mat> inputs_;
-  static inline std::vector<Folder> folders_;
+  static inline std::vector<Folder> folders_;  // plain on both schedules, then refined
+  static inline std::vector<AlignmentReport> reports_;
 };
 
 TEST_F(MirroredSearch, SchedulesWriteIdenticalResults) {
   EXPECT_GE(folders_[0].size(), 9u);  // an attempt succeeded, with previews
   EXPECT_TRUE(folders_[0] == folders_[1]);
+  EXPECT_TRUE(folders_[2] == folders_[3]);
+  EXPECT_EQ(reports_[2].est_error_px, reports_[3].est_error_px);
+}
+
+// Refinement changes the geometry, not the search's scores: every attempt,
+// more than a pixel off here, ends well below one, with an estimate that
+// does not understate its error.
+TEST_F(MirroredSearch, RefinementBringsEveryAttemptBelowAPixel) {
+  const AlignmentReport &plain = reports_[0], &refined = reports_[2];
+  EXPECT_EQ(refined.scores, plain.scores);
+  EXPECT_TRUE(plain.est_error_px.empty());
+  ASSERT_EQ(refined.est_error_px.size(), refined.scores.size());
+  double worst_plain = 0.0;
+  for (size_t i = 0; i < refined.scores.size(); ++i) {
+    worst_plain = std::max(worst_plain, corner_error(kCorners, plain.corners[i].data(), 640, 360).max);
+    const double error = corner_error(kCorners, refined.corners[i].data(), 640, 360).max;
+    EXPECT_TRUE(refined.refined[i]);
+    EXPECT_LT(error, 0.3) << i;
+    EXPECT_GE(refined.est_error_px[i], error) << i;
+    EXPECT_LT(refined.est_error_px[i], 1.0) << i;
+  }
+  EXPECT_GT(worst_plain, 1.0);
 }
 
 // The attempts match on a mirrored copy: the caller's picture stays as it

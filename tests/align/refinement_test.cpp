@@ -1,0 +1,95 @@
+#include <cmath>
+#include <vector>
+
+#include <gtest/gtest.h>
+#include <opencv2/imgproc.hpp>
+
+#include "align/align.h"
+#include "align/internal.h"
+#include "sim/render.h"
+
+namespace {
+
+constexpr int kW = 1280, kH = 720;
+
+// A capture-to-frame view: the frame's corners seen at these capture points.
+const double kTruth[8] = {210.3, 150.7, 1490.2, 170.4, 190.9, 905.6, 1530.8, 880.1};
+
+cv::Matx33d to_frame(const double* corners) {
+  double frame[8];
+  frame_corners(kW, kH, frame);
+  return cv::Matx33d(cv::getPerspectiveTransform(corner_points(corners), corner_points(frame)));
+}
+
+cv::Point2d map(const cv::Matx33d& h, cv::Point2d p) {
+  const cv::Vec3d q = h * cv::Vec3d(p.x, p.y, 1.0);
+  return {q[0] / q[2], q[1] / q[2]};
+}
+
+// Pairs seen through `corners`' view, with per-axis noise and a share of
+// matches that point anywhere.
+PointPairs pairs_of(const double* corners, int n, double noise, double outliers) {
+  const cv::Matx33d from_frame = to_frame(corners).inv();
+  cv::RNG rng(7);
+  PointPairs pairs;
+  for (int i = 0; i < n; ++i) {
+    const cv::Point2d ref(rng.uniform(0.0, double(kW)), rng.uniform(0.0, double(kH)));
+    cv::Point2d seen = map(from_frame, ref) + cv::Point2d(rng.gaussian(noise), rng.gaussian(noise));
+    if (rng.uniform(0.0, 1.0) < outliers) seen += cv::Point2d(rng.uniform(-30.0, 30.0), rng.uniform(-30.0, 30.0));
+    pairs.input.push_back(seen);
+    pairs.reference.push_back(ref);
+  }
+  return pairs;
+}
+
+void shifted(const double* corners, const double (&by)[8], double* out) {
+  for (int i = 0; i < 8; ++i) out[i] = corners[i] + by[i];
+}
+
+TEST(refine_corners, ConvergesGuardsAndEstimates) {
+  const double near[8] = {1.5, -1.2, -0.8, 1.7, 1.1, 0.9, -1.6, -1.0};  // the search's kind of error
+  const double far[8] = {7, -6, -7, 6, 6, 7, -6, -7};
+  double found[8], wrong[8];
+  shifted(kTruth, near, found);
+  shifted(kTruth, far, wrong);
+  const PointPairs clean = pairs_of(kTruth, 1500, 0.35, 0.1);
+  // The aligned frame's own matches when the search's warp was right: each
+  // lies where its reference point is.
+  PointPairs agreeing;
+  cv::RNG rng(3);
+  for (int i = 0; i < 600; ++i) {
+    const cv::Point2d p(30 + (i % 30) * 40.0, 30 + (i / 30) * 22.0);
+    agreeing.input.push_back(p + cv::Point2d(rng.gaussian(0.3), rng.gaussian(0.3)));
+    agreeing.reference.push_back(p);
+  }
+  struct Case {
+    const char* what;
+    PointPairs pairs, rectified;
+    const double* start;
+    bool accepted;
+    const double* lands;  // where the corners should end
+  } cases[] = {
+      {"noisy pairs with mismatches", clean, {}, found, true, kTruth},
+      // The evidence lies further from the search's corners than a refinement may move them.
+      {"diverging", pairs_of(wrong, 1500, 0.35, 0.0), {}, kTruth, false, kTruth},
+      {"too few pairs", pairs_of(kTruth, 20, 0.35, 0.0), {}, found, false, found},
+      // The aligned frame's matches, found at the reference's scale, outweigh the input's.
+      {"the aligned frame says the search was right", clean, agreeing, found, true, found},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.what);
+    const RefinedCorners r = refine_corners(c.pairs, c.rectified, c.start, kW, kH);
+    EXPECT_EQ(r.accepted, c.accepted);
+    const double off = corner_error(c.lands, r.corners, kW, kH).max;
+    if (c.accepted) {
+      EXPECT_LT(off, 0.1);
+      EXPECT_GE(r.est_error_px, off);
+      EXPECT_LT(r.est_error_px, 0.5);
+    } else {
+      EXPECT_EQ(std::vector<double>(r.corners, r.corners + 8), std::vector<double>(c.start, c.start + 8));
+      EXPECT_GT(r.est_error_px, 0.5);
+    }
+  }
+}
+
+}  // namespace
