@@ -10,7 +10,9 @@ best score, mean error px, max error px, expected outcome ("aligned" or
 alignment, peak, CPU, score) and whether both result folders were
 byte-identical ("yes", "no", or "NA" without a baseline), then the refined
 run's wall s, peak MB, slot 0 max error px, best slot max error px and
-est_error_px, and the seconds framealign-batch took without and with --refine.
+est_error_px, and the seconds framealign-batch took without and with --refine;
+then, with bench/run --fast, the --fast run's wall s, peak MB, seconds,
+status, est_error_px, path and best slot max error px.
 """
 import json
 import os
@@ -22,8 +24,11 @@ COLUMNS = ["id", "tag", "reference", "capture", "options", "wall_s", "alignment_
            "cpu_percent", "best_score", "mean_error_px", "max_error_px", "expect", "base_wall_s",
            "base_alignment_ms", "base_peak_mb", "base_cpu_percent", "base_best_score", "identical",
            "refined_wall_s", "refined_peak_mb", "refined_max_error_px", "refined_best_error_px",
-           "est_error_px", "batch_s", "refined_batch_s"]
-REFINED = COLUMNS[19:]
+           "est_error_px", "batch_s", "refined_batch_s", "fast_wall_s", "fast_peak_mb", "fast_batch_s",
+           "fast_status", "fast_est_error_px", "fast_path", "fast_best_error_px"]
+REFINED = COLUMNS[19:26]
+FAST = COLUMNS[26:]
+FAST_NUMBERS = ["fast_wall_s", "fast_peak_mb", "fast_batch_s", "fast_est_error_px", "fast_best_error_px"]
 
 
 def number(text):
@@ -35,8 +40,8 @@ def read_rows(path):
     with open(path) as f:
         for line in f:
             values = line.rstrip("\n").split("\t")
-            row = dict(zip(COLUMNS, values))
-            for key in COLUMNS[5:12] + COLUMNS[13:18] + REFINED:
+            row = dict(zip(COLUMNS, values + ["NA"] * (len(COLUMNS) - len(values))))
+            for key in COLUMNS[5:12] + COLUMNS[13:18] + REFINED + FAST_NUMBERS:
                 row[key] = number(row[key])
             row["options"] = row["options"].strip()
             rows.append(row)
@@ -135,6 +140,42 @@ def refinement_section(rows):
     return out
 
 
+def fast_section(rows):
+    ran = [r for r in rows if r["fast_status"] not in ("NA", "")]
+    if not ran:
+        return []
+    aligned = [r for r in ran if r["expect"] == "aligned"]
+    negatives = [r for r in ran if r["expect"] == "failure"]
+    fast_s, refine_s = median(r["fast_batch_s"] for r in ran), median(r["refined_batch_s"] for r in ran)
+    ratios = [r["fast_batch_s"] / r["refined_batch_s"] for r in ran if r["fast_batch_s"] and r["refined_batch_s"]]
+    peak = max((r["fast_peak_mb"] / r["refined_peak_mb"] for r in ran if r["fast_peak_mb"] and r["refined_peak_mb"]),
+               default=None)
+    quick = [r for r in ran if r["fast_path"] == "fast"]
+    false_alignments = [r["id"] for r in negatives if r["fast_status"] != "not_found"]
+    out = ["", "## Fast path", "",
+           "The same captures through `framealign-batch --fast`, against `--refine` alone (errors: the summary's "
+           "best slot against the true corners; time: the summary's seconds).", "",
+           f"- Quick path taken: {len(quick)} of {len(ran)} captures; the others ran the full search.",
+           f"- Median seconds per capture: {fmt(fast_s)} with --fast, {fmt(refine_s)} with --refine "
+           f"(ratio of medians {fmt(None if not fast_s or not refine_s else round(fast_s / refine_s, 3))}; median "
+           f"per-capture ratio {fmt(None if not ratios else round(statistics.median(ratios), 3))}).",
+           f"- Negatives ({len(negatives)}): {len(negatives) - len(false_alignments)} ended not_found"
+           + (f"; aligned: cases {', '.join(false_alignments)}" if false_alignments else "") + ".",
+           f"- Peak memory: at most {fmt(None if peak is None else round(peak, 3))} of --refine's.", "",
+           "| tag | cases | quick path | refine within 1 px | fast within 1 px | refine within 3 px | fast within 3 px |",
+           "|---|---|---|---|---|---|---|"]
+    for tag in dict.fromkeys(r["tag"] for r in aligned):
+        group = [r for r in aligned if r["tag"] == tag]
+        out.append(f"| {tag} | {len(group)} | {sum(r['fast_path'] == 'fast' for r in group)} | "
+                   f"{within(group, 'refined_best_error_px', 1)} | {within(group, 'fast_best_error_px', 1)} | "
+                   f"{within(group, 'refined_best_error_px', 3)} | {within(group, 'fast_best_error_px', 3)} |")
+    out += ["", "| # | tag | path | status | best slot px | est_error_px | refine s | fast s |", "|---|---|---|---|---|---|---|---|"]
+    for r in ran:
+        out.append(f"| {r['id']} | {r['tag']} | {r['fast_path']} | {r['fast_status']} | {fmt(r['fast_best_error_px'])} | "
+                   f"{fmt(r['fast_est_error_px'])} | {fmt(r['refined_batch_s'])} | {fmt(r['fast_batch_s'])} |")
+    return out
+
+
 def fmt(value):
     return "NA" if value is None else f"{value:g}"
 
@@ -162,12 +203,13 @@ def markdown(rows, commit, date, host):
     for tag in dict.fromkeys(r["tag"] for r in rows):
         group = [r for r in rows if r["tag"] == tag]
         good = sum(as_expected(r) for r in group)
-        shares = ["-"] * 3 if tag == "unrelated" else [share(group, limit) for limit in (1, 3, 5)]
+        shares = ["-"] * 3 if all(r["expect"] == "failure" for r in group) else [share(group, limit) for limit in (1, 3, 5)]
         out.append(f"| {tag} | {len(group)} | {good}/{len(group)} | " + " | ".join(shares) +
                    f" | {fmt(median(r['wall_s'] for r in group))} | {fmt(median(r['peak_mb'] for r in group))} |")
     if any(r["identical"] != "NA" for r in rows):
         out += baseline_section(rows, host["cores"])
     out += refinement_section(rows)
+    out += fast_section(rows)
     out += ["", "## Per case", "",
             "| # | tag | reference | capture | options | wall s | alignment ms | peak MB | CPU | best score | mean error px | max error px |",
             "|---|---|---|---|---|---|---|---|---|---|---|---|"]
@@ -225,6 +267,8 @@ def main():
         case["id"] = int(r["id"])
         case["as_expected"] = as_expected(r)
         case["refined"] = {k: r[k] for k in REFINED}
+        if r["fast_status"] not in ("NA", ""):
+            case["fast"] = {k: r[k] for k in FAST}
         if r["identical"] != "NA":
             case["baseline"] = {k[5:]: r[k] for k in COLUMNS[13:18]}
             case["baseline"]["identical_results"] = r["identical"] == "yes"

@@ -115,6 +115,27 @@ void bm_rectification_score(benchmark::State& state) {
   check(state, "score_below_1px", score < 1.0, 1);
 }
 
+// What --refine adds per attempt: the refits and the estimate (the aligned
+// frame's matches come from the score, already made).
+void bm_refinement(benchmark::State& state) {
+  Inputs& in = inputs();
+  std::vector<unsigned char> aligned(kW * kH);
+  double pts[8], content[20];
+  align_frame(in.inliers, in.ref_kps, in.cap_kps, in.capture, kW, kH, in.frame, aligned.data(),
+              pts, content);
+  cv::theRNG() = cv::RNG();
+  const RectifiedMatches rectified = match_rectified(aligned.data(), in.ref_desc, kW, kH);
+  const PointPairs pairs = matched_points(in.ratio_matches, in.ref_kps, in.cap_kps);
+  const PointPairs frame_pairs = matched_points(rectified.matches, in.ref_kps, rectified.keypoints);
+  RefinedCorners refined;
+  for (auto _ : state) {
+    refined = refine_corners(pairs, frame_pairs, pts, kW, kH);
+    warp_to_frame(in.capture, kW, kH, refined.corners, aligned.data(), content);
+  }
+  check(state, "accepted", refined.accepted, 1);
+  check(state, "estimate_below_1px", refined.est_error_px < 1.0, 1);
+}
+
 void bm_whole_search(benchmark::State& state) {
   Inputs& in = inputs();
   std::vector<unsigned char> storage(6 * kW * kH);
@@ -136,6 +157,7 @@ BENCHMARK(bm_flann_ratio_matching)->Unit(benchmark::kMillisecond)->Iterations(3)
 BENCHMARK(bm_inspect_matches)->Unit(benchmark::kMillisecond)->Iterations(5);
 BENCHMARK(bm_warp)->Unit(benchmark::kMillisecond)->Iterations(5);
 BENCHMARK(bm_rectification_score)->Unit(benchmark::kMillisecond)->Iterations(2);
+BENCHMARK(bm_refinement)->Unit(benchmark::kMillisecond)->Iterations(5);
 BENCHMARK(bm_whole_search)->Unit(benchmark::kMillisecond)->Iterations(1)->UseRealTime();
 
 }  // namespace

@@ -213,12 +213,30 @@ void align_frame(const std::vector<cv::DMatch>& matches,
 // copies; corner rows of the copies are not written (the writer reads row
 // i mod k).
 
+// Features of OpenCV's plain SIFT (default settings), for the quick path.
+struct QuickFeatures {
+  std::vector<cv::KeyPoint> keypoints;
+  cv::Mat descriptors;
+};
+QuickFeatures quick_features(const cv::Mat& picture);
+
 // What an alignment left in its result slots, for callers that want more
-// than the best score; `refine` and `keep_slots` are the caller's requests.
+// than the best score; `refine`, `fast`, `quick_reference` and `keep_slots`
+// are the caller's requests.
 struct AlignmentReport {
   // Refine each successful attempt's geometry below a pixel before its slot
   // is warped (the scores stay the search's), and estimate its error.
   bool refine = false;
+  // Try the quick path first (implies `refine`): one plain SIFT pass over a
+  // reduced copy of the input, verified (strong, spread, consistent matches,
+  // a plausible view, an estimated error of at most 1 px) or else replaced
+  // by the search, which then runs exactly as with `refine` alone. A
+  // verified quick answer fills slot 0 and its enhanced copy.
+  bool fast = false;
+  // The reference's quick features, when the caller keeps them; computed per
+  // call otherwise.
+  const QuickFeatures* quick_reference = nullptr;
+  std::string path;  // with `fast`, after a search: "fast" or "full"
   int slots = 0;               // result slots filled
   std::vector<double> scores;  // a search's successful attempts, slots 0..k-1, lower is better
   std::vector<std::array<double, 8>> corners;  // the corner rows of those slots

@@ -76,7 +76,11 @@ double align_frame(unsigned char* input, unsigned char* reference, int width, in
   double result = 0.0;
   int count = 0;
   AlignmentReport search;
-  search.refine = report != nullptr && report->refine;
+  if (report != nullptr) {
+    search.refine = report->refine;
+    search.fast = report->fast;
+    search.quick_reference = report->quick_reference;
+  }
   if (pts[7] == 0.0) {
     count = generate_extraction_input(result_folder, image, reference, width, height, no_rectify,
                                       pts, aligned, corner_rows, content_pts, &result, load, save,
@@ -108,6 +112,7 @@ double align_frame(unsigned char* input, unsigned char* reference, int width, in
     report->scores = search.scores;
     report->est_error_px = search.est_error_px;
     report->refined = search.refined;
+    report->path = search.path;
     report->corners.clear();
     for (std::size_t i = 0; i < search.scores.size(); ++i) {
       report->corners.emplace_back();

@@ -86,8 +86,9 @@ struct RefinedCorners {
   bool accepted = false;        // `corners` differ from the ones given
   double corners[8] = {};       // the geometry to use, input pixels
   double est_error_px = HUGE_VAL;  // estimated largest corner error, reference pixels
-  int pairs = 0;                // pairs in the final fit
+  int pairs = 0;                // the input's pairs in its last fit
   double residual_px = 0.0;     // their per-axis residual spread, reference pixels
+  int frame_pairs = 0;          // the aligned frame's pairs in the correction's last fit
 };
 
 // Re-fits the homography of the frame found at `corners` over `pairs` (all
@@ -98,6 +99,25 @@ struct RefinedCorners {
 // than a few pixels, is not accepted. Deterministic.
 RefinedCorners refine_corners(const PointPairs& pairs, const PointPairs& rectified,
                               const double* corners, int width, int height);
+
+// ---- Quick path ---------------------------------------------------------------
+
+// The quick path's answer is taken only when its estimated error is at most
+// this, in reference pixels.
+constexpr double kQuickMaxError = 1.0;
+
+// The quick path on one capture (the caller's picture, not changed): plain
+// SIFT of a copy reduced to about the reference's width, ratio-test matches
+// with the reference's quick features, RANSAC, the frame warped by the
+// corners, the aligned frame matched with the reference's tuned features
+// (`ref_keypoints`, `ref_descriptors`), refinement. True, with the slot's
+// frame, corners, content polygon, score and error estimate written, only
+// when the answer is verified; false leaves the outputs alone.
+bool quick_rectified_img(const cv::Mat& image, const cv::Mat& reference,
+                         const QuickFeatures& reference_quick,
+                         const std::vector<cv::KeyPoint>& ref_keypoints,
+                         const cv::Mat& ref_descriptors, unsigned char* aligned, double* pts,
+                         double* content_pts, double* score, double* est_error_px);
 
 // ---- Warps ------------------------------------------------------------------
 

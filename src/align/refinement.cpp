@@ -83,7 +83,7 @@ double robust_spread(const cv::Matx33d& h, const PointPairs& pairs, const std::v
 }
 
 // Least squares over `kept`, then Levenberg-Marquardt on the reprojection
-// error (OpenCV's method 0); empty when the pairs are degenerate.
+// error (OpenCV's method 0); `ok` false when the pairs are degenerate.
 cv::Matx33d fit(const PointPairs& pairs, const std::vector<std::size_t>& kept, bool* ok) {
   std::vector<cv::Point2f> from, to;
   for (std::size_t j : kept) {
@@ -224,6 +224,7 @@ RefinedCorners refine_corners(const PointPairs& pairs, const PointPairs& rectifi
   if (!rectified_kept.empty()) {
     const double spread = fit_spread(correction, moved, rectified_kept);
     const double before = rms(cv::Matx33d::eye(), moved, rectified_kept);
+    out.frame_pairs = static_cast<int>(rectified_kept.size());
     if (rms(correction, moved, rectified_kept) <= before) {
       h = correction * h;
       deviation = corner_deviation(correction, moved, rectified_kept, spread, width, height);

@@ -106,13 +106,18 @@ struct Attempts {
   }
 
   // Replaces attempt i's geometry by the refined one, when it is accepted,
-  // and re-warps its slot; the score stays the one the search measured.
+  // and re-warps its slot; the score stays the one the search measured. A
+  // refinement that fails leaves the attempt as the search made it.
   void refine_attempt(int i, const std::vector<cv::DMatch>& all_matches,
                       const RectifiedMatches& rectified) {
-    refinements[i] = refine_corners(matched_points(all_matches, ref_keypoints, keypoints[i]),
-                                    matched_points(rectified.matches, ref_keypoints,
-                                                   rectified.keypoints),
-                                    pts[i], width, height);
+    try {
+      refinements[i] = refine_corners(matched_points(all_matches, ref_keypoints, keypoints[i]),
+                                      matched_points(rectified.matches, ref_keypoints,
+                                                     rectified.keypoints),
+                                      pts[i], width, height);
+    } catch (const cv::Exception&) {
+      return;  // no estimate either: it stays +inf
+    }
     if (!refinements[i].accepted) return;
     std::copy(refinements[i].corners, refinements[i].corners + 8, pts[i]);
     warp_to_frame(work, width, height, pts[i], aligned[i], content_pts[i]);
@@ -220,7 +225,7 @@ int get_rectified_imgs(const cv::Mat& image, int width, int height, const char* 
                        bool advanced, AlignmentReport* report) {
   const cv::Mat ref(height, width, CV_8UC1, reference);
   Attempts attempts(image, width, height, load, save, aligned, pts, content_pts);
-  attempts.refine = report != nullptr && report->refine;
+  attempts.refine = report != nullptr && (report->refine || report->fast);
 
   auto reference_features = [&] {
     get_keypoints_descriptors_ref(ref, attempts.ref_keypoints, attempts.ref_descriptors, load,
@@ -261,6 +266,35 @@ int get_rectified_imgs(const cv::Mat& image, int width, int height, const char* 
   return attempts.compact(best_score, report);
 }
 
+namespace {
+
+// The quick path into slot 0; 1 when its answer was verified, else 0 with
+// the slots untouched.
+int quick_attempt(const cv::Mat& image, int width, int height, unsigned char* reference,
+                  unsigned char** aligned, double (*pts)[8], double (*content_pts)[20],
+                  double* best_score, const FeatureLoadCallback& load,
+                  const FeatureSaveCallback& save, AlignmentReport& report) {
+  const cv::Mat ref(height, width, CV_8UC1, reference);
+  QuickFeatures computed;
+  if (report.quick_reference == nullptr) computed = quick_features(ref);
+  std::vector<cv::KeyPoint> ref_keypoints;
+  cv::Mat ref_descriptors;
+  get_keypoints_descriptors_ref(ref, ref_keypoints, ref_descriptors, load, save);
+  double score = kFailedScore, estimate = HUGE_VAL;
+  if (!quick_rectified_img(image, ref, report.quick_reference ? *report.quick_reference : computed,
+                           ref_keypoints, ref_descriptors, aligned[0], pts[0], content_pts[0],
+                           &score, &estimate)) {
+    return 0;
+  }
+  *best_score = score;
+  report.scores = {score};
+  report.est_error_px = {estimate};
+  report.refined = {true};
+  return 1;
+}
+
+}  // namespace
+
 int generate_extraction_input(const char* result_folder, const cv::Mat& image,
                               unsigned char* reference, int width, int height, int no_rectify,
                               const double* pts_in, unsigned char** aligned, double (*pts)[8],
@@ -279,8 +313,16 @@ int generate_extraction_input(const char* result_folder, const cv::Mat& image,
     copy_plane(image, aligned[0], width, height);
     write_frame_polygon(width, height, content_pts[0]);
   } else {
-    k = get_rectified_imgs(image, width, height, result_folder, reference, aligned, pts,
-                           content_pts, best_score, load, save, advanced, report);
+    k = 0;
+    if (report != nullptr && report->fast) {
+      k = quick_attempt(image, width, height, reference, aligned, pts, content_pts, best_score,
+                        load, save, *report);
+      report->path = k > 0 ? "fast" : "full";
+    }
+    if (k == 0) {
+      k = get_rectified_imgs(image, width, height, result_folder, reference, aligned, pts,
+                             content_pts, best_score, load, save, advanced, report);
+    }
     if (k < 1) return 0;
   }
   for (int j = 0; j < k; ++j) write_enhanced_copy(aligned[j], aligned[k + j], width, height);

@@ -66,10 +66,26 @@ class References {
     return entry->reference;
   }
 
+  // The quick path's features of a reference that get() prepared, once.
+  const QuickFeatures& quick(const ReferenceFrame& frame) {
+    std::shared_ptr<Entry> entry;
+    {
+      std::lock_guard<std::mutex> guard(lock_);
+      entry = entries_.at(frame);
+    }
+    std::call_once(entry->quick_once, [&] {
+      const PreparedReference& r = entry->reference;
+      entry->quick = quick_features(
+          cv::Mat(r.height, r.width, CV_8UC1, const_cast<unsigned char*>(r.plane.data())));
+    });
+    return entry->quick;
+  }
+
  private:
   struct Entry {
-    std::once_flag once;
+    std::once_flag once, quick_once;
     PreparedReference reference;
+    QuickFeatures quick;
   };
   std::mutex lock_;
   std::map<ReferenceFrame, std::shared_ptr<Entry>> entries_;
@@ -78,7 +94,8 @@ class References {
 // The summary columns after id, input and status.
 std::vector<std::string> result_values(double score, const AlignmentReport& report,
                                        double seconds, const std::string& message) {
-  std::vector<std::string> values(11);
+  std::vector<std::string> values(11);  // best_score, best_slot, slot_scores, x1 .. y4
+  std::string estimate;
   if (!report.scores.empty()) {
     const size_t best = std::min_element(report.scores.begin(), report.scores.end()) -
                         report.scores.begin();
@@ -88,11 +105,12 @@ std::vector<std::string> result_values(double score, const AlignmentReport& repo
       values[2] += (i ? ";" : "") + format("%.9g", report.scores[i]);
     }
     for (int c = 0; c < 8; ++c) values[3 + c] = format("%f", report.corners[best][c]);
-    if (report.refine) values.push_back(format("%.3f", report.est_error_px[best]));
+    if (report.refine) estimate = format("%.3f", report.est_error_px[best]);
   } else if (message.empty()) {
     values[0] = format("%.9g", score);
   }
-  if (report.refine) values.resize(12);
+  if (report.refine) values.push_back(estimate);
+  if (report.fast) values.push_back(report.path);
   values.push_back(format("%.2f", seconds));
   values.push_back(message);
   return values;
@@ -126,6 +144,8 @@ SummaryRow run_capture(const CaptureJob& job, const BatchOptions& options,
     const double no_corners[8] = {};
     AlignmentReport report;
     report.refine = options.refine;
+    report.fast = options.fast;
+    report.quick_reference = options.fast ? &references.quick(job.reference) : nullptr;
     const double score = align_frame(
         input.plane.data(), const_cast<unsigned char*>(reference.plane.data()),
         job.reference.width, job.reference.height, input.width, input.height, 0, 0, 0,
@@ -141,6 +161,7 @@ SummaryRow run_capture(const CaptureJob& job, const BatchOptions& options,
     fs::remove_all(folder, ignored);  // no folder that the summary does not vouch for
     AlignmentReport nothing;
     nothing.refine = options.refine;
+    nothing.fast = options.fast;
     row.values = result_values(0, nothing, seconds_since(start), e.what());
   }
   return row;
@@ -223,7 +244,7 @@ int run_batch(const BatchOptions& options) {
   keep_freed_memory_for_reuse();
 
   // What earlier runs finished stays: its folder is complete and its row recorded.
-  const std::vector<std::string> columns = summary_columns(options.refine);
+  const std::vector<std::string> columns = summary_columns(options.refine, options.fast);
   std::map<std::string, SummaryRow> rows = read_recorded_rows(root, columns);
   std::vector<const CaptureJob*> pending;
   for (const CaptureJob& job : jobs) {
@@ -268,11 +289,13 @@ int run_batch(const BatchOptions& options) {
 
   std::vector<SummaryRow> summary;
   std::map<std::string, int> counts;
+  const size_t path_value = std::find(columns.begin(), columns.end(), "path") - columns.begin() - 3;
   for (const CaptureJob& job : jobs) {
     const auto it = rows.find(job.id);
     if (it == rows.end()) continue;
     summary.push_back(it->second);
     ++counts[it->second.status];
+    if (options.fast) ++counts["path " + it->second.values.at(path_value)];
   }
   write_summary((root / ("summary" + shard_tag(options) + ".csv")).string(), columns, summary);
   const size_t run = std::min<size_t>(next, pending.size());
@@ -282,6 +305,9 @@ int run_batch(const BatchOptions& options) {
                "%.1f s, %.1f s per capture\n",
                summary.size(), jobs.size(), counts["aligned"], counts["not_found"], counts["error"],
                run, seconds, run == 0 ? 0.0 : seconds / run);
+  if (options.fast) {
+    std::fprintf(stderr, "paths: %d fast, %d full\n", counts["path fast"], counts["path full"]);
+  }
   if (g_signal != 0) return 128 + g_signal;
   return counts["error"] > 0 ? 1 : 0;
 }

@@ -22,6 +22,7 @@ struct BatchOptions {
   bool capture_cache = false;       // read and write the captures' .ftrs files
   bool force = false;               // redo captures already done
   bool refine = false;              // refine each found frame, estimate its error
+  bool fast = false;                // the quick path first (with refine)
 };
 
 // Captures in flight when --jobs is not given: one per usable CPU, as far as

@@ -30,6 +30,8 @@ int main(int argc, char** argv) {
   app.add_flag("--force", options.force, "Redo captures that are already done");
   app.add_flag("--refine", options.refine,
                "Refine each found frame below a pixel; summary column est_error_px");
+  app.add_flag("--fast", options.fast,
+               "A quick path first, the full search when it cannot be verified (implies --refine)");
   app.set_version_flag("--version", kVersion);
   try {
     app.parse(argc, argv);
@@ -43,6 +45,7 @@ int main(int argc, char** argv) {
       const std::string error = append_output_list(value, options.outputs);
       if (!error.empty()) throw CLI::ValidationError(error.substr(error.find(' ') + 1));
     }
+    if (options.fast) options.refine = true;
     if (!shard.empty()) {
       char slash = 0, rest = 0;
       if (std::sscanf(shard.c_str(), "%d%c%d%c", &options.shard, &slash, &options.shards, &rest) != 3 ||

@@ -10,10 +10,11 @@
 #include "align/align.h"
 #include "batch/csv.h"
 
-std::vector<std::string> summary_columns(bool refined) {
+std::vector<std::string> summary_columns(bool refined, bool fast) {
   std::vector<std::string> columns = {"id", "input", "status", "best_score", "best_slot",
                                       "slot_scores", "x1", "y1", "x2", "y2", "x3", "y3", "x4", "y4"};
   if (refined) columns.push_back("est_error_px");
+  if (fast) columns.push_back("path");
   columns.insert(columns.end(), {"seconds", "message"});
   return columns;
 }

@@ -15,9 +15,9 @@
 #include <vector>
 
 // The summary's columns, in order: id, input, status, best_score,
-// best_slot, slot_scores, x1 .. y4, with `refined` est_error_px, then
-// seconds and message.
-std::vector<std::string> summary_columns(bool refined);
+// best_slot, slot_scores, x1 .. y4, with `refined` est_error_px, with `fast`
+// path, then seconds and message.
+std::vector<std::string> summary_columns(bool refined, bool fast);
 
 struct SummaryRow {
   std::string id, input, status;  // status: "aligned", "not_found" or "error"

@@ -29,8 +29,13 @@ cv::Mat cloudy(int width, int height, cv::RNG& rng, double lo, double hi) {
 }  // namespace
 
 cv::Mat make_reference_frame(int width, int height, std::uint64_t seed) {
+  return make_reference_frame(width, height, seed, 0);
+}
+
+cv::Mat make_reference_frame(int width, int height, std::uint64_t seed, std::uint64_t shapes_seed) {
   cv::RNG rng(seed);
   cv::Mat ground = cloudy(width, height, rng, 40, 200);
+  if (shapes_seed != 0) rng = cv::RNG(shapes_seed);
   for (int y = 0; y < height; ++y) {
     float* row = ground.ptr<float>(y);
     for (int x = 0; x < width; ++x) row[x] = 0.6f * row[x] + 60.0f * x / width + 20.0f * y / height;

@@ -29,8 +29,11 @@ struct Capture {
 };
 
 // A built-in reference frame: gradients, shapes, lines and text on a
-// textured ground; the same seed gives the same frame.
+// textured ground; the same seed gives the same frame. With `shapes_seed`
+// the ground is seed's and the shapes come from shapes_seed: another frame
+// of the same video, as far as a matcher can tell.
 cv::Mat make_reference_frame(int width, int height, std::uint64_t seed);
+cv::Mat make_reference_frame(int width, int height, std::uint64_t seed, std::uint64_t shapes_seed);
 
 // Renders `frame` as seen by a camera.
 Capture render_capture(const cv::Mat& frame, const CaptureSettings& settings);

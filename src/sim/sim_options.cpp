@@ -32,6 +32,9 @@ const char* const kSimUsage =
     "  --png                        Write the capture as PNG\n"
     "  --mirror                     Mirror the capture left-right\n"
     "  --unrelated                  Show another built-in frame than the reference written\n"
+    "  --other-frame                Show the reference's background with other shapes on it,\n"
+    "                               as a later frame of the same video\n"
+    "  --upside-down                Show the reference turned by 180 degrees\n"
     "  --corner-error <truth> <found>\n"
     "                               Only compare two corner files (pts format) and print the\n"
     "                               mean and largest error in reference pixels (--width, --height)\n";
@@ -152,6 +155,10 @@ bool parse_sim_options(int argc, char** argv, SimOptions& o, std::string& error)
       o.capture.mirror = true;
     } else if (arg == "--unrelated") {
       o.unrelated = true;
+    } else if (arg == "--other-frame") {
+      o.other_frame = true;
+    } else if (arg == "--upside-down") {
+      o.upside_down = true;
     } else if (arg == "--corner-error") {
       if (!value(o.truth_file) || !value(o.found_file)) return false;
     } else {

@@ -13,6 +13,8 @@ struct SimOptions {
   int jpeg_quality = 92;
   bool png = false;
   bool unrelated = false;  // the capture shows another frame than the reference written
+  bool other_frame = false;  // ... the reference's background with other shapes on it
+  bool upside_down = false;  // ... the reference turned by 180 degrees
   std::string truth_file;  // with found_file: only compare corners
   std::string found_file;
   bool help = false;

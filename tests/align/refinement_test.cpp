@@ -1,4 +1,3 @@
-#include <cmath>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -15,43 +14,33 @@ constexpr int kW = 1280, kH = 720;
 // A capture-to-frame view: the frame's corners seen at these capture points.
 const double kTruth[8] = {210.3, 150.7, 1490.2, 170.4, 190.9, 905.6, 1530.8, 880.1};
 
-cv::Matx33d to_frame(const double* corners) {
-  double frame[8];
-  frame_corners(kW, kH, frame);
-  return cv::Matx33d(cv::getPerspectiveTransform(corner_points(corners), corner_points(frame)));
-}
-
-cv::Point2d map(const cv::Matx33d& h, cv::Point2d p) {
-  const cv::Vec3d q = h * cv::Vec3d(p.x, p.y, 1.0);
-  return {q[0] / q[2], q[1] / q[2]};
-}
-
 // Pairs seen through `corners`' view, with per-axis noise and a share of
 // matches that point anywhere.
 PointPairs pairs_of(const double* corners, int n, double noise, double outliers) {
-  const cv::Matx33d from_frame = to_frame(corners).inv();
+  double frame[8];
+  frame_corners(kW, kH, frame);
+  const cv::Mat from_frame = cv::getPerspectiveTransform(corner_points(frame), corner_points(corners));
   cv::RNG rng(7);
   PointPairs pairs;
   for (int i = 0; i < n; ++i) {
-    const cv::Point2d ref(rng.uniform(0.0, double(kW)), rng.uniform(0.0, double(kH)));
-    cv::Point2d seen = map(from_frame, ref) + cv::Point2d(rng.gaussian(noise), rng.gaussian(noise));
-    if (rng.uniform(0.0, 1.0) < outliers) seen += cv::Point2d(rng.uniform(-30.0, 30.0), rng.uniform(-30.0, 30.0));
-    pairs.input.push_back(seen);
-    pairs.reference.push_back(ref);
+    std::vector<cv::Point2d> ref = {{rng.uniform(0.0, double(kW)), rng.uniform(0.0, double(kH))}}, seen;
+    cv::perspectiveTransform(ref, seen, from_frame);
+    seen[0] += cv::Point2d(rng.gaussian(noise), rng.gaussian(noise));
+    if (rng.uniform(0.0, 1.0) < outliers) seen[0] += cv::Point2d(rng.uniform(-30.0, 30.0), rng.uniform(-30.0, 30.0));
+    pairs.input.push_back(seen[0]);
+    pairs.reference.push_back(ref[0]);
   }
   return pairs;
-}
-
-void shifted(const double* corners, const double (&by)[8], double* out) {
-  for (int i = 0; i < 8; ++i) out[i] = corners[i] + by[i];
 }
 
 TEST(refine_corners, ConvergesGuardsAndEstimates) {
   const double near[8] = {1.5, -1.2, -0.8, 1.7, 1.1, 0.9, -1.6, -1.0};  // the search's kind of error
   const double far[8] = {7, -6, -7, 6, 6, 7, -6, -7};
   double found[8], wrong[8];
-  shifted(kTruth, near, found);
-  shifted(kTruth, far, wrong);
+  for (int i = 0; i < 8; ++i) {
+    found[i] = kTruth[i] + near[i];
+    wrong[i] = kTruth[i] + far[i];
+  }
   const PointPairs clean = pairs_of(kTruth, 1500, 0.35, 0.1);
   // The aligned frame's own matches when the search's warp was right: each
   // lies where its reference point is.

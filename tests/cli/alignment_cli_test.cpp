@@ -178,6 +178,84 @@ TEST_F(Batch, FoldersAreFramealignsInEveryMode) {
   EXPECT_EQ(std::min_element(scores.begin(), scores.end()) - scores.begin(), std::stoi(row[4]));
 }
 
+// --refine: the summary gains est_error_px; the best slot's corners come
+// within half a pixel of the truth; reruns write the same bytes; a root
+// recorded without --refine is run again with it, and then counts as done.
+TEST_F(Batch, RefineEstimatesAndRerunsIdentically) {
+  std::filesystem::copy(dir_.file("full"), dir_.file("refined"), std::filesystem::copy_options::recursive);
+  for (const auto& [root, run] : {std::pair{"refined", "; 4 run now"}, {"again", "; 4 run now"}, {"again", "; 0 run now"}}) {
+    const ToolRun r = run_tool(args(root, {"--refine"}), dir_, kBatch);
+    EXPECT_NE(r.err.find(run), std::string::npos) << root << r.err;
+  }
+  const std::string text = summary(dir_.file("refined/summary.csv"));
+  EXPECT_EQ(text, summary(dir_.file("again/summary.csv")));
+  const std::vector<std::string> rows = split(text, '\n');
+  EXPECT_EQ(rows.at(0), "id,input,status,best_score,best_slot,slot_scores,x1,y1,x2,y2,x3,y3,x4,y4,est_error_px,seconds,message");
+  for (int i = 1; i <= 4; ++i) {
+    const std::string id = "/cap" + std::to_string(i);
+    EXPECT_TRUE(read_folder(dir_.file("refined" + id)) == read_folder(dir_.file("again" + id))) << id;
+    const std::vector<std::string> row = split(rows.at(i), ',');
+    ASSERT_EQ(row.size(), 16u) << rows.at(i);  // the message, empty, ends the line
+    if (i == 3) {
+      EXPECT_EQ(row[2] + row[14], "not_found");
+      continue;
+    }
+    double corners[8];
+    for (int c = 0; c < 8; ++c) corners[c] = std::stod(row[6 + c]);
+    const double error = corner_error(corners_[i], corners, 640, 360).max;
+    EXPECT_LT(error, 0.5) << i;
+    EXPECT_GE(std::stod(row[14]), error) << i;
+    EXPECT_LT(std::stod(row[14]), 1.0) << i;
+  }
+}
+
+// --fast: an easy capture takes the quick path and lands within a pixel; a
+// small, blurred, moire-striped screen falls back to the search and still
+// aligns; a mirrored capture (without --advanced), another frame of the
+// same video and an unrelated one end not_found. The quick path leaves the
+// frame upside down to the search, which aligns it as framealign does.
+// Reruns write the same bytes.
+TEST_F(Batch, FastVerifiesOrFallsBack) {
+  const cv::Mat reference = make_reference_frame(640, 360, 301);
+  cv::Mat upside_down;
+  cv::rotate(reference, upside_down, cv::ROTATE_180);
+  CaptureSettings plain, hard;
+  plain.capture_width = hard.capture_width = 960;
+  plain.capture_height = hard.capture_height = 720;
+  hard.screen_scale = 0.5, hard.blur = 2.5, hard.moire = 0.5;
+  const Capture small = render_capture(reference, hard);
+  cv::imwrite(dir_.file("small.jpg"), small.picture);
+  const std::vector<std::pair<std::string, cv::Mat>> negatives = {
+      {"other", make_reference_frame(640, 360, 301, 302)}, {"upside", upside_down}, {"unrelated", make_reference_frame(640, 360, 9)}};
+  std::ofstream list(dir_.file("fast.csv"));
+  list << "input\n./c1.jpg\n./small.jpg\n./c3.jpg\n";
+  for (const auto& [name, shown] : negatives) {
+    cv::imwrite(dir_.file(name + ".jpg"), render_capture(shown, plain).picture);
+    list << name << ".jpg\n";
+  }
+  list.close();
+  for (const std::string root : {"fast", "fast_again"}) {
+    const ToolRun r = run_tool({"--list", "fast.csv", "--reference-file", "./ref.yuv", "--width", "640", "--height", "360",
+                                "--jobs", "1", "--result-root", root, "--fast"}, dir_, kBatch);
+    EXPECT_NE(r.err.find("paths: 1 fast, 5 full"), std::string::npos) << r.err;
+  }
+  const std::vector<std::string> rows = split(summary(dir_.file("fast/summary.csv")), '\n');
+  EXPECT_EQ(summary(dir_.file("fast/summary.csv")), summary(dir_.file("fast_again/summary.csv")));
+  EXPECT_EQ(rows.at(0).substr(rows.at(0).find("est_error_px")), "est_error_px,path,seconds,message");
+  const std::vector<std::string> expected = {"c1 aligned fast", "small aligned full", "c3 not_found full",
+                                             "other not_found full", "upside aligned full", "unrelated not_found full"};
+  for (size_t i = 0; i < expected.size(); ++i) {
+    const std::vector<std::string> row = split(rows.at(i + 1), ',');
+    EXPECT_EQ(row.at(0) + " " + row.at(2) + " " + row.at(15), expected[i]);
+    EXPECT_TRUE(read_folder(dir_.file("fast/" + row[0])) == read_folder(dir_.file("fast_again/" + row[0]))) << row[0];
+  }
+  double corners[8];
+  for (int c = 0; c < 8; ++c) corners[c] = std::stod(split(rows.at(1), ',').at(6 + c));
+  EXPECT_LT(corner_error(corners_[1], corners, 640, 360).max, 1.0);
+  for (int c = 0; c < 8; ++c) corners[c] = std::stod(split(rows.at(2), ',').at(6 + c));
+  EXPECT_LT(corner_error(small.corners, corners, 640, 360).max, 5.0);  // found, if not finely
+}
+
 // A capture that cannot be aligned is a row with the tool's message; the
 // others go on. A reference cache made for another size is refused.
 TEST_F(Batch, FaultsAreRows) {

@@ -48,6 +48,12 @@ class Module(unittest.TestCase):
         row = np.loadtxt(f"{self.dir}/cli/pts_0.txt").reshape(4, 2)
         np.testing.assert_array_equal(framealign.warp_by_corners(self.capture, row, 640, 360), r.frames[0])
         self.assertEqual(framealign.align(self.capture, pickle.loads(pickle.dumps(self.ref))).score, r.score)
+        # Refined: the search's scores, corners nearer the truth, an estimate only then.
+        refined = framealign.align(self.capture, self.ref, refine=True)
+        self.assertEqual(refined.slot_scores, r.slot_scores)
+        self.assertIsNone(r.est_error_px)
+        self.assertLess(np.abs(refined.corners - truth).max(), 0.5)
+        self.assertLess(refined.est_error_px, 1.0)
 
     def test_bad_arguments_and_failures_raise(self):
         for bad, error, words in [(self.capture.astype(np.int16), TypeError, "capture must be a numpy array"),
@@ -57,8 +63,6 @@ class Module(unittest.TestCase):
                 framealign.align(bad, self.ref)
         with self.assertRaisesRegex(RuntimeError, "No features found to match against"):
             framealign.align(np.full((300, 400), 90, np.uint8), self.ref)
-        with self.assertRaises(NotImplementedError):
-            framealign.align(self.capture, self.ref, refine=True)
         with self.assertRaisesRegex(RuntimeError, "does not exist, nor its feature cache"):
             framealign.Reference.from_yuv(f"{self.dir}/none.yuv", 640, 360)
 

@@ -1,0 +1,132 @@
+// The quick path: one cheap feature pass over a reduced copy of the capture
+// and a robust fit, then the refinement at full resolution. Its answer is
+// taken only when the evidence for it is strong; otherwise the tuned search
+// runs as it would have without it.
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+
+#include <opencv2/calib3d.hpp>
+#include <opencv2/features2d.hpp>
+#include <opencv2/imgproc.hpp>
+
+#include "align/align.h"
+#include "align/internal.h"
+
+namespace {
+
+// The capture is reduced to about the reference's width: SIFT finds a screen
+// of a third to the whole of that size well, and the pyramid costs a quarter
+// of the full capture's.
+constexpr double kQuickWidthRatio = 1.0;
+// RANSAC's inlier threshold, in pixels of the reduced capture.
+constexpr double kInlierThreshold = 3.0;
+// Verification, as measured on the bench's captures (bench/RESULTS.md): a
+// true answer keeps hundreds of consistent matches over most of the frame,
+// and nearly all of the aligned frame's own matches agree with it; an
+// unrelated picture, or another frame of the same video, keeps a few dozen
+// matches at most, over part of the frame.
+constexpr int kMinimumInliers = 60;
+constexpr double kMinimumCoverage = 0.35;        // inliers' hull, share of the frame
+constexpr double kMinimumFrameAgreement = 0.5;   // aligned frame's matches kept by the refit
+constexpr int kMinimumFramePairs = 100;
+// The quick path takes only views of an upright frame: its top edge within
+// this many degrees of the capture's rows. A frame turned further, upside
+// down in particular, is left to the search.
+constexpr double kLargestTurn = 45.0;
+
+bool upright(const double* corners) {
+  const double turn = std::atan2(corners[3] - corners[1], corners[2] - corners[0]) * 180.0 / CV_PI;
+  return std::abs(turn) <= kLargestTurn;
+}
+
+}  // namespace
+
+QuickFeatures quick_features(const cv::Mat& picture) {
+  QuickFeatures features;
+  cv::SIFT::create()->detectAndCompute(picture, cv::noArray(), features.keypoints,
+                                       features.descriptors);
+  return features;
+}
+
+bool quick_rectified_img(const cv::Mat& image, const cv::Mat& reference,
+                         const QuickFeatures& reference_quick,
+                         const std::vector<cv::KeyPoint>& ref_keypoints,
+                         const cv::Mat& ref_descriptors, unsigned char* aligned, double* pts,
+                         double* content_pts, double* score, double* est_error_px) {
+  const int width = reference.cols, height = reference.rows;
+  const double scale = std::min(1.0, kQuickWidthRatio * width / image.cols);
+  cv::Mat reduced;
+  if (scale < 1.0) {
+    cv::resize(image, reduced, cv::Size(), scale, scale, cv::INTER_AREA);
+  } else {
+    reduced = image;
+  }
+  const QuickFeatures capture = quick_features(reduced);
+  if (capture.descriptors.empty() || reference_quick.descriptors.empty()) return false;
+
+  cv::theRNG() = cv::RNG();  // FLANN's trees, as the search draws them
+  const std::vector<cv::DMatch> matches =
+      ratio_test_matches(reference_quick.descriptors, capture.descriptors);
+  if (matches.size() < static_cast<std::size_t>(kMinimumInliers)) return false;
+  std::vector<cv::Point2f> from, to;
+  for (const cv::DMatch& m : matches) {
+    from.push_back(reference_quick.keypoints[m.queryIdx].pt);
+    to.push_back(capture.keypoints[m.trainIdx].pt * (1.0 / scale));
+  }
+  std::vector<unsigned char> inlier;
+  const cv::Mat to_capture = cv::findHomography(from, to, cv::RANSAC, kInlierThreshold / scale,
+                                                inlier, 2000, 0.995);
+  if (to_capture.empty()) return false;
+  std::vector<cv::Point2f> kept_reference;
+  PointPairs pairs;  // all of them: the refinement gates them itself
+  for (std::size_t j = 0; j < matches.size(); ++j) {
+    if (inlier[j]) kept_reference.push_back(from[j]);
+    pairs.reference.emplace_back(from[j]);
+    pairs.input.emplace_back(to[j]);
+  }
+  const double coverage = calculateConvexHullArea(kept_reference) / (double(width) * height);
+  if (static_cast<int>(kept_reference.size()) < kMinimumInliers || coverage < kMinimumCoverage) {
+    return false;
+  }
+
+  double frame[8], corners[8];
+  frame_corners(width, height, frame);
+  std::vector<cv::Point2f> seen;
+  cv::perspectiveTransform(corner_points(frame), seen, to_capture);
+  for (int i = 0; i < 4; ++i) {
+    corners[2 * i] = seen[i].x;
+    corners[2 * i + 1] = seen[i].y;
+  }
+  if (!upright(corners) || !check_ref_pts_sanity(corners, image.cols, image.rows)) return false;
+
+  std::vector<unsigned char> plane(luma_plane_size(width, height));
+  double polygon[20];
+  std::fill(polygon, polygon + 20, -1.0);
+  warp_to_frame(image, width, height, corners, plane.data(), polygon);
+  cv::theRNG() = cv::RNG();
+  const RectifiedMatches rectified = match_rectified(plane.data(), ref_descriptors, width, height);
+  // The search's score, with the quick fit's inliers in place of the grid's.
+  const double match_score =
+      100.0 / std::pow(static_cast<double>(kept_reference.size()) * coverage * width * height,
+                       0.333);
+  const double quick_score = rectification_score(rectified, ref_keypoints) * match_score;
+  if (!(quick_score < kFailedScore)) return false;
+
+  const RefinedCorners refined =
+      refine_corners(pairs, matched_points(rectified.matches, ref_keypoints, rectified.keypoints),
+                     corners, width, height);
+  if (!refined.accepted || refined.frame_pairs < kMinimumFramePairs ||
+      refined.frame_pairs < kMinimumFrameAgreement * rectified.matches.size() ||
+      !(refined.est_error_px <= kQuickMaxError)) {
+    return false;
+  }
+  std::fill(polygon, polygon + 20, -1.0);
+  warp_to_frame(image, width, height, refined.corners, plane.data(), polygon);
+  std::memcpy(aligned, plane.data(), plane.size());
+  std::copy(refined.corners, refined.corners + 8, pts);
+  std::copy(polygon, polygon + 20, content_pts);
+  *score = quick_score;
+  *est_error_px = refined.est_error_px;
+  return true;
+}
