@@ -63,12 +63,15 @@ int main(int argc, char** argv) {
     if (picture.empty()) return fail("cannot read picture " + options.reference);
     cv::resize(picture, reference, cv::Size(options.width, options.height), 0, 0, cv::INTER_AREA);
   }
+  // A picture of its own whenever it differs: rotating into a header of
+  // `reference` would turn the reference written as well.
   cv::Mat shown = reference;
   if (options.unrelated) {
     shown = make_reference_frame(options.width, options.height, options.capture.seed + 1000003);
   } else if (options.other_frame) {
     shown = make_reference_frame(options.width, options.height, options.capture.seed, options.capture.seed + 1);
   } else if (options.upside_down) {
+    shown = cv::Mat();
     cv::rotate(reference, shown, cv::ROTATE_180);
   }
   const Capture capture = render_capture(shown, options.capture);
