@@ -86,17 +86,16 @@ struct RefinedCorners {
   bool accepted = false;        // `corners` differ from the ones given
   double corners[8] = {};       // the geometry to use, input pixels
   double est_error_px = HUGE_VAL;  // estimated largest corner error, reference pixels
-  int pairs = 0;                // the input's pairs in its last fit
-  double residual_px = 0.0;     // their per-axis residual spread, reference pixels
   int frame_pairs = 0;          // the aligned frame's pairs in the correction's last fit
 };
 
 // Re-fits the homography of the frame found at `corners` over `pairs` (all
-// ratio-test matches of the attempt), inside tightening gates, and estimates
-// the corners' remaining error from the fit. `rectified` holds the aligned
-// frame's matches with the reference (positions in the frame warped by
-// `corners`): a refit that agrees less with them, or moves a corner more
-// than a few pixels, is not accepted. Deterministic.
+// ratio-test matches of the attempt) inside tightening gates, then corrects
+// it by the residual homography of `rectified`: the aligned frame's matches
+// with the reference, at their positions in the frame warped by `corners`.
+// The estimate comes from the last fit's residuals. A result that moves a
+// corner more than a few pixels, or leaves `rectified` further from the
+// reference, is not accepted. Deterministic.
 RefinedCorners refine_corners(const PointPairs& pairs, const PointPairs& rectified,
                               const double* corners, int width, int height);
 

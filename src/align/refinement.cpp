@@ -205,9 +205,7 @@ RefinedCorners refine_corners(const PointPairs& pairs, const PointPairs& rectifi
   cv::Matx33d h = gated_fit(pairs, found, kInputGates, kept);
   double deviation = HUGE_VAL;
   if (!kept.empty()) {
-    out.pairs = static_cast<int>(kept.size());
-    out.residual_px = fit_spread(h, pairs, kept);
-    deviation = corner_deviation(h, pairs, kept, out.residual_px, width, height);
+    deviation = corner_deviation(h, pairs, kept, fit_spread(h, pairs, kept), width, height);
   }
 
   // Then the aligned frame's matches, moved to where the frame warped by h
