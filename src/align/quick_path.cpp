@@ -21,11 +21,12 @@ namespace {
 constexpr double kQuickWidthRatio = 1.0;
 // RANSAC's inlier threshold, in pixels of the reduced capture.
 constexpr double kInlierThreshold = 3.0;
-// Verification, as measured on the bench's captures (bench/RESULTS.md): a
-// true answer keeps hundreds of consistent matches over most of the frame,
-// and nearly all of the aligned frame's own matches agree with it; an
-// unrelated picture, or another frame of the same video, keeps a few dozen
-// matches at most, over part of the frame.
+// Verification: enough consistent matches, spread over the frame, and most
+// of the aligned frame's own matches agreeing with the refined answer. On
+// the bench (bench/RESULTS.md) every capture that took the quick path was
+// within half a pixel, and every negative (unrelated pictures, another frame
+// of the same video, mirrored and upside-down views) failed at least one
+// test and went to the search.
 constexpr int kMinimumInliers = 60;
 constexpr double kMinimumCoverage = 0.35;        // inliers' hull, share of the frame
 constexpr double kMinimumFrameAgreement = 0.5;   // aligned frame's matches kept by the refit
