@@ -320,8 +320,10 @@ TEST_F(Batch, ResumesAfterAStopOrAKill) {
 // Four shards through GNU parallel on stand-in hosts, two as a Slurm job
 // array; the command without --shard then writes the whole summary.
 TEST_F(Batch, ShardsMergeIntoTheWholeRun) {
-  std::ofstream(dir_.file("ssh")) << "#!/bin/sh\n# stand-in for ssh: runs the command here, as the host's shell would\n"
-                                  << "shift\n[ \"$1\" = -- ] && shift\nexec sh -c \"$*\"\n";
+  // parallel's remote worker runs the command through the login's $SHELL,
+  // which a real ssh login always sets; CI's environment may not have it.
+  std::ofstream(dir_.file("ssh")) << "#!/bin/sh\n# stand-in for ssh: runs the command here, as the host's login would\n"
+                                  << "export SHELL=/bin/sh\nshift\n[ \"$1\" = -- ] && shift\nexec sh -c \"$*\"\n";
   std::filesystem::permissions(dir_.file("ssh"), std::filesystem::perms::owner_all);
   // parallel resolves a working directory of "." against $HOME, so the test
   // gives it its own home and an absolute directory, and runs the stand-in
