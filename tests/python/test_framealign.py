@@ -21,10 +21,9 @@ class Module(unittest.TestCase):
     @classmethod
     def setUpClass(cls):
         cls.dir = tempfile.mkdtemp(prefix="framealign_py_")
-        for seed in (1, 2, 3):
-            subprocess.run([f"{BUILD}/framealign-sim", "--out", f"{cls.dir}/s{seed}", "--width", "640", "--height",
-                            "360", "--capture-width", "960", "--capture-height", "720", "--seed", str(seed)],
-                           check=True, stdout=subprocess.DEVNULL)
+        subprocess.run([f"{BUILD}/framealign-sim", "--out", f"{cls.dir}/s1", "--width", "640", "--height", "360",
+                        "--capture-width", "960", "--capture-height", "720", "--seed", "1"],
+                       check=True, stdout=subprocess.DEVNULL)
         cls.ref = framealign.Reference.from_yuv(f"{cls.dir}/s1/reference.yuv", width=640, height=360)
         cls.capture = framealign.read_capture(f"{cls.dir}/s1/capture.jpg")
         cls.result = framealign.align(cls.capture, cls.ref)
