@@ -43,8 +43,12 @@ std::string default_id(const std::string& input) {
   return std::filesystem::path(input).stem().string();
 }
 
-// Checks ids once every job is known: plain names, no two alike.
-void check_ids(const std::vector<CaptureJob>& jobs, const std::string& where) {
+// Checks ids once every job is known: plain names, no two alike. `where`
+// prefixes a job's number ("list.csv:" or "capture "); `earlier` and `hint`
+// name the job that took a repeated id first ("line 3", or "capture 3" and
+// how to tell the two apart).
+void check_ids(const std::vector<CaptureJob>& jobs, const std::string& where,
+               const std::string& earlier, const std::string& hint) {
   std::map<std::string, int> seen;
   for (const CaptureJob& job : jobs) {
     const std::string why = bad_id(job.id);
@@ -52,7 +56,7 @@ void check_ids(const std::vector<CaptureJob>& jobs, const std::string& where) {
     const auto [it, fresh] = seen.emplace(job.id, job.line);
     if (!fresh) {
       throw ListError(where + std::to_string(job.line) + ": id '" + job.id +
-                      "' is already the id of line " + std::to_string(it->second));
+                      "' is already the id of " + earlier + std::to_string(it->second) + hint);
     }
   }
 }
@@ -122,7 +126,7 @@ std::vector<CaptureJob> read_capture_list(const std::string& path, const Referen
     job.id = value("id").empty() ? default_id(job.input) : value("id");
     jobs.push_back(job);
   }
-  check_ids(jobs, where);
+  check_ids(jobs, where, "line ", "");
   return jobs;
 }
 
@@ -137,7 +141,7 @@ std::vector<CaptureJob> capture_jobs(const std::vector<std::string>& inputs,
     job.reference = defaults;
     jobs.push_back(job);
   }
-  check_ids(jobs, "capture ");
+  check_ids(jobs, "capture ", "capture ", " (a --list can give each capture an id)");
   return jobs;
 }
 
