@@ -10,6 +10,8 @@
 #include "align/internal.h"
 #include "sim/render.h"
 
+using namespace framealign;  // NOLINT(google-build-using-namespace)
+
 namespace {
 
 constexpr int kW = 1920, kH = 1080;

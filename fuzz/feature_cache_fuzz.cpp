@@ -7,11 +7,12 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
-#include <iostream>
 #include <string>
 #include <vector>
 
-#include "main/feature_cache.h"
+#include "io/feature_cache.h"
+
+using namespace framealign;  // NOLINT(google-build-using-namespace)
 
 namespace {
 
@@ -32,11 +33,6 @@ std::vector<uint8_t> read_all(const std::string& p) {
 
 }  // namespace
 
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  std::cerr.rdbuf(nullptr);
-  return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const std::string file = path(".ftrs");
   if (std::FILE* f = std::fopen(file.c_str(), "wb")) {
@@ -45,7 +41,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   }
   std::vector<cv::KeyPoint> keypoints;
   cv::Mat descriptors;
-  if (load_features(file, keypoints, descriptors)) {
+  if (load_features(file, keypoints, descriptors).loaded) {
     if (static_cast<size_t>(descriptors.rows) != keypoints.size()) __builtin_trap();
     const std::string again = path("_again.ftrs");
     save_features(again, keypoints, descriptors);

@@ -9,7 +9,9 @@
 #include <string>
 #include <vector>
 
-#include "main/readers.h"
+#include "io/readers.h"
+
+using namespace framealign;  // NOLINT(google-build-using-namespace)
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (size < 3) return 0;

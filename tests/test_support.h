@@ -17,6 +17,9 @@
 #include "align/align.h"
 #include "sim/render.h"
 
+// The tests reach into the library's internals by their own names.
+using namespace framealign;  // NOLINT(google-build-using-namespace)
+
 class TempDir {
  public:
   TempDir() {

@@ -23,6 +23,8 @@
 
 #include <opencv2/core.hpp>
 
+namespace framealign {
+
 // ---- Shared types ---------------------------------------------------------
 
 // Lower is better; this value marks an attempt that did not succeed.
@@ -220,10 +222,8 @@ struct QuickFeatures {
 };
 QuickFeatures quick_features(const cv::Mat& picture);
 
-// What an alignment left in its result slots, for callers that want more
-// than the best score; `refine`, `fast`, `quick_reference` and `keep_slots`
-// are the caller's requests.
-struct AlignmentReport {
+// What a search is asked for beyond the spec of its attempts.
+struct SearchRequest {
   // Refine each successful attempt's geometry below a pixel before its slot
   // is warped (the scores stay the search's), and estimate its error.
   bool refine = false;
@@ -236,56 +236,56 @@ struct AlignmentReport {
   // The reference's quick features, when the caller keeps them; computed per
   // call otherwise.
   const QuickFeatures* quick_reference = nullptr;
-  std::string path;  // with `fast`, after a search: "fast" or "full"
-  int slots = 0;               // result slots filled
-  std::vector<double> scores;  // a search's successful attempts, slots 0..k-1, lower is better
-  std::vector<std::array<double, 8>> corners;  // the corner rows of those slots
+};
+
+// What a search found beyond its slots.
+struct SearchReport {
+  std::string path;            // with `fast`: "fast" or "full"
+  std::vector<double> scores;  // the successful attempts, slots 0..k-1, lower is better
   // With `refine`: per slot 0..k-1, the estimated largest corner error in
   // reference pixels (+inf when the matches were too few to tell), and
   // whether the refined geometry replaced the search's.
   std::vector<double> est_error_px;
   std::vector<bool> refined;
-  // With keep_slots set, the slots as save_alignment_results takes them:
-  // `slots` frames of width x height bytes and all six point rows.
-  bool keep_slots = false;
-  std::vector<std::vector<unsigned char>> frames;
-  std::array<std::array<double, 8>, 6> pts_rows = {};
-  std::array<std::array<double, 20>, 6> content_rows = {};
 };
 
 // Runs the three preprocessing attempts in parallel (after the optional
 // advanced pre-pass), compacts the successful ones to the front and stores
 // the lowest score (kFailedScore when none succeeded). Returns their count k.
-// `report`, when given, receives the k scores in slot order and is asked
-// whether to refine.
+// `report`, when given, receives the k scores in slot order.
 int get_rectified_imgs(const cv::Mat& image, int width, int height, const char* result_folder,
-                       unsigned char* reference, unsigned char** aligned, double (*pts)[8],
-                       double (*content_pts)[20], double* best_score,
+                       const unsigned char* reference, unsigned char** aligned,
+                       double (*pts)[8], double (*content_pts)[20], double* best_score,
                        const FeatureLoadCallback& load, const FeatureSaveCallback& save,
-                       bool advanced, AlignmentReport* report = nullptr);
+                       bool advanced, const SearchRequest& request = {},
+                       SearchReport* report = nullptr);
 
-// Fills the slots for given corners (pts_in[7] != 0), no reference, no
-// rectification, or a search; returns the number of filled slots (0 when the
-// search found nothing).
+// Fills the slots of the two modes that have a reference and no corners:
+// no rectification (the input as it lies, one slot) or the search; each
+// result gets its enhanced copy behind the results. Returns the number of
+// filled slots (0 when the search found nothing). The alignment driver
+// handles the other modes itself: given corners (pts_in[7] != 0) or a null
+// reference are refused with std::invalid_argument.
 int generate_extraction_input(const char* result_folder, const cv::Mat& image,
-                              unsigned char* reference, int width, int height, int no_rectify,
-                              const double* pts_in, unsigned char** aligned, double (*pts)[8],
-                              double (*content_pts)[20], double* best_score,
+                              const unsigned char* reference, int width, int height,
+                              int no_rectify, const double* pts_in, unsigned char** aligned,
+                              double (*pts)[8], double (*content_pts)[20], double* best_score,
                               const FeatureLoadCallback& load, const FeatureSaveCallback& save,
-                              bool advanced, AlignmentReport* report = nullptr);
+                              bool advanced, const SearchRequest& request = {},
+                              SearchReport* report = nullptr);
 
-// The whole alignment. Without reference and corners it only caches the
-// input's features (returns -1). With corners (pts[7] != 0) it writes one slot
-// per output variant (default 3, 0), padded to the crop aspect, and returns
-// 0. Otherwise it searches and returns the best score. Writes the result
-// folder when one is given; fills `report` when one is given. Exceptions
-// from any stage, worker threads' included, reach the caller.
-double align_frame(unsigned char* input, unsigned char* reference, int width, int height,
-                   int input_width, int input_height, int crop_width, int crop_height,
-                   int no_rectify, const double* pts, const char* result_folder,
+// The whole alignment, as framealign runs it. Without reference and corners
+// it only caches the input's features (returns -1). With corners
+// (pts[7] != 0) it writes one slot per output variant (default 3, 0), padded
+// to the crop aspect, and returns 0. Otherwise it searches (or, with
+// no_rectify, copies) and returns the best score. Writes the result folder
+// when one is given. Exceptions from any stage, worker threads' included,
+// reach the caller.
+double align_frame(const unsigned char* input, const unsigned char* reference, int width,
+                   int height, int input_width, int input_height, int crop_width,
+                   int crop_height, int no_rectify, const double* pts, const char* result_folder,
                    const FeatureLoadCallback& load, const FeatureSaveCallback& save,
-                   bool advanced, const std::vector<int>& outputs, bool jpeg_output,
-                   AlignmentReport* report = nullptr);
+                   bool advanced, const std::vector<int>& outputs, bool jpeg_output);
 
 // ---- Results --------------------------------------------------------------
 
@@ -298,8 +298,15 @@ void save_alignment_results(const char* result_folder, const unsigned char* inpu
                             int input_width, int input_height, double best_score,
                             bool jpeg_output);
 
+// Where the library's one diagnostic line goes (draw_matches_combined's
+// "Failed to save image"): nowhere until a program sets a sink, since the
+// library itself never prints. framealign's sink prints it on standard output.
+using DiagnosticSink = std::function<void(const std::string& line)>;
+void set_diagnostic_sink(DiagnosticSink sink);
+
 // Diagnostic picture: both images side by side in an 800 x 600 box with the
-// matches drawn, written as JPEG ("Failed to save image" when it cannot be).
+// matches drawn, written as JPEG ("Failed to save image" to the diagnostic
+// sink when it cannot be).
 // (Not called by framealign; for looking at a match set by eye.)
 void draw_matches_combined(const cv::Mat& image1, const cv::Mat& image2,
                            const std::vector<cv::DMatch>& matches,
@@ -332,3 +339,5 @@ void copy_plane(const cv::Mat& picture, unsigned char* plane, int width, int hei
 // the whole new one, never half of one. False when any step fails; nothing
 // is left behind then.
 bool replace_file(const std::string& path, const void* data, std::size_t size);
+
+}  // namespace framealign

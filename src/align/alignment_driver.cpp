@@ -3,6 +3,8 @@
 // results writer.
 #include <algorithm>
 #include <cstring>
+#include <stdexcept>
+#include <string>
 #include <vector>
 
 #include <opencv2/core/utils/logger.hpp>
@@ -11,9 +13,9 @@
 #include "align/internal.h"
 #include "align/parallel_for.h"
 
-namespace {
+namespace framealign {
 
-constexpr int kSlots = 6;
+namespace {
 
 // Padding, right or below, that gives the picture the aspect of a
 // crop_width x crop_height crop of the frame. The ratio is taken in single
@@ -46,90 +48,105 @@ std::vector<int> output_variants(const std::vector<int>& outputs) {
   return variants;
 }
 
+// Corners given: the frame warped by them (padded to the crop aspect) in
+// every slot, one per output variant, each finished as its variant.
+int fill_corner_slots(const AlignmentJob& job, AlignmentSlots& slots) {
+  const int width = job.width, height = job.height;
+  int pad_x, pad_y;
+  crop_padding(width, height, job.crop_width, job.crop_height, &pad_x, &pad_y);
+  align_by_pts(job.input, width, height, pad_x, pad_y, job.pts, slots.aligned[0],
+               slots.content_pts[0]);
+
+  const std::vector<int> variants = output_variants(job.outputs);
+  const int n = static_cast<int>(variants.size());
+  const std::size_t frame_bytes = luma_plane_size(width, height);
+  const std::vector<unsigned char> plain(slots.aligned[0], slots.aligned[0] + frame_bytes);
+  parallel_for(
+      0, n,
+      [&](int i) {
+        std::memcpy(slots.aligned[i], plain.data(), frame_bytes);
+        apply_output_variant(slots.aligned[i], width, height, variants[i]);
+        std::copy(job.pts, job.pts + 8, slots.pts[i]);
+        if (i != 0) std::copy(slots.content_pts[0], slots.content_pts[0] + 20, slots.content_pts[i]);
+      },
+      n);
+  return n;
+}
+
 }  // namespace
 
-double align_frame(unsigned char* input, unsigned char* reference, int width, int height,
-                   int input_width, int input_height, int crop_width, int crop_height,
-                   int no_rectify, const double* pts, const char* result_folder,
-                   const FeatureLoadCallback& load, const FeatureSaveCallback& save,
-                   bool advanced, const std::vector<int>& outputs, bool jpeg_output,
-                   AlignmentReport* report) {
+AlignmentMode alignment_mode(const unsigned char* reference, bool corners_given,
+                             bool no_rectify) {
+  if (corners_given) return AlignmentMode::CORNERS_GIVEN;
+  if (reference == nullptr) return AlignmentMode::FEATURES_ONLY;
+  return no_rectify ? AlignmentMode::NO_RECTIFY : AlignmentMode::SEARCH;
+}
+
+cv::Mat AlignmentSlots::frame(int i) const {
+  for (const cv::Mat& buffer : storage) {
+    if (buffer.data == aligned[i]) return buffer;
+  }
+  throw std::logic_error("result slot " + std::to_string(i) + " has no frame");
+}
+
+AlignmentSlots align_slots(const AlignmentJob& job) {
   cv::utils::logging::setLogLevel(cv::utils::logging::LOG_LEVEL_ERROR);
 
-  double content_pts[kSlots][20];
-  std::fill(&content_pts[0][0], &content_pts[0][0] + kSlots * 20, -1.0);
-  const cv::Mat image(input_height, input_width, CV_8UC1, input);
-
-  if (reference == nullptr && pts[7] == 0.0) {
-    generate_copy_features(image, load, save);
-    return -1.0;
+  AlignmentSlots slots;
+  std::fill(&slots.content_pts[0][0], &slots.content_pts[0][0] + kSlots * 20, -1.0);
+  slots.mode = alignment_mode(job.reference, job.corners_given, job.no_rectify);
+  if (slots.mode == AlignmentMode::FEATURES_ONLY) {
+    generate_copy_features(job.input, job.load, job.save);
+    slots.score = -1.0;
+    return slots;
   }
 
   // Zeroed rather than left undefined, so that a slot an attempt failed to
   // fill never carries stray memory into a score or a file.
-  const std::size_t frame_bytes = luma_plane_size(width, height);
-  std::vector<unsigned char> storage(kSlots * frame_bytes, 0);
-  unsigned char* aligned[kSlots];
-  for (int i = 0; i < kSlots; ++i) aligned[i] = storage.data() + i * frame_bytes;
-  double corner_rows[kSlots][8] = {};
-
-  double result = 0.0;
-  int count = 0;
-  AlignmentReport search;
-  if (report != nullptr) {
-    search.refine = report->refine;
-    search.fast = report->fast;
-    search.quick_reference = report->quick_reference;
+  luma_plane_size(job.width, job.height);  // refuses sizes a plane cannot have
+  for (int i = 0; i < kSlots; ++i) {
+    slots.storage.push_back(cv::Mat::zeros(job.height, job.width, CV_8UC1));
+    slots.aligned[i] = slots.storage.back().data;
   }
-  if (pts[7] == 0.0) {
-    count = generate_extraction_input(result_folder, image, reference, width, height, no_rectify,
-                                      pts, aligned, corner_rows, content_pts, &result, load, save,
-                                      advanced, &search);
+  if (slots.mode == AlignmentMode::CORNERS_GIVEN) {
+    slots.count = fill_corner_slots(job, slots);
+    slots.score = 0.0;
   } else {
-    int pad_x, pad_y;
-    crop_padding(width, height, crop_width, crop_height, &pad_x, &pad_y);
-    align_by_pts(image, width, height, pad_x, pad_y, pts, aligned[0], content_pts[0]);
-
-    const std::vector<int> variants = output_variants(outputs);
-    const int n = static_cast<int>(variants.size());
-
-    const std::vector<unsigned char> plain(aligned[0], aligned[0] + frame_bytes);
-    parallel_for(
-        0, n,
-        [&](int i) {
-          std::memcpy(aligned[i], plain.data(), frame_bytes);
-          apply_output_variant(aligned[i], width, height, variants[i]);
-          std::copy(pts, pts + 8, corner_rows[i]);
-          if (i != 0) std::copy(content_pts[0], content_pts[0] + 20, content_pts[i]);
-        },
-        n);
-    count = n;
-    result = 0.0;
+    slots.count = generate_extraction_input(
+        nullptr, job.input, job.reference, job.width, job.height, job.no_rectify ? 1 : 0,
+        job.pts, slots.aligned, slots.pts, slots.content_pts, &slots.score, job.load, job.save,
+        job.advanced, job.search, &slots.report);
   }
-
-  if (report != nullptr) {
-    report->slots = count;
-    report->scores = search.scores;
-    report->est_error_px = search.est_error_px;
-    report->refined = search.refined;
-    report->path = search.path;
-    report->corners.clear();
-    for (std::size_t i = 0; i < search.scores.size(); ++i) {
-      report->corners.emplace_back();
-      std::copy(corner_rows[i], corner_rows[i] + 8, report->corners.back().begin());
-    }
-    if (report->keep_slots) {
-      report->frames.clear();
-      for (int i = 0; i < count; ++i) report->frames.emplace_back(aligned[i], aligned[i] + frame_bytes);
-      for (int i = 0; i < kSlots; ++i) {
-        std::copy(corner_rows[i], corner_rows[i] + 8, report->pts_rows[i].begin());
-        std::copy(content_pts[i], content_pts[i] + 20, report->content_rows[i].begin());
-      }
-    }
-  }
-  if (result_folder != nullptr) {
-    save_alignment_results(result_folder, input, aligned, corner_rows, content_pts, count, width,
-                           height, input_width, input_height, result, jpeg_output);
-  }
-  return result;
+  return slots;
 }
+
+double align_frame(const unsigned char* input, const unsigned char* reference, int width,
+                   int height, int input_width, int input_height, int crop_width,
+                   int crop_height, int no_rectify, const double* pts, const char* result_folder,
+                   const FeatureLoadCallback& load, const FeatureSaveCallback& save,
+                   bool advanced, const std::vector<int>& outputs, bool jpeg_output) {
+  AlignmentJob job;
+  job.input = cv::Mat(input_height, input_width, CV_8UC1, const_cast<unsigned char*>(input));
+  job.reference = reference;
+  job.width = width;
+  job.height = height;
+  job.crop_width = crop_width;
+  job.crop_height = crop_height;
+  job.no_rectify = no_rectify != 0;
+  // framealign's corner array says "none given" by an 8th value of 0.
+  job.corners_given = pts[7] != 0.0;
+  std::copy(pts, pts + 8, job.pts);
+  job.load = load;
+  job.save = save;
+  job.advanced = advanced;
+  job.outputs = outputs;
+  const AlignmentSlots slots = align_slots(job);
+  if (slots.mode != AlignmentMode::FEATURES_ONLY && result_folder != nullptr) {
+    save_alignment_results(result_folder, input, slots.aligned, slots.pts, slots.content_pts,
+                           slots.count, width, height, input_width, input_height, slots.score,
+                           jpeg_output);
+  }
+  return slots.score;
+}
+
+}  // namespace framealign

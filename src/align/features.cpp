@@ -2,6 +2,8 @@
 
 #include "align/align.h"
 
+namespace framealign {
+
 void SIFTdetectAndCompute(const cv::Mat& image, std::vector<cv::KeyPoint>& keypoints,
                           cv::Mat& descriptors, bool affine) {
   // The very low contrast threshold keeps nearly every extremum and the large
@@ -48,3 +50,5 @@ void generate_copy_features(const cv::Mat& image, const FeatureLoadCallback& loa
                                   static_cast<PreprocessingType>(type), load, save, false);
   }
 }
+
+}  // namespace framealign

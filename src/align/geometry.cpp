@@ -6,6 +6,8 @@
 
 #include "align/align.h"
 
+namespace framealign {
+
 namespace {
 
 // Length of the side a-b: float differences widened before squaring.
@@ -96,3 +98,5 @@ double calculateConvexHullArea(const std::vector<cv::Point2f>& pts) {
   cv::convexHull(rounded, hull, false, true);
   return cv::contourArea(hull, false);
 }
+
+}  // namespace framealign

@@ -4,11 +4,14 @@
 
 #include <cmath>
 #include <cstddef>
+#include <string>
 #include <vector>
 
 #include <opencv2/core.hpp>
 
 #include "align/align.h"
+
+namespace framealign {
 
 // ---- Output variants -------------------------------------------------------
 
@@ -161,3 +164,67 @@ enum class SearchSchedule {
 
 // Chooses the schedule of later searches; not to be called while one runs.
 void set_search_schedule(SearchSchedule schedule);
+
+// ---- Alignment driver -------------------------------------------------------
+
+constexpr int kSlots = 6;
+
+// The four ways an alignment runs, chosen once by alignment_mode.
+enum class AlignmentMode {
+  FEATURES_ONLY,  // no reference and no corners: only cache the input's features
+  CORNERS_GIVEN,  // warp by the given corners, one slot per output variant
+  NO_RECTIFY,     // the input as it lies, and its enhanced copy
+  SEARCH,         // the rectification search
+};
+
+// The mode for a reference plane (null: none), given corners or none, and
+// the no-rectification request.
+AlignmentMode alignment_mode(const unsigned char* reference, bool corners_given,
+                             bool no_rectify);
+
+// One alignment's inputs.
+struct AlignmentJob {
+  cv::Mat input;                             // CV_8UC1, rows packed
+  const unsigned char* reference = nullptr;  // width x height plane, or null
+  int width = 0;
+  int height = 0;
+  int crop_width = 0;  // with corners: the crop aspect to pad to; 0: none
+  int crop_height = 0;
+  bool no_rectify = false;
+  bool corners_given = false;
+  double pts[8] = {};  // the given corners; all 0 otherwise
+  FeatureLoadCallback load;
+  FeatureSaveCallback save;
+  bool advanced = false;
+  std::vector<int> outputs;  // with corners: output variants (empty: 3, 0)
+  SearchRequest search;
+};
+
+// One alignment's result slots (layout above), owning their frames.
+struct AlignmentSlots {
+  AlignmentMode mode = AlignmentMode::SEARCH;
+  int count = 0;       // slots filled
+  double score = 0.0;  // align_frame's return value
+  std::vector<cv::Mat> storage;  // the frames' buffers; aligned[i] points into one
+  unsigned char* aligned[kSlots] = {};
+  double pts[kSlots][8] = {};
+  double content_pts[kSlots][20];
+  SearchReport report;
+
+  // The frame of slot i as a matrix sharing its buffer.
+  cv::Mat frame(int i) const;
+};
+
+// Runs the alignment of `job` in its mode. Exceptions from any stage, worker
+// threads' included, reach the caller.
+AlignmentSlots align_slots(const AlignmentJob& job);
+
+// ---- Output variants ----------------------------------------------------------
+
+// Adds the output variants named by one --output value (numbers 0..4 and the
+// presets fast, medium, slow, slowest, comma-separated, each once). Returns
+// "" or framealign's error line (without a line end); variants appended
+// before a bad token stay in the list.
+std::string append_output_list(const std::string& value, std::vector<int>& outputs);
+
+}  // namespace framealign

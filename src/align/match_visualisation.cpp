@@ -1,11 +1,26 @@
 // A picture of a match set, for looking at it by eye.
 #include <algorithm>
-#include <cstdio>
+#include <mutex>
+#include <utility>
 
 #include <opencv2/imgcodecs.hpp>
 #include <opencv2/imgproc.hpp>
 
 #include "align/align.h"
+
+namespace framealign {
+
+namespace {
+
+std::mutex g_sink_lock;
+DiagnosticSink g_sink;
+
+}  // namespace
+
+void set_diagnostic_sink(DiagnosticSink sink) {
+  const std::lock_guard<std::mutex> guard(g_sink_lock);
+  g_sink = std::move(sink);
+}
 
 void draw_matches_combined(const cv::Mat& image1, const cv::Mat& image2,
                            const std::vector<cv::DMatch>& matches,
@@ -60,6 +75,9 @@ void draw_matches_combined(const cv::Mat& image1, const cv::Mat& image2,
   cv::putText(canvas, caption, cv::Point(10, 30), cv::FONT_HERSHEY_SIMPLEX, 1.0,
               cv::Scalar(0, 0, 0), 1, cv::LINE_8);
   if (!cv::imwrite(file_name, canvas, {cv::IMWRITE_JPEG_QUALITY, 85})) {
-    std::printf("Failed to save image\n");
+    const std::lock_guard<std::mutex> guard(g_sink_lock);
+    if (g_sink) g_sink("Failed to save image");
   }
 }
+
+}  // namespace framealign

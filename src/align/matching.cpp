@@ -10,6 +10,8 @@
 #include "align/align.h"
 #include "align/internal.h"
 
+namespace framealign {
+
 bool by_distance(const cv::DMatch& a, const cv::DMatch& b) { return a.distance < b.distance; }
 
 std::vector<cv::DMatch> ratio_test_matches(const cv::Mat& refDescriptors,
@@ -186,3 +188,5 @@ std::vector<cv::DMatch> match_features(int width, int height, const double* refC
   if (all != nullptr) *all = std::move(matches);
   return selected;
 }
+
+}  // namespace framealign

@@ -2,8 +2,6 @@
 // for work that overlaps best one item behind another.
 #pragma once
 
-#include <sched.h>
-
 #include <algorithm>
 #include <condition_variable>
 #include <exception>
@@ -11,15 +9,9 @@
 #include <thread>
 #include <vector>
 
-// CPUs this process may run on: its affinity mask, which taskset, cgroup
-// cpusets and cluster schedulers narrow, unlike hardware_concurrency().
-// At least 1.
-inline int usable_cpu_count() {
-  cpu_set_t set;
-  CPU_ZERO(&set);
-  if (sched_getaffinity(0, sizeof(set), &set) == 0) return std::max(CPU_COUNT(&set), 1);
-  return std::max(static_cast<int>(std::thread::hardware_concurrency()), 1);
-}
+#include "framealign/framealign.h"  // usable_cpu_count
+
+namespace framealign {
 
 // Calls func(i) for every i in [start, end) on freshly started threads: the
 // range is cut into at most `num_threads` contiguous blocks, one thread per
@@ -113,3 +105,5 @@ void run_pipelined(int n, Produce produce, Consume consume, Meanwhile meanwhile)
   }
   producer.join();
 }
+
+}  // namespace framealign

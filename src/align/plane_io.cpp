@@ -10,6 +10,8 @@
 
 #include "align/align.h"
 
+namespace framealign {
+
 namespace {
 
 std::string size_text(int width, int height) {
@@ -64,3 +66,5 @@ bool replace_file(const std::string& path, const void* data, std::size_t size) {
   }
   return true;
 }
+
+}  // namespace framealign

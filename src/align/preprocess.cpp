@@ -5,6 +5,8 @@
 #include "align/align.h"
 #include "align/internal.h"
 
+namespace framealign {
+
 std::string get_preprocessing_name(PreprocessingType type) {
   switch (type) {
     case GAUSSIAN_BLUR:
@@ -51,3 +53,5 @@ void apply_output_variant(unsigned char* buffer, int width, int height, int code
   const ClaheSetting& s = kOutputVariants[code];
   adaptive_histogram_equalization(buffer, width, height, s.clip_limit, s.tiles_x, s.tiles_y);
 }
+
+}  // namespace framealign

@@ -13,6 +13,8 @@
 #include "align/align.h"
 #include "align/internal.h"
 
+namespace framealign {
+
 namespace {
 
 // The capture is reduced to about the reference's width: SIFT finds a screen
@@ -131,3 +133,5 @@ bool quick_rectified_img(const cv::Mat& image, const cv::Mat& reference,
   *est_error_px = refined.est_error_px;
   return true;
 }
+
+}  // namespace framealign

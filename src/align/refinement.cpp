@@ -10,6 +10,8 @@
 #include "align/align.h"
 #include "align/internal.h"
 
+namespace framealign {
+
 namespace {
 
 // Gates, in reference pixels, of the successive re-fits over the input's
@@ -249,3 +251,5 @@ RefinedCorners refine_corners(const PointPairs& pairs, const PointPairs& rectifi
   }
   return out;
 }
+
+}  // namespace framealign

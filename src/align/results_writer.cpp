@@ -10,6 +10,8 @@
 #include "align/align.h"
 #include "align/parallel_for.h"
 
+namespace framealign {
+
 namespace {
 
 const std::vector<int> kJpegQuality = {cv::IMWRITE_JPEG_QUALITY, 85};
@@ -88,3 +90,5 @@ void save_alignment_results(const char* result_folder, const unsigned char* inpu
   // Written last: its presence tells that the run finished.
   write_result_file(folder + "/best_result.txt", score, static_cast<std::size_t>(length));
 }
+
+}  // namespace framealign

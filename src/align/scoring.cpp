@@ -5,6 +5,8 @@
 #include "align/align.h"
 #include "align/internal.h"
 
+namespace framealign {
+
 RectifiedMatches match_rectified(const unsigned char* rectified, const cv::Mat& refDescriptors,
                                  int width, int height) {
   const cv::Mat plane(height, width, CV_8UC1, const_cast<unsigned char*>(rectified));
@@ -46,3 +48,5 @@ double get_rectification_score(const unsigned char* rectified,
   return rectification_score(match_rectified(rectified, refDescriptors, width, height),
                              refKeypoints);
 }
+
+}  // namespace framealign

@@ -12,6 +12,8 @@
 #include "align/internal.h"
 #include "align/parallel_for.h"
 
+namespace framealign {
+
 namespace {
 
 constexpr int kAttempts = 3;
@@ -125,7 +127,7 @@ struct Attempts {
 
   // Moves the successful attempts to the front, in attempt order, swapping
   // slots (frames by pointer); returns their count and the lowest score.
-  int compact(double* best_score, AlignmentReport* report) {
+  int compact(double* best_score, SearchReport* report) {
     double best = kFailedScore;
     int k = 0;
     for (int i = 0; i < kAttempts; ++i) {
@@ -153,18 +155,6 @@ struct Attempts {
 void write_enhanced_copy(const unsigned char* from, unsigned char* to, int width, int height) {
   std::memcpy(to, from, luma_plane_size(width, height));
   apply_output_variant(to, width, height, kEnhancedCopyVariant);
-}
-
-// Corners given by hand: the aligned frame in slot 0 and its enhanced copy.
-int align_given_corners(const cv::Mat& image, int width, int height, const double* pts_in,
-                        unsigned char** aligned, double (*pts)[8], double (*content_pts)[20],
-                        bool enhance_first) {
-  std::copy(pts_in, pts_in + 8, pts[0]);
-  align_by_pts(image, width, height, 0, 0, pts[0], aligned[0], content_pts[0]);
-  std::memcpy(aligned[1], aligned[0], luma_plane_size(width, height));
-  apply_output_variant(enhance_first ? aligned[0] : aligned[1], width, height,
-                       kEnhancedCopyVariant);
-  return 2;
 }
 
 }  // namespace
@@ -219,13 +209,14 @@ MatchingMode choose_matching_mode(const cv::Mat& image, const cv::Mat& reference
 }
 
 int get_rectified_imgs(const cv::Mat& image, int width, int height, const char* result_folder,
-                       unsigned char* reference, unsigned char** aligned, double (*pts)[8],
-                       double (*content_pts)[20], double* best_score,
+                       const unsigned char* reference, unsigned char** aligned,
+                       double (*pts)[8], double (*content_pts)[20], double* best_score,
                        const FeatureLoadCallback& load, const FeatureSaveCallback& save,
-                       bool advanced, AlignmentReport* report) {
-  const cv::Mat ref(height, width, CV_8UC1, reference);
+                       bool advanced, const SearchRequest& request, SearchReport* report) {
+  // Only read: the matrix wraps the caller's plane.
+  const cv::Mat ref(height, width, CV_8UC1, const_cast<unsigned char*>(reference));
   Attempts attempts(image, width, height, load, save, aligned, pts, content_pts);
-  attempts.refine = report != nullptr && (report->refine || report->fast);
+  attempts.refine = request.refine || request.fast;
 
   auto reference_features = [&] {
     get_keypoints_descriptors_ref(ref, attempts.ref_keypoints, attempts.ref_descriptors, load,
@@ -270,18 +261,19 @@ namespace {
 
 // The quick path into slot 0; 1 when its answer was verified, else 0 with
 // the slots untouched.
-int quick_attempt(const cv::Mat& image, int width, int height, unsigned char* reference,
+int quick_attempt(const cv::Mat& image, int width, int height, const unsigned char* reference,
                   unsigned char** aligned, double (*pts)[8], double (*content_pts)[20],
                   double* best_score, const FeatureLoadCallback& load,
-                  const FeatureSaveCallback& save, AlignmentReport& report) {
-  const cv::Mat ref(height, width, CV_8UC1, reference);
+                  const FeatureSaveCallback& save, const SearchRequest& request,
+                  SearchReport& report) {
+  const cv::Mat ref(height, width, CV_8UC1, const_cast<unsigned char*>(reference));
   QuickFeatures computed;
-  if (report.quick_reference == nullptr) computed = quick_features(ref);
+  if (request.quick_reference == nullptr) computed = quick_features(ref);
   std::vector<cv::KeyPoint> ref_keypoints;
   cv::Mat ref_descriptors;
   get_keypoints_descriptors_ref(ref, ref_keypoints, ref_descriptors, load, save);
   double score = kFailedScore, estimate = HUGE_VAL;
-  if (!quick_rectified_img(image, ref, report.quick_reference ? *report.quick_reference : computed,
+  if (!quick_rectified_img(image, ref, request.quick_reference ? *request.quick_reference : computed,
                            ref_keypoints, ref_descriptors, aligned[0], pts[0], content_pts[0],
                            &score, &estimate)) {
     return 0;
@@ -296,17 +288,16 @@ int quick_attempt(const cv::Mat& image, int width, int height, unsigned char* re
 }  // namespace
 
 int generate_extraction_input(const char* result_folder, const cv::Mat& image,
-                              unsigned char* reference, int width, int height, int no_rectify,
-                              const double* pts_in, unsigned char** aligned, double (*pts)[8],
-                              double (*content_pts)[20], double* best_score,
+                              const unsigned char* reference, int width, int height,
+                              int no_rectify, const double* pts_in, unsigned char** aligned,
+                              double (*pts)[8], double (*content_pts)[20], double* best_score,
                               const FeatureLoadCallback& load, const FeatureSaveCallback& save,
-                              bool advanced, AlignmentReport* report) {
-  if (pts_in[7] != 0.0) {
-    return align_given_corners(image, width, height, pts_in, aligned, pts, content_pts, false);
-  }
-  if (reference == nullptr) {
-    // The enhanced picture goes first here, deliberately.
-    return align_given_corners(image, width, height, pts_in, aligned, pts, content_pts, true);
+                              bool advanced, const SearchRequest& request,
+                              SearchReport* report) {
+  if (pts_in[7] != 0.0 || reference == nullptr) {
+    throw std::invalid_argument(
+        "generate_extraction_input: given corners and a missing reference are the alignment "
+        "driver's modes");
   }
   int k = 1;
   if (no_rectify != 0) {
@@ -314,17 +305,21 @@ int generate_extraction_input(const char* result_folder, const cv::Mat& image,
     write_frame_polygon(width, height, content_pts[0]);
   } else {
     k = 0;
-    if (report != nullptr && report->fast) {
+    if (request.fast) {
+      SearchReport quick;
       k = quick_attempt(image, width, height, reference, aligned, pts, content_pts, best_score,
-                        load, save, *report);
-      report->path = k > 0 ? "fast" : "full";
+                        load, save, request, quick);
+      quick.path = k > 0 ? "fast" : "full";
+      if (report != nullptr) *report = quick;
     }
     if (k == 0) {
       k = get_rectified_imgs(image, width, height, result_folder, reference, aligned, pts,
-                             content_pts, best_score, load, save, advanced, report);
+                             content_pts, best_score, load, save, advanced, request, report);
     }
     if (k < 1) return 0;
   }
   for (int j = 0; j < k; ++j) write_enhanced_copy(aligned[j], aligned[k + j], width, height);
   return 2 * k;
 }
+
+}  // namespace framealign

@@ -9,6 +9,8 @@
 #include "align/align.h"
 #include "align/internal.h"
 
+namespace framealign {
+
 namespace {
 
 std::vector<cv::Point2f> frame_points(int width, int height) {
@@ -124,3 +126,5 @@ void warp_to_frame(const cv::Mat& image, int width, int height, const double* pt
   get_content_area(M, image, width, height, content_pts);
   copy_plane(warped, aligned, width, height);
 }
+
+}  // namespace framealign

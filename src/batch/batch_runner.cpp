@@ -13,17 +13,13 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <thread>
 
 #include <opencv2/core.hpp>
 
-#include "align/align.h"
-#include "align/parallel_for.h"
 #include "batch/summary.h"
-#include "main/driver.h"
-#include "main/feature_cache.h"
-#include "main/readers.h"
-#include "main/reference_frame.h"
+#include "framealign/framealign.h"
 
 namespace fs = std::filesystem;
 
@@ -48,10 +44,11 @@ std::string format(const char* pattern, double value) {
   return text;
 }
 
-// Every reference frame prepared once, by the first capture that needs it.
+// Every reference frame prepared once, by the first capture that needs it;
+// a reference that cannot be prepared is remembered with its reason.
 class References {
  public:
-  const PreparedReference& get(const ReferenceFrame& frame) {
+  const framealign::Reference& get(const ReferenceFrame& frame) {
     std::shared_ptr<Entry> entry;
     {
       std::lock_guard<std::mutex> guard(lock_);
@@ -60,57 +57,48 @@ class References {
       entry = slot;
     }
     std::call_once(entry->once, [&] {
-      entry->reference =
-          prepare_reference(frame.path, frame.width, frame.height, frame.frame_number);
+      try {
+        entry->reference = framealign::Reference::from_yuv(frame.path, frame.width, frame.height,
+                                                           frame.frame_number);
+      } catch (const framealign::Error& e) {
+        entry->error = e.what();
+      }
     });
-    return entry->reference;
-  }
-
-  // The quick path's features of a reference that get() prepared, once.
-  const QuickFeatures& quick(const ReferenceFrame& frame) {
-    std::shared_ptr<Entry> entry;
-    {
-      std::lock_guard<std::mutex> guard(lock_);
-      entry = entries_.at(frame);
-    }
-    std::call_once(entry->quick_once, [&] {
-      const PreparedReference& r = entry->reference;
-      entry->quick = quick_features(
-          cv::Mat(r.height, r.width, CV_8UC1, const_cast<unsigned char*>(r.plane.data())));
-    });
-    return entry->quick;
+    if (!entry->reference) throw framealign::Error(entry->error);
+    return *entry->reference;
   }
 
  private:
   struct Entry {
-    std::once_flag once, quick_once;
-    PreparedReference reference;
-    QuickFeatures quick;
+    std::once_flag once;
+    std::optional<framealign::Reference> reference;
+    std::string error;
   };
   std::mutex lock_;
   std::map<ReferenceFrame, std::shared_ptr<Entry>> entries_;
 };
 
-// The summary columns after id, input and status.
-std::vector<std::string> result_values(double score, const AlignmentReport& report,
-                                       double seconds, const std::string& message) {
+// The summary columns after id, input and status; `result` is null for a
+// capture that ended in error.
+std::vector<std::string> result_values(const framealign::AlignResult* result,
+                                       const BatchOptions& options, double seconds,
+                                       const std::string& message) {
   std::vector<std::string> values(11);  // best_score, best_slot, slot_scores, x1 .. y4
-  std::string estimate;
-  if (!report.scores.empty()) {
-    const size_t best = std::min_element(report.scores.begin(), report.scores.end()) -
-                        report.scores.begin();
-    values[0] = format("%.9g", score);
-    values[1] = std::to_string(best);
-    for (size_t i = 0; i < report.scores.size(); ++i) {
-      values[2] += (i ? ";" : "") + format("%.9g", report.scores[i]);
-    }
-    for (int c = 0; c < 8; ++c) values[3 + c] = format("%f", report.corners[best][c]);
-    if (report.refine) estimate = format("%.3f", report.est_error_px[best]);
-  } else if (message.empty()) {
-    values[0] = format("%.9g", score);
+  std::string estimate, path;
+  if (result != nullptr) {
+    values[0] = format("%.9g", result->score);
+    path = result->path;
   }
-  if (report.refine) values.push_back(estimate);
-  if (report.fast) values.push_back(report.path);
+  if (result != nullptr && result->best_slot) {
+    values[1] = std::to_string(*result->best_slot);
+    for (size_t i = 0; i < result->slot_scores.size(); ++i) {
+      values[2] += (i ? ";" : "") + format("%.9g", result->slot_scores[i]);
+    }
+    for (int c = 0; c < 8; ++c) values[3 + c] = format("%f", (*result->corners)[c]);
+    if (result->est_error_px) estimate = format("%.3f", *result->est_error_px);
+  }
+  if (options.refine) values.push_back(estimate);
+  if (options.fast) values.push_back(path);
   values.push_back(format("%.2f", seconds));
   values.push_back(message);
   return values;
@@ -126,43 +114,30 @@ SummaryRow run_capture(const CaptureJob& job, const BatchOptions& options,
   const fs::path folder = root / job.id;
   SummaryRow row{job.id, job.input, "error", {}};
   try {
-    const PreparedReference& reference = references.get(job.reference);
-    if (!reference.error.empty()) throw std::runtime_error(reference.error);
-    LumaFrame input;
-    if (!read_input_frame(job.input, 0, 0, job.reference.width, job.reference.height, input)) {
-      throw std::runtime_error("Failed to read image file: " + job.input);
-    }
+    const framealign::Reference& reference = references.get(job.reference);
+    const cv::Mat capture =
+        framealign::read_capture(job.input, job.reference.width, job.reference.height);
     fs::remove_all(partial);
     fs::create_directories(partial);
 
-    Arguments args;  // names the capture's own cache files
-    args.input_file = job.input;
-    const bool cache = options.capture_cache;
-    const FeatureLoadCallback load =
-        reference_loader(reference, cache ? make_feature_load_callback(args) : nullptr);
-    const FeatureSaveCallback save = cache ? make_feature_save_callback(args) : nullptr;
-    const double no_corners[8] = {};
-    AlignmentReport report;
-    report.refine = options.refine;
-    report.fast = options.fast;
-    report.quick_reference = options.fast ? &references.quick(job.reference) : nullptr;
-    const double score = align_frame(
-        input.plane.data(), const_cast<unsigned char*>(reference.plane.data()),
-        job.reference.width, job.reference.height, input.width, input.height, 0, 0, 0,
-        no_corners, partial.c_str(), load, save, options.advanced, options.outputs,
-        options.jpeg_output, &report);
+    framealign::AlignOptions align_options;
+    align_options.advanced = options.advanced;
+    align_options.refine = options.refine;
+    align_options.fast = options.fast;
+    align_options.jpeg_output = options.jpeg_output;
+    if (!options.outputs.empty()) align_options.outputs = options.outputs;
+    if (options.capture_cache) align_options.capture_cache = job.input;
+    const framealign::AlignResult result = framealign::align(capture, reference, align_options);
+    result.save(partial.string());
     fs::remove_all(folder);
     fs::rename(partial, folder);
-    row.status = score < kFailedScore ? "aligned" : "not_found";
-    row.values = result_values(score, report, seconds_since(start), "");
+    row.status = result.status;
+    row.values = result_values(&result, options, seconds_since(start), "");
   } catch (const std::exception& e) {
     std::error_code ignored;
     fs::remove_all(partial, ignored);
     fs::remove_all(folder, ignored);  // no folder that the summary does not vouch for
-    AlignmentReport nothing;
-    nothing.refine = options.refine;
-    nothing.fast = options.fast;
-    row.values = result_values(0, nothing, seconds_since(start), e.what());
+    row.values = result_values(nullptr, options, seconds_since(start), e.what());
   }
   return row;
 }
@@ -219,7 +194,7 @@ int default_jobs() {
   }
   const long long per_job_kb = 3584LL * 1024;  // a 12 MP capture's search
   const int by_memory = static_cast<int>(std::max(1LL, available_kb / per_job_kb));
-  return std::max(1, std::min(usable_cpu_count(), by_memory));
+  return std::max(1, std::min(framealign::usable_cpu_count(), by_memory));
 }
 
 int run_batch(const BatchOptions& options) {
@@ -241,7 +216,7 @@ int run_batch(const BatchOptions& options) {
               << error.message() << "\n";
     return 2;
   }
-  keep_freed_memory_for_reuse();
+  framealign::keep_freed_memory_for_reuse();
 
   // What earlier runs finished stays: its folder is complete and its row recorded.
   const std::vector<std::string> columns = summary_columns(options.refine, options.fast);
@@ -267,24 +242,35 @@ int run_batch(const BatchOptions& options) {
   Progress progress(static_cast<int>(pending.size()));
   std::mutex rows_lock;
   std::atomic<size_t> next{0};
+  std::atomic<bool> failed{false};
   const int workers = std::min<int>(options.jobs > 0 ? options.jobs : default_jobs(),
                                     std::max<size_t>(pending.size(), 1));
   // Each worker takes the next capture until none is left or a signal came;
-  // the capture in flight always finishes.
-  parallel_for(
-      0, workers,
-      [&](int) {
-        for (size_t i; g_signal == 0 && (i = next++) < pending.size();) {
-          const SummaryRow row = run_capture(*pending[i], options, references);
-          journal.append(row);
-          {
-            std::lock_guard<std::mutex> guard(rows_lock);
-            rows[row.id] = row;
-          }
-          progress.finished(row, std::stod(row.values[row.values.size() - 2]));
+  // the capture in flight always finishes. A failure to record a row stops
+  // every worker after its capture and travels on to the caller.
+  std::mutex failure_lock;
+  std::exception_ptr failure;
+  auto work = [&] {
+    try {
+      for (size_t i; g_signal == 0 && !failed && (i = next++) < pending.size();) {
+        const SummaryRow row = run_capture(*pending[i], options, references);
+        journal.append(row);
+        {
+          std::lock_guard<std::mutex> guard(rows_lock);
+          rows[row.id] = row;
         }
-      },
-      workers);
+        progress.finished(row, std::stod(row.values[row.values.size() - 2]));
+      }
+    } catch (...) {
+      std::lock_guard<std::mutex> guard(failure_lock);
+      if (!failure) failure = std::current_exception();
+      failed = true;
+    }
+  };
+  std::vector<std::thread> threads;
+  for (int t = 0; t < workers; ++t) threads.emplace_back(work);
+  for (std::thread& thread : threads) thread.join();
+  if (failure) std::rethrow_exception(failure);
   progress.end();
 
   std::vector<SummaryRow> summary;

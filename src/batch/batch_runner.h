@@ -31,5 +31,7 @@ int default_jobs();
 
 // Runs the batch. Returns the exit status: 0 when every capture ended
 // aligned or not_found, 1 when any ended in error, 2 when the list cannot
-// be run, 128 + the signal's number after SIGINT or SIGTERM.
+// be run, 128 + the signal's number after SIGINT or SIGTERM. A failure to
+// record a result (the journal or the summary cannot be written) is thrown
+// once every capture in flight has finished.
 int run_batch(const BatchOptions& options);

@@ -1,10 +1,17 @@
 // framealign-batch: many captures in one run. See README "Batches".
 #include <CLI/CLI.hpp>
 
-#include "batch/batch_runner.h"
-#include "main/options.h"
+#include <algorithm>
+#include <cstdio>
+#include <exception>
+#include <iostream>
 
-int main(int argc, char** argv) {
+#include "batch/batch_runner.h"
+#include "framealign/framealign.h"
+
+namespace {
+
+int run(int argc, char** argv) {
   BatchOptions options;
   std::vector<std::string> outputs;
   std::string shard;
@@ -32,7 +39,7 @@ int main(int argc, char** argv) {
                "Refine each found frame below a pixel; summary column est_error_px");
   app.add_flag("--fast", options.fast,
                "A quick path first, the full search when it cannot be verified (implies --refine)");
-  app.set_version_flag("--version", kVersion);
+  app.set_version_flag("--version", framealign::version());
   try {
     app.parse(argc, argv);
     if (options.list.empty() == options.inputs.empty()) {
@@ -42,8 +49,16 @@ int main(int argc, char** argv) {
       throw CLI::ValidationError("--reference-file is needed for captures named here");
     }
     for (const std::string& value : outputs) {
-      const std::string error = append_output_list(value, options.outputs);
-      if (!error.empty()) throw CLI::ValidationError(error.substr(error.find(' ') + 1));
+      try {
+        for (int code : framealign::parse_outputs(value)) {
+          if (std::find(options.outputs.begin(), options.outputs.end(), code) ==
+              options.outputs.end()) {
+            options.outputs.push_back(code);
+          }
+        }
+      } catch (const framealign::Error& e) {
+        throw CLI::ValidationError(e.what());
+      }
     }
     if (options.fast) options.refine = true;
     if (!shard.empty()) {
@@ -54,7 +69,25 @@ int main(int argc, char** argv) {
       }
     }
   } catch (const CLI::ParseError& e) {
-    return app.exit(e) == 0 ? 0 : 2;
+    if (e.get_exit_code() == 0) return app.exit(e);  // --help, --version
+    std::cerr << "framealign-batch: " << e.what() << " (see --help)\n";
+    return 2;
   }
   return run_batch(options);
+}
+
+}  // namespace
+
+// The program's one edge: whatever the run could not turn into a row or a
+// status of its own ends here with its message. Exit statuses: 0 all
+// aligned or not_found, 1 some capture in error, 2 the command or list
+// cannot be run, 3 the run stopped on a system error (a write that failed,
+// memory exhausted), 128 + N after signal N.
+int main(int argc, char** argv) {
+  try {
+    return run(argc, argv);
+  } catch (const std::exception& e) {
+    std::cerr << "framealign-batch: " << e.what() << "\n";
+    return 3;
+  }
 }

@@ -2,13 +2,15 @@
 
 #include <unistd.h>
 
+#include <cerrno>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
 
-#include "align/align.h"
 #include "batch/csv.h"
+#include "batch/files.h"
 
 std::vector<std::string> summary_columns(bool refined, bool fast) {
   std::vector<std::string> columns = {"id", "input", "status", "best_score", "best_slot",
@@ -70,8 +72,10 @@ std::map<std::string, SummaryRow> read_recorded_rows(const std::string& root,
   return rows;
 }
 
-Journal::Journal(const std::string& path) : file_(std::fopen(path.c_str(), "ab")) {
-  if (file_ == nullptr) throw std::runtime_error("cannot write the journal " + path);
+Journal::Journal(const std::string& path) : path_(path), file_(std::fopen(path.c_str(), "ab")) {
+  if (file_ == nullptr) {
+    throw std::runtime_error("cannot write the journal " + path + ": " + std::strerror(errno));
+  }
 }
 
 Journal::~Journal() { std::fclose(file_); }
@@ -79,16 +83,15 @@ Journal::~Journal() { std::fclose(file_); }
 void Journal::append(const SummaryRow& row) {
   const std::string line = csv_line(row.fields());
   std::lock_guard<std::mutex> guard(lock_);
-  std::fwrite(line.data(), 1, line.size(), file_);
-  std::fflush(file_);
-  ::fsync(::fileno(file_));
+  const bool written = std::fwrite(line.data(), 1, line.size(), file_) == line.size();
+  if (!written || std::fflush(file_) != 0 || ::fsync(::fileno(file_)) != 0) {
+    throw std::runtime_error("cannot write the journal " + path_ + ": " + std::strerror(errno));
+  }
 }
 
 void write_summary(const std::string& path, const std::vector<std::string>& columns,
                    const std::vector<SummaryRow>& rows) {
   std::string text = csv_line(columns);
   for (const SummaryRow& row : rows) text += csv_line(row.fields());
-  if (!replace_file(path, text.data(), text.size())) {
-    throw std::runtime_error("cannot write the summary " + path);
-  }
+  write_file_durably(path, text);
 }

@@ -43,6 +43,7 @@ class Journal {
 
  private:
   std::mutex lock_;
+  std::string path_;
   std::FILE* file_;
 };
 

@@ -5,7 +5,8 @@
 #include <iostream>
 #include <string>
 
-const char* const kVersion = "1.3.0";
+#include "align/internal.h"
+#include "framealign/version.h"
 
 namespace {
 
@@ -71,77 +72,11 @@ const FlagOption kFlagOptions[] = {
     {"--undo-barrel", &Arguments::undo_barrel},
 };
 
-struct Preset {
-  const char* name;
-  std::vector<int> variants;
-};
-
-const Preset kPresets[] = {
-    {"fast", {3}},
-    {"medium", {3, 0}},
-    {"slow", {3, 0, 4}},
-    {"slowest", {3, 0, 4, 2, 1}},
-};
-
-void append_unique_output(std::vector<int>& outputs, int variant) {
-  for (int existing : outputs) {
-    if (existing == variant) return;
-  }
-  outputs.push_back(variant);
-}
-
-std::string trim(const std::string& s) {
-  size_t begin = 0;
-  size_t end = s.size();
-  while (begin < end && std::isspace(static_cast<unsigned char>(s[begin]))) ++begin;
-  while (end > begin && std::isspace(static_cast<unsigned char>(s[end - 1]))) --end;
-  return s.substr(begin, end - begin);
-}
-
 void report_missing_value(const std::string& option) {
   std::cerr << "Error: " << option << " option requires an argument\n";
 }
 
 }  // namespace
-
-std::string append_output_list(const std::string& value, std::vector<int>& outputs) {
-  size_t pos = 0;
-  while (true) {
-    const size_t comma = value.find(',', pos);
-    const std::string token =
-        trim(value.substr(pos, comma == std::string::npos ? std::string::npos : comma - pos));
-    if (token.empty()) {
-      return "Error: Invalid --output value: empty token";
-    }
-    std::string lower = token;
-    for (char& c : lower) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-
-    const Preset* preset = nullptr;
-    for (const Preset& p : kPresets) {
-      if (lower == p.name) preset = &p;
-    }
-    if (preset != nullptr) {
-      for (int v : preset->variants) append_unique_output(outputs, v);
-    } else {
-      int number = 0;
-      size_t used = 0;
-      try {
-        number = std::stoi(token, &used);
-      } catch (const std::exception&) {
-        used = 0;
-      }
-      if (used == 0 || used != token.size()) {
-        return "Error: Invalid --output value: " + token;
-      }
-      if (number < 0 || number > 4) {
-        return "Error: --output value must be 0, 1, 2, 3, 4, fast, medium, slow, or slowest";
-      }
-      append_unique_output(outputs, number);
-    }
-    if (comma == std::string::npos) return "";
-    pos = comma + 1;
-  }
-}
 
 void print_usage(const std::string& program_name) {
   std::cout << "Usage: " << program_name << " <options>\n" << kUsageBody;
@@ -159,7 +94,7 @@ int parse_arguments(int argc, char** argv, Arguments& args) {
       return PARSE_SHOWED_USAGE;
     }
     if (arg == "--version") {
-      std::cout << kVersion << std::endl;
+      std::cout << FRAMEALIGN_VERSION << std::endl;
       return PARSE_SHOWED_VERSION;
     }
 
@@ -213,7 +148,7 @@ int parse_arguments(int argc, char** argv, Arguments& args) {
         report_missing_value(arg);
         return PARSE_ERROR;
       }
-      const std::string error = append_output_list(argv[++i], args.outputs);
+      const std::string error = framealign::append_output_list(argv[++i], args.outputs);
       if (!error.empty()) {
         std::cerr << error << "\n";
         return PARSE_ERROR;

@@ -33,17 +33,9 @@ enum ParseStatus : int {
   PARSE_ERROR = 3,
 };
 
-extern const char* const kVersion;
-
 // Fills `args` from argv[1..argc-1]; fields of options not met keep the
 // values the caller gave. Errors are written to standard error.
 int parse_arguments(int argc, char** argv, Arguments& args);
-
-// Adds the output variants named by one --output value (numbers 0..4 and the
-// presets fast, medium, slow, slowest, comma-separated, each once). Returns
-// "" or the error text (without a line end); variants appended before a bad
-// token stay in the list.
-std::string append_output_list(const std::string& value, std::vector<int>& outputs);
 
 // Writes the usage text to standard output.
 void print_usage(const std::string& program_name);

@@ -33,23 +33,12 @@ int fail(const std::string& message) {
   return 2;
 }
 
-}  // namespace
-
-int main(int argc, char** argv) {
-  SimOptions options;
-  std::string error;
-  if (!parse_sim_options(argc, argv, options, error)) {
-    return fail(error + " (see --help)");
-  }
-  if (options.help) {
-    std::cout << kSimUsage;
-    return 0;
-  }
-
-  if (!options.truth_file.empty()) {
+// Renders the capture and writes its three files; returns the exit status.
+int render(const SimOptions& options) {
+  if (options.corner_files.size() == 2) {
     double truth[8], found[8];
-    if (!read_corners(options.truth_file, truth)) return fail("cannot read " + options.truth_file);
-    if (!read_corners(options.found_file, found)) return fail("cannot read " + options.found_file);
+    if (!read_corners(options.corner_files[0], truth)) return fail("cannot read " + options.corner_files[0]);
+    if (!read_corners(options.corner_files[1], found)) return fail("cannot read " + options.corner_files[1]);
     const CornerError e = corner_error(truth, found, options.width, options.height);
     std::printf("mean corner error: %.3f px\nmax corner error: %.3f px\n", e.mean, e.max);
     return 0;
@@ -106,4 +95,26 @@ int main(int argc, char** argv) {
             << options.capture.capture_height << "\n"
             << dir << "corners.txt " << line;
   return 0;
+}
+
+}  // namespace
+
+// The program's one edge: option errors exit 2 with CLI11's message, any
+// other failure exits 2 with its own.
+int main(int argc, char** argv) {
+  SimOptions options;
+  CLI::App app{"", "framealign-sim"};
+  add_sim_options(app, options);
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError& e) {
+    if (e.get_exit_code() == 0) return app.exit(e);  // --help, --version
+    std::cerr << "framealign-sim: " << e.what() << " (see --help)\n";
+    return 2;
+  }
+  try {
+    return render(options);
+  } catch (const std::exception& e) {
+    return fail(e.what());
+  }
 }

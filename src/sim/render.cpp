@@ -13,8 +13,8 @@ namespace {
 
 cv::Mat perspective_from_frame(int width, int height, const cv::Point2f (&to)[4]) {
   double corners[8];
-  frame_corners(width, height, corners);
-  return cv::getPerspectiveTransform(corner_points(corners).data(), to);
+  framealign::frame_corners(width, height, corners);
+  return cv::getPerspectiveTransform(framealign::corner_points(corners).data(), to);
 }
 
 // Smooth random ground: low-resolution noise scaled up.
@@ -197,10 +197,10 @@ CornerError corner_error(const double* truth, const double* found, int width, in
   }
   const cv::Mat capture_to_frame = perspective_from_frame(width, height, to).inv();
   std::vector<cv::Point2f> mapped;
-  cv::perspectiveTransform(corner_points(found), mapped, capture_to_frame);
+  cv::perspectiveTransform(framealign::corner_points(found), mapped, capture_to_frame);
   double corners[8];
-  frame_corners(width, height, corners);
-  const std::vector<cv::Point2f> frame = corner_points(corners);
+  framealign::frame_corners(width, height, corners);
+  const std::vector<cv::Point2f> frame = framealign::corner_points(corners);
   CornerError error{0, 0};
   for (int i = 0; i < 4; ++i) {
     const double d = std::hypot(mapped[i].x - frame[i].x, mapped[i].y - frame[i].y);
@@ -214,5 +214,5 @@ bool write_yuv420(const std::string& path, const cv::Mat& luma) {
   std::vector<unsigned char> bytes(luma.datastart, luma.dataend);
   bytes.resize(bytes.size() + 2 * static_cast<size_t>((luma.cols + 1) / 2) * ((luma.rows + 1) / 2),
                128);
-  return replace_file(path, bytes.data(), bytes.size());
+  return framealign::replace_file(path, bytes.data(), bytes.size());
 }

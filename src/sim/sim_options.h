@@ -2,6 +2,9 @@
 #pragma once
 
 #include <string>
+#include <vector>
+
+#include <CLI/CLI.hpp>
 
 #include "sim/render.h"
 
@@ -12,17 +15,12 @@ struct SimOptions {
   int height = 1080;
   int jpeg_quality = 92;
   bool png = false;
-  bool unrelated = false;  // the capture shows another frame than the reference written
+  bool unrelated = false;    // the capture shows another frame than the reference written
   bool other_frame = false;  // ... the reference's background with other shapes on it
   bool upside_down = false;  // ... the reference turned by 180 degrees
-  std::string truth_file;  // with found_file: only compare corners
-  std::string found_file;
-  bool help = false;
+  std::vector<std::string> corner_files;  // truth and found: only compare corners
   CaptureSettings capture;
 };
 
-extern const char* const kSimUsage;
-
-// Fills `options` from argv; on a bad option returns false with the reason
-// in `error`.
-bool parse_sim_options(int argc, char** argv, SimOptions& options, std::string& error);
+// Declares every option of framealign-sim on `app`, bound to `options`.
+void add_sim_options(CLI::App& app, SimOptions& options);

@@ -68,19 +68,14 @@ TEST(save_alignment_results, RowsFollowSlotModuloHalfTheCount) {
   }
 }
 
-// The driver with corners given: one slot per requested variant, each
-// OpenCV's warp by the corners finished with that variant's CLAHE setting.
+// The driver with corners given: one slot per requested variant, in the
+// list's order, each once, codes outside 0..4 dropped; each slot is the
+// public warp by the corners finished as its variant.
 TEST(align_frame, CornersGivenSlotsFollowTheVariantList) {
   const double corners[8] = {310, 240, 2080, 330, 250, 1330, 2140, 1390};
   const cv::Mat input = make_capture(make_reference_frame(1920, 1080, 8), corners, 2400, 1600, 9);
-  double frame[8];
-  frame_corners(1920, 1080, frame);
-  cv::Mat warped;
-  cv::warpPerspective(input, warped, cv::getPerspectiveTransform(corner_points(corners), corner_points(frame)),
-                      cv::Size(1920, 1080));
-  // Clip limit, tiles across, tiles down of variants 1..4.
-  const std::map<int, std::tuple<float, int, int>> clahe = {
-      {1, {40.f, 12, 8}}, {2, {20.f, 32, 32}}, {3, {18.f, 40, 64}}, {4, {20.f, 80, 45}}};
+  std::array<double, 8> given;
+  std::copy(corners, corners + 8, given.begin());
   const std::vector<std::pair<std::vector<int>, std::vector<int>>> cases = {
       {{7}, {3, 0}}, {{2, 2, 0}, {2, 0}}, {{-1, 3, 0, 4, 2, 1}, {3, 0, 4, 2, 1}}};
   for (const auto& [outputs, variants] : cases) {
@@ -89,11 +84,7 @@ TEST(align_frame, CornersGivenSlotsFollowTheVariantList) {
                           nullptr, nullptr, false, outputs, false), 0.0);
     EXPECT_EQ(read_folder(dir.path().string()).size(), 3 * variants.size() + 1);
     for (size_t i = 0; i < variants.size(); ++i) {
-      cv::Mat expected = warped.clone();
-      if (variants[i] != 0) {
-        const auto [clip, across, down] = clahe.at(variants[i]);
-        adaptive_histogram_equalization(expected.data, 1920, 1080, clip, across, down);
-      }
+      const cv::Mat expected = warp_by_corners(input, given, 1920, 1080, variants[i]);
       EXPECT_EQ(read_bytes(dir.file("aligned_" + std::to_string(i) + "__1920xx1080.yuv")),
                 std::vector<unsigned char>(expected.datastart, expected.dataend)) << i;
     }
@@ -147,16 +138,24 @@ class MirroredSearch : public testing::Test {
     for (bool refine : {false, true}) {
       for (SearchSchedule schedule : {SearchSchedule::ONE_THREAD_PER_ATTEMPT, SearchSchedule::PIPELINED}) {
         set_search_schedule(schedule);
-        const cv::Mat capture = given_.clone();
+        AlignmentJob job;
+        job.input = given_.clone();
+        job.reference = reference_.data;
+        job.width = 640;
+        job.height = 360;
+        job.advanced = true;
+        job.search.refine = refine;
+        const AlignmentSlots slots = align_slots(job);
         TempDir dir;
-        const double none[8] = {};
-        AlignmentReport report;
-        report.refine = refine;
-        align_frame(capture.data, reference_.data, 640, 360, 960, 720, 0, 0, 0, none, dir.path().c_str(), nullptr,
-                    nullptr, true, {}, true, &report);
-        inputs_.push_back(capture);
+        save_alignment_results(dir.path().c_str(), job.input.data, slots.aligned, slots.pts, slots.content_pts,
+                               slots.count, 640, 360, 960, 720, slots.score, true);
+        inputs_.push_back(job.input);
         folders_.push_back(read_folder(dir.path().string()));
-        reports_.push_back(report);
+        reports_.push_back(slots.report);
+        corners_.emplace_back();
+        for (size_t i = 0; i < slots.report.scores.size(); ++i) {
+          corners_.back().emplace_back(slots.pts[i], slots.pts[i] + 8);
+        }
       }
     }
     set_search_schedule(SearchSchedule::AUTOMATIC);
@@ -168,7 +167,8 @@ class MirroredSearch : public testing::Test {
   static inline cv::Mat reference_, given_;
   static inline std::vector<cv::Mat> inputs_;
   static inline std::vector<Folder> folders_;  // plain on both schedules, then refined
-  static inline std::vector<AlignmentReport> reports_;
+  static inline std::vector<SearchReport> reports_;
+  static inline std::vector<std::vector<std::vector<double>>> corners_;  // per run, per slot
 };
 
 TEST_F(MirroredSearch, SchedulesWriteIdenticalResults) {
@@ -182,15 +182,15 @@ TEST_F(MirroredSearch, SchedulesWriteIdenticalResults) {
 // more than a pixel off here, ends well below one, with an estimate that
 // does not understate its error.
 TEST_F(MirroredSearch, RefinementBringsEveryAttemptBelowAPixel) {
-  const AlignmentReport &plain = reports_[0], &refined = reports_[2];
+  const SearchReport &plain = reports_[0], &refined = reports_[2];
   EXPECT_EQ(refined.scores, plain.scores);
   EXPECT_TRUE(plain.est_error_px.empty());
   ASSERT_EQ(refined.est_error_px.size(), refined.scores.size());
   double worst_plain = 0.0;
   for (size_t i = 0; i < refined.scores.size(); ++i) {
-    worst_plain = std::max(worst_plain, corner_error(kCorners, plain.corners[i].data(), 640, 360).max);
+    worst_plain = std::max(worst_plain, corner_error(kCorners, corners_[0][i].data(), 640, 360).max);
     EXPECT_LT(worst_plain, 2.0) << "corners located on the unmirrored capture";
-    const double error = corner_error(kCorners, refined.corners[i].data(), 640, 360).max;
+    const double error = corner_error(kCorners, corners_[2][i].data(), 640, 360).max;
     EXPECT_TRUE(refined.refined[i]);
     EXPECT_LT(error, 0.3) << i;
     EXPECT_GE(refined.est_error_px[i], error) << i;
@@ -208,26 +208,6 @@ TEST_F(MirroredSearch, CallersPictureIsLeftAlone) {
   cv::flip(given_, mirror, 1);
   EXPECT_LT(cv::norm(preview, given_, cv::NORM_L1) / given_.total(), 4.0);
   EXPECT_GT(cv::norm(preview, mirror, cv::NORM_L1) / given_.total(), 15.0);
-}
-
-// The pre-pass's three trials draw from one generator sequence, started
-// fresh before the plain trial, as three calls in a row on one thread do.
-TEST_F(MirroredSearch, PrepassTrialsContinueOneGeneratorSequence) {
-  const MatchingMode mode = choose_matching_mode(given_, reference_, nullptr);
-  EXPECT_TRUE(mode.mirror && !mode.affine);
-  cv::Mat input = given_.clone(), desc, ref_desc;  // scaled to 640 x 360, the reference's own size
-  cv::resize(input, input, reference_.size());
-  std::vector<cv::KeyPoint> ref_kps, kps;
-  SIFTdetectAndCompute(reference_, ref_kps, ref_desc, false);
-  double frame[8], score = 1.0;
-  frame_corners(640, 360, frame);
-  cv::theRNG() = cv::RNG();
-  for (int trial = 0; trial < 3; ++trial) {
-    if (trial == 2) cv::flip(input, input, 1);
-    EXPECT_EQ(calculateMatches(input, reference_, 640, 360, GAUSSIAN_BLUR, frame, nullptr, ref_desc, ref_kps, desc,
-                               kps, nullptr, nullptr, score, trial == 1).size(),
-              mode.trial_matches[trial]) << trial;
-  }
 }
 
 }  // namespace

@@ -7,6 +7,8 @@
 #include "align/internal.h"
 #include "sim/render.h"
 
+using namespace framealign;  // NOLINT(google-build-using-namespace)
+
 namespace {
 
 constexpr int kW = 1280, kH = 720;

@@ -1,5 +1,6 @@
 # Installs the build tree into a fresh prefix, builds tests/install/consumer.cpp
-# against it with find_package(framealign), and runs it.
+# against it with find_package(framealign 1.3), aligns a simulator capture
+# with it, and checks its corners against the installed framealign's.
 #   cmake -DBUILD_DIR=... -DSOURCE_DIR=... -DWORK_DIR=... -P run.cmake
 file(REMOVE_RECURSE "${WORK_DIR}")
 function(run)
@@ -9,15 +10,30 @@ function(run)
   endif()
   set(last_output "${out}" PARENT_SCOPE)
 endfunction()
-run(${CMAKE_COMMAND} --install "${BUILD_DIR}" --prefix "${WORK_DIR}/prefix")
-foreach(installed bin/framealign bin/framealign-sim include/align/align.h lib/libframealign_align.a)
-  if(NOT EXISTS "${WORK_DIR}/prefix/${installed}")
+set(prefix "${WORK_DIR}/prefix")
+run(${CMAKE_COMMAND} --install "${BUILD_DIR}" --prefix "${prefix}")
+foreach(installed bin/framealign bin/framealign-sim include/framealign/framealign.h
+        include/framealign/version.h lib/libframealign.a lib/libframealign.so.1.3)
+  if(NOT EXISTS "${prefix}/${installed}")
     message(FATAL_ERROR "not installed: ${installed}")
   endif()
 endforeach()
-run(${CMAKE_COMMAND} -S "${SOURCE_DIR}" -B "${WORK_DIR}/build" "-DCMAKE_PREFIX_PATH=${WORK_DIR}/prefix")
+file(GLOB_RECURSE internal "${prefix}/include/align/*" "${prefix}/include/io/*")
+if(internal)
+  message(FATAL_ERROR "internal headers installed: ${internal}")
+endif()
+run(${CMAKE_COMMAND} -S "${SOURCE_DIR}" -B "${WORK_DIR}/build" "-DCMAKE_PREFIX_PATH=${prefix}")
 run(${CMAKE_COMMAND} --build "${WORK_DIR}/build")
-run("${WORK_DIR}/build/consumer")
-if(NOT last_output STREQUAL "ORIGINAL 1080\n")
-  message(FATAL_ERROR "consumer printed: ${last_output}")
+
+set(sample "${WORK_DIR}/sample")
+run("${prefix}/bin/framealign-sim" --out "${sample}" --width 640 --height 360
+    --capture-width 960 --capture-height 720 --seed 3)
+run("${WORK_DIR}/build/consumer" "${sample}/capture.jpg" "${sample}/reference.yuv" 640 360)
+set(found "${last_output}")
+run("${prefix}/bin/framealign" --input-file "${sample}/capture.jpg"
+    --reference-file "${sample}/reference.yuv" --width 640 --height 360 --result-folder "${sample}/out")
+string(REGEX MATCH "^[0-9]+" slot "${found}")
+file(READ "${sample}/out/pts_${slot}.txt" corners)
+if(NOT found STREQUAL "${slot} ${corners}")
+  message(FATAL_ERROR "consumer found ${found}, framealign ${corners} in slot ${slot}")
 endif()

@@ -40,7 +40,7 @@ TEST(framealign_sim, SameSeedWritesIdenticalFiles) {
   EXPECT_EQ(read_bytes(dir.file("a/reference.yuv")).size(), 640u * 360u * 3u / 2u);
   const ToolRun bad = run_tool({"--noise", "lots"}, dir);
   EXPECT_EQ(bad.exit_code, 2);
-  EXPECT_EQ(bad.err, "framealign-sim: --noise needs a number from 0 to 50, got 'lots' (see --help)\n");
+  EXPECT_EQ(bad.err, "framealign-sim: --noise: Value lots not in range 0.000000 to 50.000000 (see --help)\n");
 }
 
 }  // namespace

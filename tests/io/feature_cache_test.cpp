@@ -1,4 +1,4 @@
-#include "main/feature_cache.h"
+#include "io/feature_cache.h"
 
 #include <cstdint>
 #include <cstring>
@@ -37,17 +37,12 @@ std::vector<unsigned char> saved(const Features& f) {
   return read_bytes(dir.file("f.ftrs"));
 }
 
-// Input entries beside the input picture, the reference's beside the
-// reference, tagged with its frame number.
+// Entries beside their base file, tagged; a base without a folder part
+// names a file at the root (framealign's naming, kept as it is).
 TEST(feature_cache_path, NamesFollowTheBaseFile) {
-  Arguments args;
-  args.input_file = "shots/img.png";
-  args.reference_file = "a/b/ref";
-  args.frame_number = -1;
-  EXPECT_EQ(feature_cache_path(args, "ORIGINAL"), "shots/img_ORIGINAL.ftrs");
-  EXPECT_EQ(feature_cache_path(args, nullptr), "a/b/ref_-1.ftrs");
-  args.reference_file = "chart.yuv";  // kept as it is: users give a folder
-  EXPECT_EQ(feature_cache_path(args, nullptr), "/chart_-1.ftrs");
+  EXPECT_EQ(feature_cache_path("shots/img.png", "ORIGINAL"), "shots/img_ORIGINAL.ftrs");
+  EXPECT_EQ(feature_cache_path("a/b/ref", "-1"), "a/b/ref_-1.ftrs");
+  EXPECT_EQ(feature_cache_path("chart.yuv", "0"), "/chart_0.ftrs");
 }
 
 TEST(save_features, RoundTripAndByteLayout) {
@@ -57,7 +52,7 @@ TEST(save_features, RoundTripAndByteLayout) {
   for (const Features& f : {make_features(300, 1), Features{}}) {
     save_features(path, f.keypoints, f.descriptors);
     EXPECT_EQ(read_bytes(path).size(), 20u + (28u + 512u) * f.keypoints.size());
-    ASSERT_TRUE(load_features(path, loaded.keypoints, loaded.descriptors));
+    ASSERT_TRUE(load_features(path, loaded.keypoints, loaded.descriptors).loaded);
     EXPECT_TRUE(saved(loaded) == saved(f));
   }
   // Count, then x y angle response size octave class_id, then rows cols type, data.
@@ -74,7 +69,7 @@ TEST(save_features, RoundTripAndByteLayout) {
 }
 
 // Impossible counts and sizes, and every truncation of a valid file: a miss
-// with a message, the outputs untouched, nothing allocated beyond the file.
+// with the reason, the outputs untouched, nothing allocated beyond the file.
 TEST(load_features, DamagedFilesAreReportedMisses) {
   TempDir dir;
   const std::string path = dir.file("bad.ftrs");
@@ -104,16 +99,15 @@ TEST(load_features, DamagedFilesAreReportedMisses) {
   for (const std::vector<unsigned char>& damaged : cases) {
     write_bytes(path, damaged);
     Features out = make_features(1, 5);
-    testing::internal::CaptureStderr();
-    EXPECT_FALSE(load_features(path, out.keypoints, out.descriptors)) << damaged.size();
-    const std::string err = testing::internal::GetCapturedStderr();
-    EXPECT_EQ(err.rfind("Error reading features from cache: ", 0), 0u) << err;
+    const CacheRead read = load_features(path, out.keypoints, out.descriptors);
+    EXPECT_FALSE(read.loaded) << damaged.size();
+    EXPECT_EQ(read.damage.rfind(path, 0), 0u) << read.damage;
     EXPECT_TRUE(saved(out) == saved(make_features(1, 5))) << "outputs change only on success";
   }
-  testing::internal::CaptureStderr();
   Features out;
-  EXPECT_FALSE(load_features(dir.file("missing.ftrs"), out.keypoints, out.descriptors));
-  EXPECT_EQ(testing::internal::GetCapturedStderr(), "");  // a missing file is a silent miss
+  const CacheRead missing = load_features(dir.file("missing.ftrs"), out.keypoints, out.descriptors);
+  EXPECT_FALSE(missing.loaded);
+  EXPECT_EQ(missing.damage, "");  // a missing file is a plain miss
 }
 
 }  // namespace

@@ -1,4 +1,4 @@
-#include "main/readers.h"
+#include "io/readers.h"
 
 #include <cctype>
 #include <cstdio>
@@ -10,6 +10,8 @@
 #include <opencv2/imgcodecs.hpp>
 
 #include "align/align.h"
+
+namespace framealign {
 
 namespace fs = std::filesystem;
 
@@ -122,3 +124,5 @@ bool read_input_frame(const std::string& path, int input_width, int input_height
   extract_frame_from_yuv420_file(path, frame.plane.data(), frame.width, frame.height, -1);
   return true;
 }
+
+}  // namespace framealign

@@ -13,12 +13,19 @@
 #include <opencv2/core.hpp>
 
 #include "align/align.h"
-#include "main/options.h"
 
-// Cache file of an entry: the input picture's for a named entry, the
-// reference's (tagged with the frame number) for a null name.
-// "<parent>/<stem>_<tag>.ftrs".
-std::string feature_cache_path(const Arguments& args, const char* name);
+namespace framealign {
+
+// Cache file of entry `tag` of the picture at `base`:
+// "<parent>/<stem>_<tag>.ftrs". The "/" stands even when `base` has no
+// folder part, so "ref.yuv" names "/ref_<tag>.ftrs" (framealign's naming).
+std::string feature_cache_path(const std::string& base, const std::string& tag);
+
+// What load_features found.
+struct CacheRead {
+  bool loaded = false;
+  std::string damage;  // not empty: the file is there but cannot be used, and why
+};
 
 // Writes a cache file. The data goes to a temporary file first and is renamed
 // into place, so a concurrent reader sees either the old file or the whole new
@@ -26,12 +33,10 @@ std::string feature_cache_path(const Arguments& args, const char* name);
 void save_features(const std::string& path, const std::vector<cv::KeyPoint>& keypoints,
                    const cv::Mat& descriptors);
 
-// Reads a cache file. False when it does not exist or cannot be opened; false
-// with "Error reading features from cache: <why>" on standard error when it is
-// damaged (any count or size it cannot hold). The outputs change only on success.
-bool load_features(const std::string& path, std::vector<cv::KeyPoint>& keypoints,
-                   cv::Mat& descriptors);
+// Reads a cache file. Not loaded, with no damage, when it does not exist or
+// cannot be opened; not loaded, with the reason, when it is damaged (any
+// count or size it cannot hold). The outputs change only on success.
+CacheRead load_features(const std::string& path, std::vector<cv::KeyPoint>& keypoints,
+                        cv::Mat& descriptors);
 
-// Callbacks bound to `args` by reference; safe to call from several threads.
-FeatureLoadCallback make_feature_load_callback(const Arguments& args);
-FeatureSaveCallback make_feature_save_callback(const Arguments& args);
+}  // namespace framealign

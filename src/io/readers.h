@@ -12,6 +12,8 @@
 
 #include <opencv2/core.hpp>
 
+namespace framealign {
+
 // True when `path` names an existing file system entry of any type. Errors
 // other than "not found" are thrown as std::filesystem::filesystem_error.
 bool file_exists(const std::string& path);
@@ -60,3 +62,5 @@ struct LumaFrame {
 // decoded; other failures throw as extract_frame_from_yuv420_file does.
 bool read_input_frame(const std::string& path, int input_width, int input_height, int width,
                       int height, LumaFrame& frame);
+
+}  // namespace framealign

@@ -1,6 +1,6 @@
 // The readers' success paths; their failure messages are checked through
 // the binary (tests/cli/cli_test.cpp).
-#include "main/readers.h"
+#include "io/readers.h"
 
 #include <string>
 #include <vector>

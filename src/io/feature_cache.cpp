@@ -1,11 +1,12 @@
-#include "main/feature_cache.h"
+#include "io/feature_cache.h"
 
 #include <cstdint>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <iostream>
 #include <stdexcept>
+
+namespace framealign {
 
 namespace fs = std::filesystem;
 
@@ -37,10 +38,9 @@ void read_exactly(std::istream& in, void* data, std::size_t bytes, const std::st
 
 }  // namespace
 
-std::string feature_cache_path(const Arguments& args, const char* name) {
-  const fs::path base(name != nullptr ? args.input_file : args.reference_file);
-  const std::string tag = name != nullptr ? std::string(name) : std::to_string(args.frame_number);
-  return base.parent_path().string() + "/" + base.stem().string() + "_" + tag + ".ftrs";
+std::string feature_cache_path(const std::string& base, const std::string& tag) {
+  const fs::path path(base);
+  return path.parent_path().string() + "/" + path.stem().string() + "_" + tag + ".ftrs";
 }
 
 void save_features(const std::string& path, const std::vector<cv::KeyPoint>& keypoints,
@@ -72,13 +72,13 @@ void save_features(const std::string& path, const std::vector<cv::KeyPoint>& key
   replace_file(path, bytes.data(), bytes.size());
 }
 
-bool load_features(const std::string& path, std::vector<cv::KeyPoint>& keypoints,
-                   cv::Mat& descriptors) {
+CacheRead load_features(const std::string& path, std::vector<cv::KeyPoint>& keypoints,
+                        cv::Mat& descriptors) {
   try {
     const fs::file_type type = fs::status(path).type();
-    if (type == fs::file_type::not_found || type == fs::file_type::none) return false;
+    if (type == fs::file_type::not_found || type == fs::file_type::none) return {};
     std::ifstream in(path, std::ios::binary);
-    if (!in) return false;
+    if (!in) return {};
 
     // Every count is checked against what the file really holds before
     // anything is allocated, so a damaged file cannot exhaust memory.
@@ -143,22 +143,10 @@ bool load_features(const std::string& path, std::vector<cv::KeyPoint>& keypoints
 
     keypoints = std::move(loaded);
     descriptors = matrix;
-    return true;
+    return {true, ""};
   } catch (const std::exception& e) {
-    std::cerr << "Error reading features from cache: " << e.what() << "\n";
-    return false;
+    return {false, e.what()};
   }
 }
 
-FeatureLoadCallback make_feature_load_callback(const Arguments& args) {
-  return [&args](std::vector<cv::KeyPoint>& keypoints, cv::Mat& descriptors, const char* name) {
-    return load_features(feature_cache_path(args, name), keypoints, descriptors);
-  };
-}
-
-FeatureSaveCallback make_feature_save_callback(const Arguments& args) {
-  return [&args](const std::vector<cv::KeyPoint>& keypoints, const cv::Mat& descriptors,
-                 const char* name) {
-    save_features(feature_cache_path(args, name), keypoints, descriptors);
-  };
-}
+}  // namespace framealign

@@ -1,0 +1,193 @@
+// framealign: brings a camera capture of a displayed picture back into the
+// exact geometry of the known reference frame.
+//
+//   framealign::Reference reference = framealign::Reference::from_yuv("ref.yuv", 1920, 1080);
+//   framealign::AlignOptions options;
+//   options.refine = true;
+//   const framealign::AlignResult result =
+//       framealign::align(framealign::read_capture("shot.jpg"), reference, options);
+//   if (result.status == "aligned") result.save("out");  // the files framealign writes
+//
+// Conventions:
+//  - Pictures are cv::Mat of type CV_8UC1 (8-bit grey, one sample per pixel).
+//  - Pixel coordinates have x to the right and y downwards; the upper-left
+//    pixel's upper-left corner is (0, 0), so a W x H frame spans (0,0)-(W,H).
+//  - A corner array is 8 doubles x1 y1 x2 y2 x3 y3 x4 y4: where the reference
+//    frame's top-left, top-right, bottom-left and bottom-right corners lie in
+//    the capture, in capture pixels (a Z order, not a ring).
+//  - Scores are lower-is-better.
+//  - Every failure a caller can act on is thrown as framealign::Error, whose
+//    what() is the message to show. The library never prints and never exits.
+//  - A Reference may be shared by any number of threads aligning at once.
+#pragma once
+
+#include <array>
+#include <memory>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include <opencv2/core.hpp>
+
+#include "framealign/version.h"
+
+#define FRAMEALIGN_API __attribute__((visibility("default")))
+
+namespace framealign {
+
+// A failure the caller can act on: an unreadable file, a damaged cache, a
+// picture of the wrong type, an impossible option.
+class FRAMEALIGN_API Error : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
+// The library's version, "MAJOR.MINOR.PATCH".
+FRAMEALIGN_API const char* version();
+
+// ---- The reference frame --------------------------------------------------
+
+// A reference frame with its SIFT features, computed once for every
+// alignment against it. Cheap to copy (copies share one immutable frame).
+class FRAMEALIGN_API Reference {
+ public:
+  // Frame `frame` of a headerless planar YUV file (4:2:0 for videos, 4:4:4
+  // for pictures; only luma is read). Features come from the feature cache
+  // "<folder>/<stem>_<frame>.ftrs" beside it when there is one, else they are
+  // computed and that cache is written. With the file missing, the cache alone
+  // serves, and the frame's pixels are zeros. Throws Error when neither is
+  // there, when the file is too short, or when the cache is damaged or holds
+  // keypoints outside a width x height frame.
+  static Reference from_yuv(const std::string& path, int width, int height, int frame = 0);
+  // A grey picture (CV_8UC1, copied); features computed here.
+  static Reference from_picture(const cv::Mat& grey);
+  // Features from a .ftrs cache file alone; the frame's pixels are zeros.
+  static Reference from_ftrs(const std::string& path, int width, int height);
+  // A reference restored from what picture(), keypoints() and descriptors()
+  // gave (as when it was sent to another process). Throws Error when they do
+  // not fit together.
+  static Reference from_features(const cv::Mat& picture, std::vector<cv::KeyPoint> keypoints,
+                                 const cv::Mat& descriptors);
+
+  int width() const;
+  int height() const;
+  const cv::Mat& picture() const;  // CV_8UC1, height x width
+  const std::vector<cv::KeyPoint>& keypoints() const;
+  const cv::Mat& descriptors() const;  // one row per keypoint
+
+  struct Data;  // the library's own
+  const Data& data() const { return *data_; }
+
+ private:
+  explicit Reference(std::shared_ptr<Data> data);
+  std::shared_ptr<Data> data_;
+};
+
+// ---- One alignment --------------------------------------------------------
+
+// What align() is asked to do. The defaults are framealign's.
+struct AlignOptions {
+  // Before the search, try plain, affine and mirrored matching on small
+  // copies, and search the way that finds the most matches (mirrored
+  // captures, steep views). Slower.
+  bool advanced = false;
+  // Refine each found frame below a pixel; the result gains est_error_px.
+  bool refine = false;
+  // A quick path first (implies refine): taken only when verified, else the
+  // full search runs exactly as with refine alone. The result says which in
+  // `path`.
+  bool fast = false;
+  // Output variants of the frames when `corners` are given: 0 raw, 1 to 4
+  // CLAHE settings, in this order, each once (see parse_outputs).
+  std::vector<int> outputs = {3, 0};
+  // Whether save() writes JPEG previews (in_i.jpg, aligned_i.jpg).
+  bool jpeg_output = false;
+  // Corners given by hand: no search; the capture is warped by them.
+  std::optional<std::array<double, 8>> corners;
+  // With `corners`: pad the frame black at the right or bottom so that its
+  // picture has the aspect of a crop_width x crop_height crop; 0 disables.
+  int crop_width = 0;
+  int crop_height = 0;
+  // No search and no warp: the capture's first width x height bytes as the
+  // frame (for captures already in the reference's geometry).
+  bool no_rectify = false;
+  // The capture's file path, when its features may be cached beside it
+  // ("<folder>/<stem>_<filter>.ftrs", read and written); empty: no cache.
+  std::string capture_cache;
+};
+
+// What align() found.
+struct AlignResult {
+  // "aligned" (the frame was found, or corners were given), "not_found" (no
+  // attempt succeeded), or "unrectified" (no_rectify: the capture as it is).
+  std::string status;
+  // The best attempt's score, lower is better; 999999 when not found, 0 with
+  // corners given or no_rectify.
+  double score = 999999.0;
+  // The result slot of the best attempt, and every successful attempt's
+  // score by slot (the search's attempts only).
+  std::optional<int> best_slot;
+  std::vector<double> slot_scores;
+  // Where the reference frame lies in the capture (the best slot's, or the
+  // given ones); none when not found or unrectified.
+  std::optional<std::array<double, 8>> corners;
+  // With refine: the best slot's estimated largest corner error in
+  // reference pixels (+inf when its matches were too few to tell).
+  std::optional<double> est_error_px;
+  // Reference pixels to capture pixels, from `corners`.
+  std::optional<cv::Matx33d> homography;
+  // With fast: "fast" when the quick path was verified, else "full".
+  std::string path;
+  // The aligned frames, one per result slot (reference size, CV_8UC1), as
+  // the result folder holds them.
+  std::vector<cv::Mat> frames;
+
+  // Writes the result folder as framealign --result-folder would (created
+  // when missing): aligned_i__WxxH.yuv, pts_i.txt, content_pts_i.txt, the
+  // previews when asked for, and best_result.txt last. Throws Error naming
+  // the file that could not be written.
+  void save(const std::string& folder) const;
+
+  struct Files;  // what save() needs beyond the fields above
+  std::shared_ptr<const Files> files;
+};
+
+// Finds `reference` in `capture` (CV_8UC1, any size) and warps the capture
+// onto the reference frame. Throws Error for a capture that is not an 8-bit
+// grey picture, or for options that cannot be met.
+FRAMEALIGN_API AlignResult align(const cv::Mat& capture, const Reference& reference,
+                                 const AlignOptions& options = {});
+
+// ---- Helpers --------------------------------------------------------------
+
+// A capture as framealign reads it: an image file (PNG, JPEG, TIFF, WebP,
+// BMP) as 8-bit grey, every non-zero sample of a PNG raised by 16; any
+// other file as the first frame of a raw YUV 4:2:0 file of width x height.
+// Throws Error with framealign's message when it cannot be read.
+FRAMEALIGN_API cv::Mat read_capture(const std::string& path, int width = 1920,
+                                    int height = 1080);
+
+// `capture` warped by `corners` onto a width x height frame and finished as
+// output variant `variant` (0 raw, 1 to 4 CLAHE). Throws Error for a variant
+// outside 0..4 or corners of which three lie on one line.
+FRAMEALIGN_API cv::Mat warp_by_corners(const cv::Mat& capture, const std::array<double, 8>& corners,
+                                       int width, int height, int variant = 0);
+
+// Output variants named as framealign's --output takes them: numbers 0..4
+// and the presets fast (3), medium (3, 0), slow (3, 0, 4) and slowest
+// (3, 0, 4, 2, 1), comma-separated; each variant once, in first-seen order.
+// Throws Error with the reason.
+FRAMEALIGN_API std::vector<int> parse_outputs(const std::string& text);
+
+// CPUs this process may run on (its affinity mask, as taskset, cpusets and
+// cluster schedulers narrow it); at least 1.
+FRAMEALIGN_API int usable_cpu_count();
+
+// Keeps freed memory in one heap for reuse, so that a search's SIFT
+// pyramids (hundreds of megabytes per layer, allocated and freed layer by
+// layer) are not mapped and faulted afresh for every attempt. For processes
+// that run many alignments; call once, before the first.
+FRAMEALIGN_API void keep_freed_memory_for_reuse();
+
+}  // namespace framealign

@@ -1,0 +1,167 @@
+// framealign::align and what its result does: the public face of the
+// alignment driver.
+#include <algorithm>
+#include <filesystem>
+
+#include <opencv2/imgproc.hpp>
+
+#include "align/align.h"
+#include "align/internal.h"
+#include "api/as_error.h"
+#include "framealign/framealign.h"
+#include "io/feature_cache.h"
+#include "io/reference.h"
+
+namespace framealign {
+
+// What save() writes beyond the result's own fields: the slots as the
+// results writer takes them.
+struct AlignResult::Files {
+  cv::Mat capture;  // the capture as aligned, for the previews
+  std::vector<cv::Mat> frames;
+  double pts[kSlots][8];
+  double content_pts[kSlots][20];
+  int width = 0;
+  int height = 0;
+  bool jpeg_output = false;
+};
+
+namespace {
+
+void check_grey(const cv::Mat& picture, const char* what) {
+  if (picture.empty() || picture.type() != CV_8UC1) {
+    throw Error(std::string(what) + " must be a non-empty 8-bit grey picture (CV_8UC1)");
+  }
+}
+
+void check_outputs(const std::vector<int>& outputs) {
+  for (int code : outputs) {
+    if (code < 0 || code > 4) {
+      throw Error("output variant " + std::to_string(code) + " is not one of 0 to 4");
+    }
+  }
+}
+
+// The capture's own cache entries (named ones) beside `base`; a damaged
+// file is a miss, and the features are computed and stored again.
+FeatureLoadCallback capture_cache_loader(const std::string& base) {
+  if (base.empty()) return nullptr;
+  return [base](std::vector<cv::KeyPoint>& keypoints, cv::Mat& descriptors, const char* name) {
+    return name != nullptr &&
+           load_features(feature_cache_path(base, name), keypoints, descriptors).loaded;
+  };
+}
+
+FeatureSaveCallback capture_cache_saver(const std::string& base) {
+  if (base.empty()) return nullptr;
+  return [base](const std::vector<cv::KeyPoint>& keypoints, const cv::Mat& descriptors,
+                const char* name) {
+    if (name != nullptr) save_features(feature_cache_path(base, name), keypoints, descriptors);
+  };
+}
+
+AlignmentJob make_job(const cv::Mat& input, const Reference::Data& reference,
+                      const AlignOptions& options) {
+  AlignmentJob job;
+  job.input = input;
+  job.reference = reference.plane.data;
+  job.width = reference.plane.cols;
+  job.height = reference.plane.rows;
+  job.crop_width = options.crop_width;
+  job.crop_height = options.crop_height;
+  job.no_rectify = options.no_rectify;
+  job.corners_given = options.corners.has_value();
+  if (options.corners) std::copy(options.corners->begin(), options.corners->end(), job.pts);
+  job.load = reference_loader(reference, capture_cache_loader(options.capture_cache));
+  job.save = capture_cache_saver(options.capture_cache);
+  job.advanced = options.advanced;
+  job.outputs = options.outputs;
+  job.search.refine = options.refine || options.fast;
+  job.search.fast = options.fast;
+  if (options.fast) job.search.quick_reference = &reference.quick();
+  return job;
+}
+
+std::string status_of(const AlignmentSlots& slots) {
+  switch (slots.mode) {
+    case AlignmentMode::CORNERS_GIVEN:
+      return "aligned";
+    case AlignmentMode::NO_RECTIFY:
+      return "unrectified";
+    default:
+      return slots.score < kFailedScore ? "aligned" : "not_found";
+  }
+}
+
+// The fields a caller reads, from the slots and the search's report.
+void describe(const AlignmentSlots& slots, const AlignOptions& options, int width, int height,
+              AlignResult& result) {
+  result.status = status_of(slots);
+  result.score = slots.score;
+  result.path = slots.report.path;
+  const std::vector<double>& scores = slots.report.scores;
+  if (!scores.empty()) {
+    const int best =
+        static_cast<int>(std::min_element(scores.begin(), scores.end()) - scores.begin());
+    result.best_slot = best;
+    result.slot_scores = scores;
+    result.corners.emplace();
+    std::copy(slots.pts[best], slots.pts[best] + 8, result.corners->begin());
+    if (!slots.report.est_error_px.empty()) result.est_error_px = slots.report.est_error_px[best];
+  } else if (slots.mode == AlignmentMode::CORNERS_GIVEN) {
+    result.corners = options.corners;
+  }
+  if (result.corners) {
+    double frame[8];
+    frame_corners(width, height, frame);
+    const cv::Mat h = cv::getPerspectiveTransform(corner_points(frame),
+                                                  corner_points(result.corners->data()));
+    result.homography = cv::Matx33d(h.ptr<double>());
+  }
+}
+
+}  // namespace
+
+AlignResult align(const cv::Mat& capture, const Reference& reference,
+                  const AlignOptions& options) {
+  check_grey(capture, "the capture");
+  check_outputs(options.outputs);
+  // The pipeline reads the capture as one packed plane, and the previews
+  // need it after the caller's buffer may be gone.
+  const cv::Mat input = capture.isContinuous() && capture.u != nullptr ? capture : capture.clone();
+  const Reference::Data& data = reference.data();
+  const int width = data.plane.cols, height = data.plane.rows;
+
+  const AlignmentSlots slots = as_error([&] { return align_slots(make_job(input, data, options)); });
+
+  AlignResult result;
+  describe(slots, options, width, height, result);
+  auto files = std::make_shared<AlignResult::Files>();
+  files->capture = input;
+  for (int i = 0; i < slots.count; ++i) files->frames.push_back(slots.frame(i));
+  std::copy(&slots.pts[0][0], &slots.pts[0][0] + kSlots * 8, &files->pts[0][0]);
+  std::copy(&slots.content_pts[0][0], &slots.content_pts[0][0] + kSlots * 20,
+            &files->content_pts[0][0]);
+  files->width = width;
+  files->height = height;
+  files->jpeg_output = options.jpeg_output;
+  result.frames = files->frames;
+  result.files = files;
+  return result;
+}
+
+void AlignResult::save(const std::string& folder) const {
+  if (!files) throw Error("this result holds nothing to save");
+  as_error([&] {
+    std::filesystem::create_directories(folder);
+    std::vector<unsigned char*> aligned;
+    for (const cv::Mat& frame : files->frames) aligned.push_back(frame.data);
+    const cv::Mat& capture = files->capture;
+    save_alignment_results(folder.c_str(), capture.data, aligned.data(), files->pts,
+                           files->content_pts, static_cast<int>(aligned.size()), files->width,
+                           files->height, capture.cols, capture.rows, score, files->jpeg_output);
+    return 0;
+  });
+}
+
+}  // namespace framealign

@@ -1,0 +1,75 @@
+// The public helpers around align(): reading a capture, warping by corners,
+// naming output variants, and the process settings of programs that align.
+#include <malloc.h>
+#include <sched.h>
+
+#include <algorithm>
+#include <thread>
+
+#include "align/align.h"
+#include "align/internal.h"
+#include "api/as_error.h"
+#include "framealign/framealign.h"
+#include "io/readers.h"
+
+namespace framealign {
+
+const char* version() { return FRAMEALIGN_VERSION; }
+
+cv::Mat read_capture(const std::string& path, int width, int height) {
+  return as_error([&] {
+    LumaFrame frame;
+    if (!read_input_frame(path, 0, 0, width, height, frame)) {
+      throw Error("Failed to read image file: " + path);
+    }
+    return cv::Mat(frame.height, frame.width, CV_8UC1, frame.plane.data()).clone();
+  });
+}
+
+cv::Mat warp_by_corners(const cv::Mat& capture, const std::array<double, 8>& corners, int width,
+                        int height, int variant) {
+  if (capture.empty() || capture.type() != CV_8UC1) {
+    throw Error("the capture must be a non-empty 8-bit grey picture (CV_8UC1)");
+  }
+  if (variant < 0 || variant > 4) {
+    throw Error("output variant " + std::to_string(variant) + " is not one of 0 to 4");
+  }
+  return as_error([&] {
+    cv::Mat frame(height, width, CV_8UC1);
+    luma_plane_size(width, height);  // refuses sizes a plane cannot have
+    double content[20];
+    align_by_pts(capture, width, height, 0, 0, corners.data(), frame.data, content);
+    apply_output_variant(frame.data, width, height, variant);
+    return frame;
+  });
+}
+
+std::vector<int> parse_outputs(const std::string& text) {
+  std::vector<int> outputs;
+  const std::string error = append_output_list(text, outputs);
+  // framealign's line, less its "Error: " prefix.
+  if (!error.empty()) throw Error(error.substr(error.find(' ') + 1));
+  return outputs;
+}
+
+int usable_cpu_count() {
+  cpu_set_t set;
+  CPU_ZERO(&set);
+  if (sched_getaffinity(0, sizeof(set), &set) == 0) return std::max(CPU_COUNT(&set), 1);
+  return std::max(static_cast<int>(std::thread::hardware_concurrency()), 1);
+}
+
+// A search allocates and frees SIFT pyramids of hundreds of megabytes per
+// layer. By default glibc maps each one freshly and unmaps it on free, so
+// every attempt pays for faulting gigabytes of zeroed pages again (on a
+// 4032 x 3024 capture more than half of the CPU time when three attempts
+// fault at once, two fifths with the pipelined search). Keeping freed memory
+// in one heap for reuse removes that; the peak stays that of the largest
+// live set.
+void keep_freed_memory_for_reuse() {
+  mallopt(M_ARENA_MAX, 1);
+  mallopt(M_MMAP_MAX, 0);
+  mallopt(M_TRIM_THRESHOLD, -1);
+}
+
+}  // namespace framealign

@@ -1,0 +1,57 @@
+#include "batch/files.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+#include <stdexcept>
+
+namespace {
+
+[[noreturn]] void fail(const std::string& what, const std::string& path, int error) {
+  throw std::runtime_error("cannot " + what + " " + path + ": " + std::strerror(error));
+}
+
+}  // namespace
+
+void sync_folder(const std::string& path) {
+  const int folder = ::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (folder < 0) fail("open the folder", path, errno);
+  const int synced = ::fsync(folder);
+  const int error = errno;
+  ::close(folder);
+  if (synced != 0) fail("flush the folder", path, error);
+}
+
+void write_file_durably(const std::string& path, const std::string& text) {
+  const std::string temporary = path + ".part";
+  const int file = ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+  if (file < 0) fail("write", temporary, errno);
+  std::size_t done = 0;
+  while (done < text.size()) {
+    const ssize_t n = ::write(file, text.data() + done, text.size() - done);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) {
+      const int error = n < 0 ? errno : ENOSPC;
+      ::close(file);
+      ::unlink(temporary.c_str());
+      fail("write", path, error);
+    }
+    done += static_cast<std::size_t>(n);
+  }
+  const bool synced = ::fsync(file) == 0;
+  const int error = errno;
+  if (::close(file) != 0 || !synced) {
+    ::unlink(temporary.c_str());
+    fail("write", path, synced ? errno : error);
+  }
+  if (::rename(temporary.c_str(), path.c_str()) != 0) {
+    const int rename_error = errno;
+    ::unlink(temporary.c_str());
+    fail("write", path, rename_error);
+  }
+  const std::string parent = std::filesystem::path(path).parent_path().string();
+  sync_folder(parent.empty() ? "." : parent);
+}

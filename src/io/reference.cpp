@@ -1,0 +1,124 @@
+// framealign::Reference: a reference frame and its features, read or
+// computed once and then shared, read-only, by every alignment against it.
+#include "io/reference.h"
+
+#include <utility>
+
+#include "api/as_error.h"
+#include "io/feature_cache.h"
+#include "io/readers.h"
+
+namespace framealign {
+
+namespace {
+
+// Keypoints outside the frame were found on a picture of another size.
+void check_keypoints_fit(const std::vector<cv::KeyPoint>& keypoints, int width, int height,
+                         const std::string& source) {
+  for (const cv::KeyPoint& kp : keypoints) {
+    if (!(kp.pt.x >= 0 && kp.pt.y >= 0 && kp.pt.x <= width && kp.pt.y <= height)) {
+      throw Error(source + " holds keypoints outside the " + std::to_string(width) + "x" +
+                  std::to_string(height) + " frame: it was made for a reference of another size");
+    }
+  }
+}
+
+cv::Mat zero_plane(int width, int height) {
+  luma_plane_size(width, height);  // refuses sizes a plane cannot have
+  return cv::Mat::zeros(height, width, CV_8UC1);
+}
+
+}  // namespace
+
+const QuickFeatures& Reference::Data::quick() const {
+  std::call_once(quick_once_, [this] { quick_ = quick_features(plane); });
+  return quick_;
+}
+
+bool load_reference_features(const std::string& cache, int width, int height,
+                             Reference::Data& data) {
+  const CacheRead read = load_features(cache, data.keypoints, data.descriptors);
+  if (!read.damage.empty()) throw Error("The feature cache " + read.damage);
+  if (!read.loaded) return false;
+  check_keypoints_fit(data.keypoints, width, height, "The feature cache " + cache);
+  return true;
+}
+
+FeatureLoadCallback reference_loader(const Reference::Data& reference,
+                                     const FeatureLoadCallback& captures) {
+  return [&reference, captures](std::vector<cv::KeyPoint>& keypoints, cv::Mat& descriptors,
+                                const char* name) {
+    if (name != nullptr) return captures && captures(keypoints, descriptors, name);
+    keypoints = reference.keypoints;
+    descriptors = reference.descriptors;
+    return true;
+  };
+}
+
+Reference::Reference(std::shared_ptr<Data> data) : data_(std::move(data)) {}
+
+Reference Reference::from_yuv(const std::string& path, int width, int height, int frame) {
+  return as_error([&] {
+    auto data = std::make_shared<Data>();
+    data->plane = zero_plane(width, height);
+    const std::string cache = feature_cache_path(path, std::to_string(frame));
+    const bool exists = file_exists(path);
+    if (exists) extract_frame_from_yuv420_file(path, data->plane.data, width, height, frame);
+    // The cache comes first, as in framealign; the frame is computed only without one.
+    if (load_reference_features(cache, width, height, *data)) return Reference(data);
+    if (!exists) {
+      throw Error("Reference file " + path + " does not exist, nor its feature cache " + cache);
+    }
+    SIFTdetectAndCompute(data->plane, data->keypoints, data->descriptors, false);
+    save_features(cache, data->keypoints, data->descriptors);
+    return Reference(data);
+  });
+}
+
+Reference Reference::from_picture(const cv::Mat& grey) {
+  if (grey.empty() || grey.type() != CV_8UC1) {
+    throw Error("a reference picture must be a non-empty 8-bit grey picture (CV_8UC1)");
+  }
+  return as_error([&] {
+    auto data = std::make_shared<Data>();
+    data->plane = grey.clone();
+    SIFTdetectAndCompute(data->plane, data->keypoints, data->descriptors, false);
+    return Reference(data);
+  });
+}
+
+Reference Reference::from_ftrs(const std::string& path, int width, int height) {
+  return as_error([&] {
+    auto data = std::make_shared<Data>();
+    data->plane = zero_plane(width, height);
+    if (!load_reference_features(path, width, height, *data)) {
+      throw Error("Cannot read the feature cache " + path);
+    }
+    return Reference(data);
+  });
+}
+
+Reference Reference::from_features(const cv::Mat& picture, std::vector<cv::KeyPoint> keypoints,
+                                   const cv::Mat& descriptors) {
+  if (picture.empty() || picture.type() != CV_8UC1) {
+    throw Error("a reference picture must be a non-empty 8-bit grey picture (CV_8UC1)");
+  }
+  if (descriptors.rows != static_cast<int>(keypoints.size()) || descriptors.dims > 2) {
+    throw Error("a reference has " + std::to_string(keypoints.size()) + " keypoints but " +
+                std::to_string(descriptors.rows) + " descriptor rows");
+  }
+  check_keypoints_fit(keypoints, picture.cols, picture.rows, "a reference");
+  auto data = std::make_shared<Data>();
+  data->plane = picture.clone();
+  data->keypoints = std::move(keypoints);
+  data->descriptors = descriptors.clone();
+  return Reference(data);
+}
+
+int Reference::width() const { return data_->plane.cols; }
+int Reference::height() const { return data_->plane.rows; }
+const cv::Mat& Reference::picture() const { return data_->plane; }
+const std::vector<cv::KeyPoint>& Reference::keypoints() const { return data_->keypoints; }
+const cv::Mat& Reference::descriptors() const { return data_->descriptors; }
+
+}  // namespace framealign
