@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <iostream>
 #include <map>
 #include <memory>
@@ -184,6 +185,43 @@ std::string shard_tag(const BatchOptions& options) {
                                    std::to_string(options.shards);
 }
 
+// Runs the pending captures on `options.jobs` workers (or default_jobs()),
+// each taking the next capture until none is left or a signal came; the
+// capture in flight always finishes. Every row is journalled, then handed
+// to `record`. A failure to journal stops every worker after its capture
+// and is thrown on. Returns how many captures were run.
+size_t run_pending(const std::vector<const CaptureJob*>& pending, const BatchOptions& options,
+                   Journal& journal, const std::function<void(const SummaryRow&)>& record) {
+  References references;
+  Progress progress(static_cast<int>(pending.size()));
+  std::atomic<size_t> next{0};
+  std::atomic<bool> failed{false};
+  std::mutex failure_lock;
+  std::exception_ptr failure;
+  auto work = [&] {
+    try {
+      for (size_t i; g_signal == 0 && !failed && (i = next++) < pending.size();) {
+        const SummaryRow row = run_capture(*pending[i], options, references);
+        journal.append(row);
+        record(row);
+        progress.finished(row, std::stod(row.values[row.values.size() - 2]));
+      }
+    } catch (...) {
+      std::lock_guard<std::mutex> guard(failure_lock);
+      if (!failure) failure = std::current_exception();
+      failed = true;
+    }
+  };
+  const int workers = std::min<int>(options.jobs > 0 ? options.jobs : default_jobs(),
+                                    std::max<size_t>(pending.size(), 1));
+  std::vector<std::thread> threads;
+  for (int t = 0; t < workers; ++t) threads.emplace_back(work);
+  for (std::thread& thread : threads) thread.join();
+  progress.end();
+  if (failure) std::rethrow_exception(failure);
+  return std::min<size_t>(next, pending.size());
+}
+
 }  // namespace
 
 int default_jobs() {
@@ -238,40 +276,11 @@ int run_batch(const BatchOptions& options) {
   sigaction(SIGINT, &action, nullptr);
   sigaction(SIGTERM, &action, nullptr);
 
-  References references;
-  Progress progress(static_cast<int>(pending.size()));
   std::mutex rows_lock;
-  std::atomic<size_t> next{0};
-  std::atomic<bool> failed{false};
-  const int workers = std::min<int>(options.jobs > 0 ? options.jobs : default_jobs(),
-                                    std::max<size_t>(pending.size(), 1));
-  // Each worker takes the next capture until none is left or a signal came;
-  // the capture in flight always finishes. A failure to record a row stops
-  // every worker after its capture and travels on to the caller.
-  std::mutex failure_lock;
-  std::exception_ptr failure;
-  auto work = [&] {
-    try {
-      for (size_t i; g_signal == 0 && !failed && (i = next++) < pending.size();) {
-        const SummaryRow row = run_capture(*pending[i], options, references);
-        journal.append(row);
-        {
-          std::lock_guard<std::mutex> guard(rows_lock);
-          rows[row.id] = row;
-        }
-        progress.finished(row, std::stod(row.values[row.values.size() - 2]));
-      }
-    } catch (...) {
-      std::lock_guard<std::mutex> guard(failure_lock);
-      if (!failure) failure = std::current_exception();
-      failed = true;
-    }
-  };
-  std::vector<std::thread> threads;
-  for (int t = 0; t < workers; ++t) threads.emplace_back(work);
-  for (std::thread& thread : threads) thread.join();
-  if (failure) std::rethrow_exception(failure);
-  progress.end();
+  const size_t run = run_pending(pending, options, journal, [&](const SummaryRow& row) {
+    std::lock_guard<std::mutex> guard(rows_lock);
+    rows[row.id] = row;
+  });
 
   std::vector<SummaryRow> summary;
   std::map<std::string, int> counts;
@@ -284,7 +293,6 @@ int run_batch(const BatchOptions& options) {
     if (options.fast) ++counts["path " + it->second.values.at(path_value)];
   }
   write_summary((root / ("summary" + shard_tag(options) + ".csv")).string(), columns, summary);
-  const size_t run = std::min<size_t>(next, pending.size());
   const double seconds = seconds_since(start);
   std::fprintf(stderr,
                "%zu of %zu captures recorded: %d aligned, %d not_found, %d error; %zu run now in "

@@ -1,6 +1,5 @@
-// Whole alignments through the binaries on simulated captures with known
-// corners: what framealign prints and writes, and framealign-batch as a
-// user runs it: the same result folders, the summary, faults as rows,
+// framealign-batch as a user runs it, on simulated captures with known
+// corners: framealign's result folders, the summary, faults as rows,
 // resumption after a stop or a kill, shards through GNU parallel and a
 // Slurm job array.
 #include <signal.h>
@@ -13,29 +12,11 @@
 #include <gtest/gtest.h>
 #include <opencv2/imgcodecs.hpp>
 
-#include "cli/run_tool.h"
+#include "cli/captures.h"
 
 namespace {
 
 const std::string kBatch = FRAMEALIGN_BATCH;
-
-// Splits at every `separator`.
-std::vector<std::string> split(const std::string& text, char separator) {
-  std::vector<std::string> parts;
-  std::istringstream in(text);
-  for (std::string part; std::getline(in, part, separator);) parts.push_back(part);
-  return parts;
-}
-
-// "best score: S\nalignment time: Nms\n" gives S; any other form gives "".
-std::string printed_score(const std::string& out) {
-  char score[64] = {};
-  unsigned ms = 0;
-  int end = 0;
-  const bool ok = std::sscanf(out.c_str(), "best score: %63[^\n]\nalignment time: %ums%n", score, &ms, &end) == 2 &&
-                  out.substr(end) == "\n";
-  return ok ? score : "";
-}
 
 // The summary without its timing column, which no two runs share.
 std::string summary(const std::string& path) {
@@ -49,28 +30,11 @@ std::string summary(const std::string& path) {
   return out;
 }
 
-// Five captures of one 640 x 360 reference, the third mirrored (not found
-// without --advanced), and the
-// list of the first four; one whole uninterrupted batch of them.
+// The shared captures and one whole uninterrupted batch of the first four.
 class Batch : public testing::Test {
  protected:
   static void SetUpTestSuite() {
-    const cv::Mat reference = make_reference_frame(640, 360, 301);
-    write_yuv420(dir_.file("ref.yuv"), reference);
-    std::ofstream list(dir_.file("list.csv"));
-    list << "input,id\n";
-    for (int i = 1; i <= 5; ++i) {
-      CaptureSettings s;
-      s.capture_width = 960;
-      s.capture_height = 720;
-      s.seed = i;
-      s.mirror = i == 3;
-      const Capture capture = render_capture(reference, s);
-      std::copy(capture.corners, capture.corners + 8, corners_[i]);
-      cv::imwrite(dir_.file("c" + std::to_string(i) + ".jpg"), capture.picture);
-      if (i < 5) list << "./c" << i << ".jpg,cap" << i << "\n";
-    }
-    list.close();
+    write_captures(dir_, corners_);
     full_ = run_tool(args("full"), dir_, kBatch);
   }
   static std::vector<std::string> args(const std::string& root, std::vector<std::string> more = {}) {
@@ -91,54 +55,6 @@ class Batch : public testing::Test {
   static inline ToolRun full_;
   static inline double corners_[6][8];
 };
-
-// framealign locates the frames within 2 px of the truth and prints its
-// score; slots k..2k-1 are the CLAHE(20, 32 x 32) copies of slots 0..k-1
-// and share their corners; a frame not found leaves only best_result.txt.
-TEST_F(Batch, FramealignFindsTheFrames) {
-  const ToolRun r = run_tool({"--input-file", "./c2.jpg", "--reference-file", "./ref.yuv", "--width", "640",
-                              "--height", "360", "--result-folder", "fa"}, dir_);
-  ASSERT_NE(printed_score(r.out), "") << r.out << r.err;
-  EXPECT_NEAR(std::stod(read_text(dir_.file("fa/best_result.txt"))), std::stod(printed_score(r.out)), 1e-5);
-  for (int i : {1, 2, 4}) {
-    const std::vector<std::string> pts = split(read_text(dir_.file("full/cap" + std::to_string(i) + "/pts_0.txt")), ' ');
-    for (int c = 0; c < 8; ++c) EXPECT_NEAR(std::stod(pts.at(c)), corners_[i][c], 2.0) << i;
-  }
-  const size_t slots = (read_folder(dir_.file("fa")).size() - 1) / 3;
-  ASSERT_TRUE(slots == 2 || slots == 4 || slots == 6) << slots;
-  for (size_t i = slots / 2; i < slots; ++i) {
-    const std::string s = std::to_string(i), o = std::to_string(i % (slots / 2));
-    EXPECT_EQ(read_text(dir_.file("fa/pts_" + s + ".txt")), read_text(dir_.file("fa/pts_" + o + ".txt")));
-    std::vector<unsigned char> enhanced = read_bytes(dir_.file("fa/aligned_" + o + "__640xx360.yuv"));
-    adaptive_histogram_equalization(enhanced.data(), 640, 360, 20.0f, 32, 32);
-    EXPECT_EQ(read_bytes(dir_.file("fa/aligned_" + s + "__640xx360.yuv")), enhanced) << s;
-  }
-  EXPECT_EQ(read_folder(dir_.file("full/cap3")).size(), 1u);
-  EXPECT_EQ(read_text(dir_.file("full/cap3/best_result.txt")), "999999.000000\n");
-}
-
-// The feature caches let a missing reference align exactly as the reference
-// did; --no-rectify takes the input as it is and scores 0.
-TEST_F(Batch, FramealignCachesAndNoRectify) {
-  std::vector<std::string> args = {"--input-file", "./c4.jpg", "--reference-file", "./ref.yuv", "--width", "640",
-                                   "--height", "360", "--result-folder", "first"};
-  ToolRun r = run_tool(args, dir_);
-  for (const char* name : {"ref_0.ftrs", "c4_GAUSSIAN_BLUR.ftrs", "c4_ORIGINAL.ftrs", "c4_MORPHOLOGICAL_OPENING.ftrs"}) {
-    EXPECT_TRUE(std::filesystem::exists(dir_.file(name))) << name;
-  }
-  std::filesystem::copy_file(dir_.file("ref_0.ftrs"), dir_.file("away_0.ftrs"));
-  args[3] = "./away.yuv";
-  args[9] = "cached";
-  const ToolRun cached = run_tool(args, dir_);
-  EXPECT_EQ(printed_score(cached.out), printed_score(r.out));
-  EXPECT_TRUE(read_folder(dir_.file("cached")) == read_folder(dir_.file("first")));
-  cv::imwrite(dir_.file("other.png"), make_reference_frame(640, 360, 5));
-  r = run_tool({"--input-file", "other.png", "--reference-file", "./ref.yuv", "--width", "640", "--height", "360",
-                "--result-folder", "plain", "--no-rectify"}, dir_);
-  EXPECT_EQ(printed_score(r.out), "0");
-  EXPECT_EQ(read_text(dir_.file("plain/best_result.txt")), "0.000000\n");
-  EXPECT_EQ(read_folder(dir_.file("plain")).size(), 7u);
-}
 
 // Byte for byte what framealign writes, in each mode; the summary names the
 // best slot (the lowest of the slot scores) and its corners.
