@@ -222,7 +222,7 @@ struct QuickFeatures {
 };
 QuickFeatures quick_features(const cv::Mat& picture);
 
-// What a search is asked for beyond the spec of its attempts.
+// What a search is asked for beyond its attempts.
 struct SearchRequest {
   // Refine each successful attempt's geometry below a pixel before its slot
   // is warped (the scores stay the search's), and estimate its error.
