@@ -64,8 +64,14 @@ Reference Reference::from_yuv(const std::string& path, int width, int height, in
     const std::string cache = feature_cache_path(path, std::to_string(frame));
     const bool exists = file_exists(path);
     if (exists) extract_frame_from_yuv420_file(path, data->plane.data, width, height, frame);
-    // The cache comes first, as in framealign; the frame is computed only without one.
-    if (load_reference_features(cache, width, height, *data)) return Reference(data);
+    // The cache comes first, as in framealign; the frame is computed only
+    // without one, or when the cache is damaged (it is then written anew).
+    const CacheRead read = load_features(cache, data->keypoints, data->descriptors);
+    if (read.loaded) {
+      check_keypoints_fit(data->keypoints, width, height, "The feature cache " + cache);
+      return Reference(data);
+    }
+    if (!exists && !read.damage.empty()) throw Error("The feature cache " + read.damage);
     if (!exists) {
       throw Error("Reference file " + path + " does not exist, nor its feature cache " + cache);
     }
