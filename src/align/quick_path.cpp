@@ -52,6 +52,22 @@ QuickFeatures quick_features(const cv::Mat& picture) {
   return features;
 }
 
+namespace {
+
+// Where the corners of a width x height frame lie under `to_capture`.
+void frame_seen_through(const cv::Mat& to_capture, int width, int height, double* corners) {
+  double frame[8];
+  frame_corners(width, height, frame);
+  std::vector<cv::Point2f> seen;
+  cv::perspectiveTransform(corner_points(frame), seen, to_capture);
+  for (int i = 0; i < 4; ++i) {
+    corners[2 * i] = seen[i].x;
+    corners[2 * i + 1] = seen[i].y;
+  }
+}
+
+}  // namespace
+
 bool quick_rectified_img(const cv::Mat& image, const cv::Mat& reference,
                          const QuickFeatures& reference_quick,
                          const std::vector<cv::KeyPoint>& ref_keypoints,
@@ -93,14 +109,8 @@ bool quick_rectified_img(const cv::Mat& image, const cv::Mat& reference,
     return false;
   }
 
-  double frame[8], corners[8];
-  frame_corners(width, height, frame);
-  std::vector<cv::Point2f> seen;
-  cv::perspectiveTransform(corner_points(frame), seen, to_capture);
-  for (int i = 0; i < 4; ++i) {
-    corners[2 * i] = seen[i].x;
-    corners[2 * i + 1] = seen[i].y;
-  }
+  double corners[8];
+  frame_seen_through(to_capture, width, height, corners);
   if (!upright(corners) || !check_ref_pts_sanity(corners, image.cols, image.rows)) return false;
 
   std::vector<unsigned char> plane(luma_plane_size(width, height));

@@ -89,6 +89,53 @@ cv::Mat make_reference_frame(int width, int height, std::uint64_t seed, std::uin
   return frame;
 }
 
+// The camera's effects on the scene `img` (CV_32F, capture size), in this
+// order: moire over the screen, vignette, brightness, gamma, blur, noise.
+void camera_effects(cv::Mat& img, const CaptureSettings& s, cv::RNG& rng, cv::Size screen,
+                    const cv::Mat& screen_to_capture) {
+  const int cw = img.cols, ch = img.rows;
+  if (s.moire > 0) {
+    // Beating between the screen's pixel grid and the sensor's: a slanted
+    // fringe pattern over the screen area.
+    cv::Mat mask(screen, CV_8UC1, cv::Scalar(255));
+    cv::Mat screen_mask;
+    cv::warpPerspective(mask, screen_mask, screen_to_capture, img.size(), cv::INTER_LINEAR);
+    const double angle = rng.uniform(0.0, CV_PI);
+    const double period = rng.uniform(6.0, 14.0);
+    const double fx = std::cos(angle) * 2 * CV_PI / period, fy = std::sin(angle) * 2 * CV_PI / period;
+    for (int y = 0; y < ch; ++y) {
+      float* row = img.ptr<float>(y);
+      const unsigned char* m = screen_mask.ptr<unsigned char>(y);
+      for (int x = 0; x < cw; ++x) {
+        const double fringe = 1.0 + s.moire * std::sin(fx * x + fy * y) * (m[x] / 255.0);
+        row[x] = static_cast<float>(row[x] * fringe);
+      }
+    }
+  }
+  if (s.vignette > 0) {
+    const double r_max = std::hypot(cw / 2.0, ch / 2.0);
+    for (int y = 0; y < ch; ++y) {
+      float* row = img.ptr<float>(y);
+      for (int x = 0; x < cw; ++x) {
+        const double r = std::hypot(x - cw / 2.0, y - ch / 2.0) / r_max;
+        row[x] = static_cast<float>(row[x] * (1.0 - s.vignette * r * r));
+      }
+    }
+  }
+  img *= s.brightness;
+  if (s.gamma != 1.0) {
+    cv::max(img, 0.0, img);
+    cv::pow(img / 255.0, s.gamma, img);
+    img *= 255.0;
+  }
+  if (s.blur > 0) cv::GaussianBlur(img, img, cv::Size(0, 0), s.blur);
+  if (s.noise > 0) {
+    cv::Mat noise(img.size(), CV_32F);
+    rng.fill(noise, cv::RNG::NORMAL, 0.0, s.noise);
+    img += noise;
+  }
+}
+
 Capture render_capture(const cv::Mat& frame, const CaptureSettings& s) {
   cv::RNG rng(s.seed * 7919 + 17);
   const int cw = s.capture_width;
@@ -145,46 +192,7 @@ Capture render_capture(const cv::Mat& frame, const CaptureSettings& s) {
   // Camera effects, in floating point.
   cv::Mat img;
   scene.convertTo(img, CV_32F);
-  if (s.moire > 0) {
-    // Beating between the screen's pixel grid and the sensor's: a slanted
-    // fringe pattern over the screen area.
-    cv::Mat mask(screen.size(), CV_8UC1, cv::Scalar(255));
-    cv::Mat screen_mask;
-    cv::warpPerspective(mask, screen_mask, screen_to_capture, img.size(), cv::INTER_LINEAR);
-    const double angle = rng.uniform(0.0, CV_PI);
-    const double period = rng.uniform(6.0, 14.0);
-    const double fx = std::cos(angle) * 2 * CV_PI / period, fy = std::sin(angle) * 2 * CV_PI / period;
-    for (int y = 0; y < ch; ++y) {
-      float* row = img.ptr<float>(y);
-      const unsigned char* m = screen_mask.ptr<unsigned char>(y);
-      for (int x = 0; x < cw; ++x) {
-        const double fringe = 1.0 + s.moire * std::sin(fx * x + fy * y) * (m[x] / 255.0);
-        row[x] = static_cast<float>(row[x] * fringe);
-      }
-    }
-  }
-  if (s.vignette > 0) {
-    const double r_max = std::hypot(cw / 2.0, ch / 2.0);
-    for (int y = 0; y < ch; ++y) {
-      float* row = img.ptr<float>(y);
-      for (int x = 0; x < cw; ++x) {
-        const double r = std::hypot(x - cw / 2.0, y - ch / 2.0) / r_max;
-        row[x] = static_cast<float>(row[x] * (1.0 - s.vignette * r * r));
-      }
-    }
-  }
-  img *= s.brightness;
-  if (s.gamma != 1.0) {
-    cv::max(img, 0.0, img);
-    cv::pow(img / 255.0, s.gamma, img);
-    img *= 255.0;
-  }
-  if (s.blur > 0) cv::GaussianBlur(img, img, cv::Size(0, 0), s.blur);
-  if (s.noise > 0) {
-    cv::Mat noise(img.size(), CV_32F);
-    rng.fill(noise, cv::RNG::NORMAL, 0.0, s.noise);
-    img += noise;
-  }
+  camera_effects(img, s, rng, screen.size(), screen_to_capture);
   img.convertTo(capture.picture, CV_8U);
   if (s.mirror) cv::flip(capture.picture, capture.picture, 1);
   return capture;

@@ -103,3 +103,24 @@ TEST(calculateMatches, LocatesTheFrameForEveryPreprocessingType) {
 }
 
 }  // namespace
+
+// Plausible views of a 1920 x 1080 frame: every side at least a twentieth
+// of the frame, every corner between 45 and 135 degrees, the frame's own
+// turning direction. Parallelograms skewed to a corner angle of 44 and 46
+// degrees, rectangles just below and above the shortest sides.
+TEST(check_ref_pts_sanity, LimitsOfAPlausibleView) {
+  auto skewed = [](double degrees) {
+    const double d = 1080.0 / std::tan(degrees * CV_PI / 180.0);
+    return std::vector<double>{0, 0, 1920, 0, d, 1080, 1920 + d, 1080};
+  };
+  auto rectangle = [](double w, double h) { return std::vector<double>{0, 0, w, 0, 0, h, w, h}; };
+  const std::vector<std::pair<std::vector<double>, bool>> cases = {
+      {rectangle(1920, 1080), true},  {skewed(46), true},          {skewed(44), false},
+      {skewed(134), true},            {skewed(136), false},        {rectangle(97, 1080), true},
+      {rectangle(95, 1080), false},   {rectangle(1920, 55), true}, {rectangle(1920, 53), false},
+      {{1920, 0, 0, 0, 1920, 1080, 0, 1080}, false},  // mirrored left-right
+  };
+  for (size_t i = 0; i < cases.size(); ++i) {
+    EXPECT_EQ(check_ref_pts_sanity(cases[i].first.data(), 1920, 1080), cases[i].second) << i;
+  }
+}

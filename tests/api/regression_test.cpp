@@ -20,7 +20,7 @@ struct Case {
   void (*settings)(CaptureSettings&);
   void (*options)(framealign::AlignOptions&, const Capture&);
   const char* pinned;
-  bool unrelated = false;  // the capture shows another frame than the reference
+  enum Shown { REFERENCE, UNRELATED, OTHER_SHAPES } shown = REFERENCE;  // what the capture shows
 };
 
 // Tests are named after their case, not shown as bytes.
@@ -76,6 +76,24 @@ void hard(CaptureSettings& s) {
   s.moire = 0.35;
   s.perspective = 0.2;
 }
+// Captures on which some attempts fail: the failed slots move behind.
+void small_screen(CaptureSettings& s) {
+  s.screen_scale = 0.2;
+  s.blur = 2;
+  s.noise = 8;
+}
+void steep_small(CaptureSettings& s) {
+  s.perspective = 0.3;
+  s.blur = 2.5;
+  s.noise = 10;
+  s.screen_scale = 0.35;
+}
+void blurred_steep(CaptureSettings& s) {
+  s.blur = 4;
+  s.noise = 12;
+  s.moire = 0.4;
+  s.perspective = 0.25;
+}
 void search(framealign::AlignOptions&, const Capture&) {}
 void refined(framealign::AlignOptions& o, const Capture&) { o.refine = true; }
 void fast(framealign::AlignOptions& o, const Capture&) { o.fast = true; }
@@ -128,11 +146,31 @@ slot_scores
 corners
 est_error_px - path -
 files 7 37d80460549d85ac)"},
+    {"small_screen", 1, small_screen, search, R"(aligned score 10.7022764 slot 1
+slot_scores 12.0769428 10.7022764
+corners 462.875061 329.283203 634.494202 324.648468 457.602112 432.596771 647.942993 429.344574
+est_error_px - path -
+files 13 4d82995815b306f5)"},
+    {"steep_small", 3, steep_small, search, R"(aligned score 13.4169813 slot 0
+slot_scores 13.4169813
+corners 181.144211 204.127335 490.412384 126.453918 228.318878 309.004395 439.775024 386.979828
+est_error_px - path -
+files 7 b8df357c4edf6db6)"},
+    {"blurred_steep", 3, blurred_steep, search, R"(aligned score 5.42863072 slot 0
+slot_scores 5.42863072 10.8551556
+corners 92.641708 193.011871 707.943054 72.049141 159.192047 413.576691 670.175720 556.054626
+est_error_px - path -
+files 13 bcdb1c54a876f247)"},
+    {"other_shapes", 1, plain, search, R"(not_found score 999999 slot -
+slot_scores
+corners
+est_error_px - path -
+files 1 c13a206f4237004b)", Case::OTHER_SHAPES},
     {"unrelated", 14, plain, search, R"(not_found score 999999 slot -
 slot_scores
 corners
 est_error_px - path -
-files 1 c13a206f4237004b)", true},
+files 1 c13a206f4237004b)", Case::UNRELATED},
 };
 
 class Pinned : public testing::TestWithParam<Case> {};
@@ -140,7 +178,9 @@ class Pinned : public testing::TestWithParam<Case> {};
 TEST_P(Pinned, ResultsAndFilesAreUnchanged) {
   const Case& c = GetParam();
   const cv::Mat frame = make_reference_frame(640, 360, c.seed);
-  const cv::Mat shown = c.unrelated ? make_reference_frame(640, 360, c.seed + 1000) : frame;
+  const cv::Mat shown = c.shown == Case::UNRELATED      ? make_reference_frame(640, 360, c.seed + 1000)
+                        : c.shown == Case::OTHER_SHAPES ? make_reference_frame(640, 360, c.seed, c.seed + 1)
+                                                        : frame;
   CaptureSettings settings;
   settings.capture_width = 960;
   settings.capture_height = 720;
