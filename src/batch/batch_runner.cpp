@@ -15,10 +15,12 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <set>
 #include <thread>
 
 #include <opencv2/core.hpp>
 
+#include "batch/result_root.h"
 #include "batch/summary.h"
 #include "framealign/framealign.h"
 
@@ -105,22 +107,30 @@ std::vector<std::string> result_values(const framealign::AlignResult* result,
   return values;
 }
 
-// Aligns one capture into <root>/.partial/<id>, then renames that folder to
-// <root>/<id>, so that a folder under its own name is always complete.
+// One line of text: the journal keeps a row to a line.
+std::string one_line(std::string text) {
+  for (char& c : text) {
+    if (c == '\n' || c == '\r') c = ' ';
+  }
+  return text;
+}
+
+// Aligns one capture into <root>/.partial/<id> and swaps that folder in
+// for <root>/<id>, so that a folder under its own name is always complete.
+// A failure leaves an earlier result of the capture where it was.
 SummaryRow run_capture(const CaptureJob& job, const BatchOptions& options,
-                       References& references) {
+                       References& references, ResultRoot& root) {
   const auto start = Clock::now();
-  const fs::path root(options.result_root);
-  const fs::path partial = root / ".partial" / job.id;
-  const fs::path folder = root / job.id;
   SummaryRow row{job.id, job.input, "error", {}};
+  const std::string foreign = root.foreign(job.id);
+  if (!foreign.empty()) {
+    row.values = result_values(nullptr, options, seconds_since(start), foreign);
+    return row;
+  }
   try {
     const framealign::Reference& reference = references.get(job.reference);
     const cv::Mat capture =
         framealign::read_capture(job.input, job.reference.width, job.reference.height);
-    fs::remove_all(partial);
-    fs::create_directories(partial);
-
     framealign::AlignOptions align_options;
     align_options.advanced = options.advanced;
     align_options.refine = options.refine;
@@ -129,16 +139,15 @@ SummaryRow run_capture(const CaptureJob& job, const BatchOptions& options,
     if (!options.outputs.empty()) align_options.outputs = options.outputs;
     if (options.capture_cache) align_options.capture_cache = job.input;
     const framealign::AlignResult result = framealign::align(capture, reference, align_options);
-    result.save(partial.string());
-    fs::remove_all(folder);
-    fs::rename(partial, folder);
+    result.save(root.fresh_partial(job.id));
+    root.install(job.id);
     row.status = result.status;
     row.values = result_values(&result, options, seconds_since(start), "");
   } catch (const std::exception& e) {
-    std::error_code ignored;
-    fs::remove_all(partial, ignored);
-    fs::remove_all(folder, ignored);  // no folder that the summary does not vouch for
-    row.values = result_values(nullptr, options, seconds_since(start), e.what());
+    root.discard(job.id);
+    std::string message = one_line(e.what());
+    if (root.has_result(job.id)) message += " (the earlier result in " + root.folder(job.id) + " is kept)";
+    row.values = result_values(nullptr, options, seconds_since(start), message);
   }
   return row;
 }
@@ -191,7 +200,8 @@ std::string shard_tag(const BatchOptions& options) {
 // to `record`. A failure to journal stops every worker after its capture
 // and is thrown on. Returns how many captures were run.
 size_t run_pending(const std::vector<const CaptureJob*>& pending, const BatchOptions& options,
-                   Journal& journal, const std::function<void(const SummaryRow&)>& record) {
+                   ResultRoot& root, Journal& journal,
+                   const std::function<void(const SummaryRow&)>& record) {
   References references;
   Progress progress(static_cast<int>(pending.size()));
   std::atomic<size_t> next{0};
@@ -201,7 +211,7 @@ size_t run_pending(const std::vector<const CaptureJob*>& pending, const BatchOpt
   auto work = [&] {
     try {
       for (size_t i; g_signal == 0 && !failed && (i = next++) < pending.size();) {
-        const SummaryRow row = run_capture(*pending[i], options, references);
+        const SummaryRow row = run_capture(*pending[i], options, references, root);
         journal.append(row);
         record(row);
         progress.finished(row, std::stod(row.values[row.values.size() - 2]));
@@ -246,38 +256,45 @@ int run_batch(const BatchOptions& options) {
     return 2;
   }
   const std::vector<CaptureJob> jobs = shard_of(all, options.shard, options.shards);
-  const fs::path root(options.result_root);
-  std::error_code error;
-  fs::create_directories(root / ".partial", error);
-  if (error) {
-    std::cerr << "framealign-batch: cannot create " << (root / ".partial").string() << ": "
-              << error.message() << "\n";
+  std::unique_ptr<ResultRoot> root;
+  try {
+    root = std::make_unique<ResultRoot>(options.result_root, shard_tag(options));
+  } catch (const RootError& e) {
+    std::cerr << "framealign-batch: " << e.what() << "\n";
     return 2;
   }
   framealign::keep_freed_memory_for_reuse();
 
   // What earlier runs finished stays: its folder is complete and its row recorded.
   const std::vector<std::string> columns = summary_columns(options.refine, options.fast);
-  std::map<std::string, SummaryRow> rows = read_recorded_rows(root, columns);
+  std::vector<std::string> warnings;
+  std::map<std::string, SummaryRow> rows = read_recorded_rows(options.result_root, columns, warnings);
+  for (const std::string& warning : warnings) std::cerr << "framealign-batch: " << warning << "\n";
+  std::set<std::string> recorded;
+  for (const auto& [id, row] : rows) {
+    if (row.status != "error") recorded.insert(id);  // its folder was the batch's result
+  }
+  root->add_recorded(recorded);
   std::vector<const CaptureJob*> pending;
   for (const CaptureJob& job : jobs) {
-    fs::remove_all(root / ".partial" / job.id, error);
+    root->discard(job.id);
     const auto it = rows.find(job.id);
     const bool done = !options.force && it != rows.end() && it->second.input == job.input &&
-                      it->second.status != "error" && fs::exists(root / job.id / "best_result.txt");
+                      it->second.status != "error" && root->has_result(job.id);
     if (done) continue;
     rows.erase(job.id);
     pending.push_back(&job);
   }
 
-  Journal journal((root / (".journal" + shard_tag(options))).string());
+  const fs::path root_path(options.result_root);
+  Journal journal((root_path / (".journal" + shard_tag(options))).string());
   struct sigaction action = {};
   action.sa_handler = on_signal;
   sigaction(SIGINT, &action, nullptr);
   sigaction(SIGTERM, &action, nullptr);
 
   std::mutex rows_lock;
-  const size_t run = run_pending(pending, options, journal, [&](const SummaryRow& row) {
+  const size_t run = run_pending(pending, options, *root, journal, [&](const SummaryRow& row) {
     std::lock_guard<std::mutex> guard(rows_lock);
     rows[row.id] = row;
   });
@@ -292,7 +309,7 @@ int run_batch(const BatchOptions& options) {
     ++counts[it->second.status];
     if (options.fast) ++counts["path " + it->second.values.at(path_value)];
   }
-  write_summary((root / ("summary" + shard_tag(options) + ".csv")).string(), columns, summary);
+  write_summary((root_path / ("summary" + shard_tag(options) + ".csv")).string(), columns, summary);
   const double seconds = seconds_since(start);
   std::fprintf(stderr,
                "%zu of %zu captures recorded: %d aligned, %d not_found, %d error; %zu run now in "

@@ -33,6 +33,12 @@ std::string bad_id(const std::string& id) {
   if (id == "." || id == ".." || id.find('/') != std::string::npos || id[0] == '.') {
     return "id '" + id + "' is not a plain file name";
   }
+  // The longest name one folder entry may have on Linux file systems.
+  constexpr std::size_t kLongestName = 255;
+  if (id.size() > kLongestName) {
+    return "id '" + id.substr(0, 24) + "...' is " + std::to_string(id.size()) +
+           " bytes long, more than a file name may be (" + std::to_string(kLongestName) + ")";
+  }
   if (id.rfind("summary", 0) == 0 && id.size() > 4 && id.compare(id.size() - 4, 4, ".csv") == 0) {
     return "id '" + id + "' is the name of a summary file";
   }
@@ -64,14 +70,19 @@ void check_ids(const std::vector<CaptureJob>& jobs, const std::string& where,
 }  // namespace
 
 std::vector<CaptureJob> read_capture_list(const std::string& path, const ReferenceFrame& defaults) {
+  std::error_code error;
+  if (std::filesystem::is_directory(path, error)) throw ListError("the list " + path + " is a folder");
   std::ifstream in(path, std::ios::binary);
   if (!in) throw ListError("cannot read the list " + path);
   std::stringstream text;
   text << in.rdbuf();
+  std::string content = text.str();
+  // Spreadsheets start a CSV file with a UTF-8 byte-order mark.
+  if (content.rfind("\xEF\xBB\xBF", 0) == 0) content.erase(0, 3);
   const std::string where = path + ":";
   std::vector<CsvRecord> records;
   try {
-    records = parse_csv(text.str());
+    records = parse_csv(content);
   } catch (const CsvError& e) {
     throw ListError(where + std::to_string(e.line) + ": " + e.what());
   }

@@ -4,6 +4,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
@@ -29,52 +30,92 @@ std::vector<std::string> SummaryRow::fields() const {
 
 namespace {
 
+// Whether a record has the width of some run's summary: a row of another
+// form (a run with other options), not a damaged one.
+bool some_layout(std::size_t fields) {
+  for (bool refined : {false, true}) {
+    for (bool fast : {false, true}) {
+      if (fields == summary_columns(refined, fast).size()) return true;
+    }
+  }
+  return false;
+}
+
+// Reads the rows of one summary or journal, a record to a line. A line that
+// is not a whole record (cut by a kill, or damaged) is left out with a
+// warning naming it; every other row is kept.
 void read_rows(const std::string& path, const std::vector<std::string>& columns,
-               std::map<std::string, SummaryRow>& rows) {
+               std::map<std::string, SummaryRow>& rows, std::vector<std::string>& warnings) {
   std::ifstream in(path, std::ios::binary);
   std::stringstream text;
   text << in.rdbuf();
-  std::string content = text.str();
-  // A line without its end was cut off by a kill; it is not a row.
-  const size_t end = content.rfind('\n');
-  content.resize(end == std::string::npos ? 0 : end + 1);
-  std::vector<CsvRecord> records;
-  try {
-    records = parse_csv(content);
-  } catch (const CsvError&) {
-    return;  // not written by this program
+  const std::string content = text.str();
+  int number = 0;
+  for (std::size_t begin = 0; begin < content.size();) {
+    const std::size_t end = content.find('\n', begin);
+    const bool whole = end != std::string::npos;
+    const std::string line = content.substr(begin, whole ? end - begin : std::string::npos);
+    begin = whole ? end + 1 : content.size();
+    ++number;
+    if (line.empty()) continue;
+    std::vector<CsvRecord> records;
+    try {
+      records = parse_csv(line + "\n");
+    } catch (const CsvError&) {
+    }
+    const bool known = whole && records.size() == 1 && some_layout(records[0].fields.size());
+    if (!known) {
+      warnings.push_back("skipping line " + std::to_string(number) + " of " + path +
+                         (whole ? ": not a row" : ": cut off"));
+      continue;
+    }
+    const std::vector<std::string>& fields = records[0].fields;
+    if (fields.size() != columns.size() || fields == columns) continue;
+    rows[fields[0]] = SummaryRow{fields[0], fields[1], fields[2], {fields.begin() + 3, fields.end()}};
   }
-  for (const CsvRecord& record : records) {
-    if (record.fields.size() != columns.size() || record.fields == columns) continue;
-    SummaryRow row{record.fields[0], record.fields[1], record.fields[2],
-                   {record.fields.begin() + 3, record.fields.end()}};
-    rows[row.id] = row;
+}
+
+// Files of `root` whose names start with `prefix` (and end with `suffix`),
+// oldest first: a later file's row for an id is the newer one.
+std::vector<std::string> by_age(const std::string& root, const std::string& prefix,
+                                const std::string& suffix) {
+  std::vector<std::pair<std::filesystem::file_time_type, std::string>> found;
+  std::error_code error;
+  for (const auto& entry : std::filesystem::directory_iterator(root, error)) {
+    const std::string name = entry.path().filename().string();
+    if (name.rfind(prefix, 0) != 0 || name.size() < suffix.size() ||
+        name.compare(name.size() - suffix.size(), suffix.size(), suffix) != 0 ||
+        !entry.is_regular_file(error)) {
+      continue;
+    }
+    found.emplace_back(entry.last_write_time(error), entry.path().string());
   }
+  std::sort(found.begin(), found.end());
+  std::vector<std::string> paths;
+  for (const auto& [time, path] : found) paths.push_back(path);
+  return paths;
 }
 
 }  // namespace
 
 std::map<std::string, SummaryRow> read_recorded_rows(const std::string& root,
-                                                     const std::vector<std::string>& columns) {
-  std::vector<std::string> summaries, journals;
-  std::error_code error;
-  for (const auto& entry : std::filesystem::directory_iterator(root, error)) {
-    const std::string name = entry.path().filename().string();
-    if (name.rfind("summary", 0) == 0 && entry.path().extension() == ".csv") {
-      summaries.push_back(entry.path().string());
-    } else if (name.rfind(".journal", 0) == 0) {
-      journals.push_back(entry.path().string());
-    }
-  }
+                                                     const std::vector<std::string>& columns,
+                                                     std::vector<std::string>& warnings) {
   std::map<std::string, SummaryRow> rows;
-  for (const std::string& path : summaries) read_rows(path, columns, rows);
-  for (const std::string& path : journals) read_rows(path, columns, rows);
+  for (const std::string& path : by_age(root, "summary", ".csv")) read_rows(path, columns, rows, warnings);
+  for (const std::string& path : by_age(root, ".journal", "")) read_rows(path, columns, rows, warnings);
   return rows;
 }
 
-Journal::Journal(const std::string& path) : path_(path), file_(std::fopen(path.c_str(), "ab")) {
+Journal::Journal(const std::string& path) : path_(path), file_(std::fopen(path.c_str(), "ab+")) {
   if (file_ == nullptr) {
     throw std::runtime_error("cannot write the journal " + path + ": " + std::strerror(errno));
+  }
+  // A line cut by a kill is ended, so that the next row starts a line of its own.
+  if (std::fseek(file_, -1, SEEK_END) == 0 && std::fgetc(file_) != '\n') {
+    if (std::fputc('\n', file_) == EOF || std::fflush(file_) != 0) {
+      throw std::runtime_error("cannot write the journal " + path + ": " + std::strerror(errno));
+    }
   }
 }
 

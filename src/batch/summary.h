@@ -26,11 +26,13 @@ struct SummaryRow {
 };
 
 // Rows by id from every summary*.csv and .journal* file in `root`; a later
-// row for an id replaces an earlier one, journals after summaries. Torn
-// last lines (a batch killed mid-write) and rows of another form, a run's
-// with other columns included, are left out.
+// row for an id replaces an earlier one: journals after summaries, each
+// kind oldest file first, and within a file line after line. Rows of
+// another form (a run with other columns) are left out; a line that is no
+// row at all (cut by a kill, or damaged) is left out with a warning.
 std::map<std::string, SummaryRow> read_recorded_rows(const std::string& root,
-                                                     const std::vector<std::string>& columns);
+                                                     const std::vector<std::string>& columns,
+                                                     std::vector<std::string>& warnings);
 
 // Appends rows to a journal file, one whole line per write, flushed.
 class Journal {

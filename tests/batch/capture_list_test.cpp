@@ -40,6 +40,8 @@ TEST(read_capture_list, BadListsNameTheLine) {
       {"input\n\"a\"b.jpg\n", ":2: text after a closing quote"},
       {std::string("input\na\0.jpg\n", 13), ":2: a NUL byte"},
       {"", ":1: no header row"},
+      {"input,id\na.jpg," + std::string(256, 'i') + "\n",
+       ":2: id 'iiiiiiiiiiiiiiiiiiiiiiii...' is 256 bytes long, more than a file name may be (255)"},
   };
   TempDir dir;
   ReferenceFrame defaults;
@@ -58,6 +60,13 @@ TEST(read_capture_list, BadListsNameTheLine) {
   EXPECT_EQ(refusal("input\na\n", ReferenceFrame()),
             dir.file("l.csv") + ":2: no reference (column 'reference' or --reference-file)");
   EXPECT_THROW(read_capture_list(dir.file("none.csv"), defaults), ListError);
+  EXPECT_EQ(refusal("\xEF\xBB\xBFinput,id\na.jpg,\n", defaults), "accepted");  // a spreadsheet's byte-order mark
+  try {
+    read_capture_list(dir.path().string(), defaults);
+    ADD_FAILURE() << "a folder was read as a list";
+  } catch (const ListError& e) {
+    EXPECT_EQ(std::string(e.what()), "the list " + dir.path().string() + " is a folder");
+  }
 }
 
 }  // namespace

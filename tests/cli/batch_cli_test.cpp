@@ -2,7 +2,9 @@
 // corners: framealign's result folders, the summary, faults as rows,
 // resumption after a stop or a kill, shards through GNU parallel and a
 // Slurm job array.
+#include <fcntl.h>
 #include <signal.h>
+#include <sys/file.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -191,6 +193,50 @@ TEST_F(Batch, FaultsAreRows) {
       "small,./c5.jpg,error,,,,,,,,,,,,,The feature cache ./gone_0.ftrs holds keypoints outside the 320x180 frame"};
   const std::vector<std::string> rows = split(summary(dir_.file("faults/summary.csv")), '\n');
   for (size_t i = 0; i < expected.size(); ++i) EXPECT_EQ(rows.at(i + 1).substr(0, expected[i].size()), expected[i]);
+}
+
+// The batch never touches what it did not make, keeps an earlier result
+// when a rerun fails, lets one run at a time use a root, skips a torn
+// journal line with a warning, and retries error rows; the newest row of
+// any journal wins.
+TEST_F(Batch, KeepsWhatItDidNotMakeAndWhatWasFinished) {
+  std::filesystem::create_directories(dir_.file("guarded/cap2"));
+  write_bytes(dir_.file("guarded/cap2/mine.txt"), {'m'});
+  ToolRun r = run_tool(args("guarded"), dir_, kBatch);
+  EXPECT_EQ(r.exit_code, 1);
+  EXPECT_NE(summary(dir_.file("guarded/summary.csv")).find("guarded/cap2 was not made by framealign-batch"),
+            std::string::npos);
+  EXPECT_EQ(read_folder(dir_.file("guarded/cap2")).size(), 1u);
+  const Folder cap1 = read_folder(dir_.file("guarded/cap1"));
+  std::ofstream(dir_.file("guarded/.journal"), std::ios::app) << "cap1,./c1.jpg,alig";  // cut by a kill
+  {
+    const int fd = ::open(dir_.file("guarded/.lock").c_str(), O_RDWR);
+    ASSERT_EQ(::flock(fd, LOCK_EX | LOCK_NB), 0);
+    r = run_tool(args("guarded"), dir_, kBatch);
+    EXPECT_EQ(r.exit_code, 2);
+    EXPECT_NE(r.err.find("guarded/.lock is held by process "), std::string::npos) << r.err;
+    ::close(fd);
+  }
+  std::vector<std::string> mistyped = args("guarded", {"--force"});
+  *std::find(mistyped.begin(), mistyped.end(), "./ref.yuv") = "./nope.yuv";
+  r = run_tool(mistyped, dir_, kBatch);
+  EXPECT_EQ(r.exit_code, 1);
+  EXPECT_NE(r.err.find("skipping line 5 of guarded/.journal: cut off"), std::string::npos) << r.err;
+  EXPECT_TRUE(read_folder(dir_.file("guarded/cap1")) == cap1);
+  EXPECT_NE(summary(dir_.file("guarded/summary.csv")).find("(the earlier result in guarded/cap1 is kept)"),
+            std::string::npos);
+  EXPECT_NE(read_text(dir_.file("guarded/.journal")).find("cap1,./c1.jpg,alig\ncap"), std::string::npos);
+  // Shard 1 runs its errors (cap1, cap3) again; its journal is then the
+  // newest, so the whole run after it takes cap1 as aligned and runs only
+  // the other errors again (cap2, still not the batch's, and cap4).
+  EXPECT_EQ(run_tool(args("guarded", {"--shard", "1/2"}), dir_, kBatch).exit_code, 0);
+  r = run_tool(args("guarded"), dir_, kBatch);
+  EXPECT_NE(r.err.find("4 of 4 captures recorded: 2 aligned, 1 not_found, 1 error; 2 run now"), std::string::npos)
+      << r.err;
+  EXPECT_EQ(summary(dir_.file("guarded/summary.csv")).find("cap1,./c1.jpg,error"), std::string::npos);
+  EXPECT_EQ(read_folder(dir_.file("guarded/cap2")).size(), 1u);
+  EXPECT_EQ(run_tool({"--result-root", "", "./c1.jpg", "--reference-file", "./ref.yuv"}, dir_, kBatch).err,
+            "framealign-batch: --result-root is empty\n");
 }
 
 // Stopped by SIGTERM while its second capture runs, then killed while its
