@@ -53,12 +53,15 @@ FRAMEALIGN_API const char* version();
 class FRAMEALIGN_API Reference {
  public:
   // Frame `frame` of a headerless planar YUV file (4:2:0 for videos, 4:4:4
-  // for pictures; only luma is read). Features come from the feature cache
-  // "<folder>/<stem>_<frame>.ftrs" beside it when there is one, else they are
-  // computed and that cache is written. With the file missing, the cache alone
-  // serves, and the frame's pixels are zeros. Throws Error when neither is
-  // there, when the file is too short, or when the cache is damaged or holds
-  // keypoints outside a width x height frame.
+  // for pictures; only luma is read). Its features come from the feature
+  // cache "<folder>/<stem>_<frame>.ftrs" beside it (in the current folder
+  // for a path without one) only when the note beside that cache
+  // ("<cache>.source") says it was made from this very frame; else they are
+  // computed, and the cache and its note written. With the file missing, the
+  // cache alone serves, and the frame's pixels are zeros. Throws Error when
+  // neither is there, when the file is too short for the frame, or when the
+  // cache is damaged or cannot belong to a width x height frame (keypoints
+  // outside it, or none beyond 60% of its width or height).
   static Reference from_yuv(const std::string& path, int width, int height, int frame = 0);
   // A grey picture (CV_8UC1, copied); features computed here.
   static Reference from_picture(const cv::Mat& grey);
@@ -114,6 +117,8 @@ struct AlignOptions {
   bool no_rectify = false;
   // The capture's file path, when its features may be cached beside it
   // ("<folder>/<stem>_<filter>.ftrs", read and written); empty: no cache.
+  // A cache file is used only when the note written beside it
+  // ("<cache>.source") says it was made from this very capture.
   std::string capture_cache;
 };
 

@@ -42,21 +42,28 @@ void check_outputs(const std::vector<int>& outputs) {
   }
 }
 
-// The capture's own cache entries (named ones) beside `base`; a damaged
-// file is a miss, and the features are computed and stored again.
-FeatureLoadCallback capture_cache_loader(const std::string& base) {
+// The capture's own cache entries (named ones) beside `base`, used only
+// when the note beside them says they were made from this very capture
+// (`fingerprint`); a damaged or unproven file is a miss, and the features
+// are computed and stored again, with their note.
+FeatureLoadCallback capture_cache_loader(const std::string& base, const std::string& fingerprint) {
   if (base.empty()) return nullptr;
-  return [base](std::vector<cv::KeyPoint>& keypoints, cv::Mat& descriptors, const char* name) {
-    return name != nullptr &&
-           load_features(feature_cache_path(base, name), keypoints, descriptors).loaded;
+  return [base, fingerprint](std::vector<cv::KeyPoint>& keypoints, cv::Mat& descriptors,
+                             const char* name) {
+    if (name == nullptr) return false;
+    const std::string path = feature_cache_path(base, name);
+    return cache_made_from(path, fingerprint) && load_features(path, keypoints, descriptors).loaded;
   };
 }
 
-FeatureSaveCallback capture_cache_saver(const std::string& base) {
+FeatureSaveCallback capture_cache_saver(const std::string& base, const std::string& fingerprint) {
   if (base.empty()) return nullptr;
-  return [base](const std::vector<cv::KeyPoint>& keypoints, const cv::Mat& descriptors,
-                const char* name) {
-    if (name != nullptr) save_features(feature_cache_path(base, name), keypoints, descriptors);
+  return [base, fingerprint](const std::vector<cv::KeyPoint>& keypoints, const cv::Mat& descriptors,
+                             const char* name) {
+    if (name == nullptr) return;
+    const std::string path = feature_cache_path(base, name);
+    save_features(path, keypoints, descriptors);
+    note_cache_source(path, fingerprint);
   };
 }
 
@@ -72,8 +79,9 @@ AlignmentJob make_job(const cv::Mat& input, const Reference::Data& reference,
   job.no_rectify = options.no_rectify;
   job.corners_given = options.corners.has_value();
   if (options.corners) std::copy(options.corners->begin(), options.corners->end(), job.pts);
-  job.load = reference_loader(reference, capture_cache_loader(options.capture_cache));
-  job.save = capture_cache_saver(options.capture_cache);
+  const std::string fingerprint = options.capture_cache.empty() ? "" : picture_fingerprint(input);
+  job.load = reference_loader(reference, capture_cache_loader(options.capture_cache, fingerprint));
+  job.save = capture_cache_saver(options.capture_cache, fingerprint);
   job.advanced = options.advanced;
   job.outputs = options.outputs;
   job.search.refine = options.refine || options.fast;

@@ -107,6 +107,22 @@ std::vector<std::string> result_values(const framealign::AlignResult* result,
   return values;
 }
 
+// Two different captures whose feature cache files would have one name
+// (x.jpg and x.png beside each other), said as the refusal; or "".
+std::string shared_capture_cache(const std::vector<CaptureJob>& jobs) {
+  std::map<std::string, std::string> by_cache;
+  for (const CaptureJob& job : jobs) {
+    const fs::path input(job.input);
+    const std::string cache = (input.parent_path() / input.stem()).string();
+    const auto [it, fresh] = by_cache.emplace(cache, job.input);
+    if (!fresh && it->second != job.input) {
+      return "--capture-cache: " + it->second + " and " + job.input + " would share the cache files " +
+             cache + "_<filter>.ftrs; rename one, or run without --capture-cache";
+    }
+  }
+  return "";
+}
+
 // One line of text: the journal keeps a row to a line.
 std::string one_line(std::string text) {
   for (char& c : text) {
@@ -253,6 +269,11 @@ int run_batch(const BatchOptions& options) {
                                : read_capture_list(options.list, options.defaults);
   } catch (const ListError& e) {
     std::cerr << "framealign-batch: " << e.what() << "\n";
+    return 2;
+  }
+  const std::string clash = options.capture_cache ? shared_capture_cache(all) : "";
+  if (!clash.empty()) {
+    std::cerr << "framealign-batch: " << clash << "\n";
     return 2;
   }
   const std::vector<CaptureJob> jobs = shard_of(all, options.shard, options.shards);

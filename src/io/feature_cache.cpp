@@ -1,6 +1,7 @@
 #include "io/feature_cache.h"
 
 #include <cstdint>
+#include <cstdio>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -147,6 +148,30 @@ CacheRead load_features(const std::string& path, std::vector<cv::KeyPoint>& keyp
   } catch (const std::exception& e) {
     return {false, e.what()};
   }
+}
+
+std::string picture_fingerprint(const cv::Mat& picture) {
+  std::uint64_t hash = 1469598103934665603ULL;  // FNV-1a, 64 bits
+  for (int r = 0; r < picture.rows; ++r) {
+    const unsigned char* row = picture.ptr(r);
+    const std::size_t bytes = picture.cols * picture.elemSize();
+    for (std::size_t c = 0; c < bytes; ++c) hash = (hash ^ row[c]) * 1099511628211ULL;
+  }
+  char text[64];
+  std::snprintf(text, sizeof(text), "%dx%d %016llx", picture.cols, picture.rows,
+                static_cast<unsigned long long>(hash));
+  return text;
+}
+
+bool cache_made_from(const std::string& cache, const std::string& fingerprint) {
+  std::ifstream in(cache + ".source");
+  std::string line;
+  return std::getline(in, line) && line == fingerprint;
+}
+
+void note_cache_source(const std::string& cache, const std::string& fingerprint) {
+  const std::string line = fingerprint + "\n";
+  replace_file(cache + ".source", line.data(), line.size());
 }
 
 }  // namespace framealign

@@ -39,4 +39,17 @@ void save_features(const std::string& path, const std::vector<cv::KeyPoint>& key
 CacheRead load_features(const std::string& path, std::vector<cv::KeyPoint>& keypoints,
                         cv::Mat& descriptors);
 
+// Which picture a cache was made from: its size and a checksum of its
+// pixels ("WxH" and 16 hex digits).
+std::string picture_fingerprint(const cv::Mat& picture);
+
+// Whether the note beside `cache` ("<cache>.source", which framealign
+// neither writes nor reads) says it was made from the picture of
+// `fingerprint`. A cache without a note is not proven to be.
+bool cache_made_from(const std::string& cache, const std::string& fingerprint);
+
+// Writes that note, after the cache itself. Failures are silent, as the
+// cache's own: without a note the cache is only not used.
+void note_cache_source(const std::string& cache, const std::string& fingerprint);
+
 }  // namespace framealign

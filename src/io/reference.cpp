@@ -2,6 +2,9 @@
 // computed once and then shared, read-only, by every alignment against it.
 #include "io/reference.h"
 
+#include <algorithm>
+#include <cstdint>
+#include <filesystem>
 #include <utility>
 
 #include "api/as_error.h"
@@ -21,6 +24,44 @@ void check_keypoints_fit(const std::vector<cv::KeyPoint>& keypoints, int width, 
                   std::to_string(height) + " frame: it was made for a reference of another size");
     }
   }
+}
+
+// Keypoints that all lie in a small part of the frame were found on a
+// smaller picture: a frame's own reach its far sides.
+void check_keypoints_cover(const std::vector<cv::KeyPoint>& keypoints, int width, int height,
+                           const std::string& source) {
+  float right = 0, bottom = 0;
+  for (const cv::KeyPoint& kp : keypoints) {
+    right = std::max(right, kp.pt.x);
+    bottom = std::max(bottom, kp.pt.y);
+  }
+  constexpr float kLeastReach = 0.6f;
+  if (!keypoints.empty() && (right < kLeastReach * width || bottom < kLeastReach * height)) {
+    throw Error(source + " holds keypoints only within " + std::to_string(int(right)) + "x" +
+                std::to_string(int(bottom)) + " of the " + std::to_string(width) + "x" +
+                std::to_string(height) + " frame: it was made for a smaller reference");
+  }
+}
+
+// A raw reference file must hold the frame asked for; checked before the
+// plane is allocated. (Pictures are checked by their decoder.)
+void check_frame_in_file(const std::string& path, int width, int height, int frame) {
+  if (lower_extension(path) != ".yuv") return;
+  std::error_code error;
+  const std::uintmax_t size = std::filesystem::file_size(path, error);
+  const std::int64_t needed = (std::max(frame, 0) + std::int64_t(1)) * yuv420_frame_size(width, height) -
+                              (yuv420_frame_size(width, height) - std::int64_t(width) * height);
+  if (!error && static_cast<std::int64_t>(size) < needed) {
+    throw Error("Reference file " + path + " holds " + std::to_string(size) + " bytes, too few for frame " +
+                std::to_string(frame) + " at " + std::to_string(width) + "x" + std::to_string(height));
+  }
+}
+
+// The reference's cache file: beside it, in the current folder when the
+// path has no folder part.
+std::string reference_cache_path(const std::string& path, int frame) {
+  const bool bare = std::filesystem::path(path).parent_path().empty();
+  return feature_cache_path(bare ? "./" + path : path, std::to_string(frame));
 }
 
 cv::Mat zero_plane(int width, int height) {
@@ -59,24 +100,34 @@ Reference::Reference(std::shared_ptr<Data> data) : data_(std::move(data)) {}
 
 Reference Reference::from_yuv(const std::string& path, int width, int height, int frame) {
   return as_error([&] {
+    luma_plane_size(width, height);  // refuses sizes a plane cannot have
+    const std::string cache = reference_cache_path(path, frame);
     auto data = std::make_shared<Data>();
-    data->plane = zero_plane(width, height);
-    const std::string cache = feature_cache_path(path, std::to_string(frame));
-    const bool exists = file_exists(path);
-    if (exists) extract_frame_from_yuv420_file(path, data->plane.data, width, height, frame);
-    // The cache comes first, as in framealign; the frame is computed only
-    // without one, or when the cache is damaged (it is then written anew).
-    const CacheRead read = load_features(cache, data->keypoints, data->descriptors);
-    if (read.loaded) {
+    if (!file_exists(path)) {
+      // The cache stands in for the frame, when it can belong to its size.
+      const CacheRead read = load_features(cache, data->keypoints, data->descriptors);
+      if (!read.damage.empty()) throw Error("The feature cache " + read.damage);
+      if (!read.loaded) {
+        throw Error("Reference file " + path + " does not exist, nor its feature cache " + cache);
+      }
       check_keypoints_fit(data->keypoints, width, height, "The feature cache " + cache);
+      check_keypoints_cover(data->keypoints, width, height, "The feature cache " + cache);
+      data->plane = zero_plane(width, height);
       return Reference(data);
     }
-    if (!exists && !read.damage.empty()) throw Error("The feature cache " + read.damage);
-    if (!exists) {
-      throw Error("Reference file " + path + " does not exist, nor its feature cache " + cache);
+    check_frame_in_file(path, width, height, frame);
+    data->plane = zero_plane(width, height);
+    extract_frame_from_yuv420_file(path, data->plane.data, width, height, frame);
+    // The frame's features come from a cache only when it was made from
+    // this very frame; else they are computed, and the cache written anew.
+    const std::string fingerprint = picture_fingerprint(data->plane);
+    if (cache_made_from(cache, fingerprint) &&
+        load_features(cache, data->keypoints, data->descriptors).loaded) {
+      return Reference(data);
     }
     SIFTdetectAndCompute(data->plane, data->keypoints, data->descriptors, false);
     save_features(cache, data->keypoints, data->descriptors);
+    note_cache_source(cache, fingerprint);
     return Reference(data);
   });
 }

@@ -20,6 +20,11 @@ namespace {
 
 const std::string kBatch = FRAMEALIGN_BATCH;
 
+std::vector<std::string> operator+(std::vector<std::string> a, const std::vector<std::string>& b) {
+  a.insert(a.end(), b.begin(), b.end());
+  return a;
+}
+
 // The summary without its timing column, which no two runs share.
 std::string summary(const std::string& path) {
   std::string text = read_text(path), out;
@@ -180,8 +185,14 @@ TEST_F(Batch, FaultsAreRows) {
   write_bytes(dir_.file("short.yuv"), std::vector<unsigned char>(100));
   cv::imwrite(dir_.file("flat.png"), cv::Mat(300, 400, CV_8UC1, cv::Scalar(90)));
   std::filesystem::copy_file(dir_.file("ref_0.ftrs"), dir_.file("gone_0.ftrs"));
-  std::ofstream(dir_.file("faults.csv")) << "input,id,reference,width,height\n./c5.jpg,,,,\nmissing.jpg,,,,\n"
-                                         << "notes.txt,,,,\nshort.yuv,,,,\nflat.png,,,,\n./c5.jpg,small,./gone.yuv,320,180\n";
+  write_yuv420(dir_.file("tiny.yuv"), make_reference_frame(320, 180, 5));
+  std::filesystem::copy_file(dir_.file("ref.yuv"), dir_.file("bare.yuv"));
+  ASSERT_EQ(run_tool({"--result-root", "tiny", "--reference-file", "./tiny.yuv", "--width", "320", "--height", "180",
+                      "./c5.jpg"}, dir_, kBatch).exit_code, 0);
+  std::filesystem::copy_file(dir_.file("tiny_0.ftrs"), dir_.file("gone2_0.ftrs"));
+  std::ofstream(dir_.file("faults.csv")) << "input,id,reference,width,height\n./c5.jpg,,bare.yuv,,\nmissing.jpg,,,,\n"
+                                         << "notes.txt,,,,\nshort.yuv,,,,\nflat.png,,,,\n./c5.jpg,small,./gone.yuv,320,180\n"
+                                         << "./c5.jpg,big,./gone2.yuv,640,360\n";
   const ToolRun r = run_tool({"--list", "faults.csv", "--reference-file", "./ref.yuv", "--width", "640", "--height",
                               "360", "--result-root", "faults"}, dir_, kBatch);
   EXPECT_EQ(r.exit_code, 1);
@@ -190,9 +201,11 @@ TEST_F(Batch, FaultsAreRows) {
       "notes,notes.txt,error,,,,,,,,,,,,,Unsupported input file format (.txt)",
       "short,short.yuv,error,,,,,,,,,,,,,Failed to read complete YUV420 data from file: short.yuv with resolution 640x360",
       "flat,flat.png,error,,,,,,,,,,,,,No features found to match against (a featureless picture?)",
-      "small,./c5.jpg,error,,,,,,,,,,,,,The feature cache ./gone_0.ftrs holds keypoints outside the 320x180 frame"};
+      "small,./c5.jpg,error,,,,,,,,,,,,,The feature cache ./gone_0.ftrs holds keypoints outside the 320x180 frame",
+      "big,./c5.jpg,error,,,,,,,,,,,,,The feature cache ./gone2_0.ftrs holds keypoints only within"};
   const std::vector<std::string> rows = split(summary(dir_.file("faults/summary.csv")), '\n');
   for (size_t i = 0; i < expected.size(); ++i) EXPECT_EQ(rows.at(i + 1).substr(0, expected[i].size()), expected[i]);
+  EXPECT_TRUE(std::filesystem::exists(dir_.file("bare_0.ftrs.source")));  // "bare.yuv": its cache beside it
 }
 
 // The batch never touches what it did not make, keeps an earlier result
@@ -237,6 +250,27 @@ TEST_F(Batch, KeepsWhatItDidNotMakeAndWhatWasFinished) {
   EXPECT_EQ(read_folder(dir_.file("guarded/cap2")).size(), 1u);
   EXPECT_EQ(run_tool({"--result-root", "", "./c1.jpg", "--reference-file", "./ref.yuv"}, dir_, kBatch).err,
             "framealign-batch: --result-root is empty\n");
+}
+
+// A capture's cache serves only the picture it was made from; captures
+// that would share cache files are refused before any work.
+TEST_F(Batch, CaptureCachesServeOnlyTheirPicture) {
+  std::filesystem::create_directories(dir_.file("cc"));
+  std::filesystem::copy_file(dir_.file("c1.jpg"), dir_.file("cc/x.jpg"));
+  const std::vector<std::string> cached = {"--reference-file", "./ref.yuv", "--width", "640", "--height", "360",
+                                           "--capture-cache", "--force", "--result-root", "cached"};
+  EXPECT_EQ(run_tool(cached + std::vector<std::string>{"./cc/x.jpg"}, dir_, kBatch).exit_code, 0);
+  EXPECT_TRUE(std::filesystem::exists(dir_.file("cc/x_ORIGINAL.ftrs.source")));
+  cv::imwrite(dir_.file("cc/x.jpg"), make_reference_frame(960, 720, 77));  // another picture, same name
+  EXPECT_EQ(run_tool(cached + std::vector<std::string>{"./cc/x.jpg"}, dir_, kBatch).exit_code, 0);
+  EXPECT_NE(read_text(dir_.file("cached/summary.csv")).find("x,./cc/x.jpg,not_found"), std::string::npos);
+  cv::imwrite(dir_.file("cc/x.png"), make_reference_frame(960, 720, 78));
+  std::ofstream(dir_.file("clash.csv")) << "input,id\n./cc/x.jpg,a\n./cc/x.png,b\n";
+  const ToolRun r = run_tool({"--list", "clash.csv", "--reference-file", "./ref.yuv", "--width", "640", "--height",
+                              "360", "--capture-cache", "--result-root", "clash"}, dir_, kBatch);
+  EXPECT_EQ(r.exit_code, 2);
+  EXPECT_EQ(r.err, "framealign-batch: --capture-cache: ./cc/x.jpg and ./cc/x.png would share the cache files "
+                   "./cc/x_<filter>.ftrs; rename one, or run without --capture-cache\n");
 }
 
 // Stopped by SIGTERM while its second capture runs, then killed while its
