@@ -22,6 +22,7 @@
 #pragma once
 
 #include <array>
+#include <atomic>
 #include <memory>
 #include <optional>
 #include <stdexcept>
@@ -41,6 +42,12 @@ namespace framealign {
 class FRAMEALIGN_API Error : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;
+};
+
+// An alignment stopped by its caller (AlignOptions::stop).
+class FRAMEALIGN_API Cancelled : public Error {
+ public:
+  using Error::Error;
 };
 
 // The library's version, "MAJOR.MINOR.PATCH".
@@ -120,6 +127,11 @@ struct AlignOptions {
   // A cache file is used only when the note written beside it
   // ("<cache>.source") says it was made from this very capture.
   std::string capture_cache;
+  // When given, another thread may set it to stop the alignment: it is
+  // checked before every stage (the longest, a SIFT extraction of the
+  // capture, takes about a second for 12 MP), and align then throws
+  // Cancelled.
+  const std::atomic<bool>* stop = nullptr;
 };
 
 // What align() found.

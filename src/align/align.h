@@ -16,6 +16,7 @@
 #pragma once
 
 #include <array>
+#include <atomic>
 #include <cstddef>
 #include <functional>
 #include <string>
@@ -236,7 +237,13 @@ struct SearchRequest {
   // The reference's quick features, when the caller keeps them; computed per
   // call otherwise.
   const QuickFeatures* quick_reference = nullptr;
+  // Set by another thread to stop the search: it is checked before every
+  // stage, which then throws Cancelled.
+  const std::atomic<bool>* stop = nullptr;
 };
+
+// Throws Cancelled when `stop` is set.
+void stop_if_asked(const std::atomic<bool>* stop);
 
 // What a search found beyond its slots.
 struct SearchReport {

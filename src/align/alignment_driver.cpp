@@ -92,6 +92,7 @@ cv::Mat AlignmentSlots::frame(int i) const {
 AlignmentSlots align_slots(const AlignmentJob& job) {
   cv::utils::logging::setLogLevel(cv::utils::logging::LOG_LEVEL_ERROR);
 
+  stop_if_asked(job.search.stop);
   AlignmentSlots slots;
   std::fill(&slots.content_pts[0][0], &slots.content_pts[0][0] + kSlots * 20, -1.0);
   slots.mode = alignment_mode(job.reference, job.corners_given, job.no_rectify);

@@ -11,6 +11,7 @@
 #include "align/align.h"
 #include "align/internal.h"
 #include "align/parallel_for.h"
+#include "framealign/framealign.h"
 
 namespace framealign {
 
@@ -69,17 +70,20 @@ struct Attempts {
   cv::Mat descriptors[kAttempts];
   double scores[kAttempts] = {kFailedScore, kFailedScore, kFailedScore};
   bool refine = false;
+  const std::atomic<bool>* stop = nullptr;
   RefinedCorners refinements[kAttempts];
 
   // The input features of attempt i, from the cache or SIFT. Draws no
   // random numbers.
   void extract(int i) {
+    stop_if_asked(stop);
     get_keypoints_descriptors_cpy(work, keypoints[i], descriptors[i], kAttemptTypes[i], load,
                                   save, affine);
   }
 
   // Matching, warp and score of attempt i.
   void finish(int i) {
+    stop_if_asked(stop);
     reset_thread_rng();
     double match_score = 1.0;
     std::vector<cv::DMatch> all_matches;
@@ -161,6 +165,10 @@ void write_enhanced_copy(const unsigned char* from, unsigned char* to, int width
 
 void set_search_schedule(SearchSchedule schedule) { g_schedule = schedule; }
 
+void stop_if_asked(const std::atomic<bool>* stop) {
+  if (stop != nullptr && stop->load()) throw Cancelled("the alignment was stopped");
+}
+
 MatchingMode choose_matching_mode(const cv::Mat& image, const cv::Mat& reference,
                                   const char* result_folder) {
   // On small copies of both pictures, try plain SIFT, affine SIFT and plain
@@ -217,6 +225,8 @@ int get_rectified_imgs(const cv::Mat& image, int width, int height, const char* 
   const cv::Mat ref(height, width, CV_8UC1, const_cast<unsigned char*>(reference));
   Attempts attempts(image, width, height, load, save, aligned, pts, content_pts);
   attempts.refine = request.refine || request.fast;
+  attempts.stop = request.stop;
+  stop_if_asked(request.stop);
 
   auto reference_features = [&] {
     get_keypoints_descriptors_ref(ref, attempts.ref_keypoints, attempts.ref_descriptors, load,
@@ -266,6 +276,7 @@ int quick_attempt(const cv::Mat& image, int width, int height, const unsigned ch
                   double* best_score, const FeatureLoadCallback& load,
                   const FeatureSaveCallback& save, const SearchRequest& request,
                   SearchReport& report) {
+  stop_if_asked(request.stop);
   const cv::Mat ref(height, width, CV_8UC1, const_cast<unsigned char*>(reference));
   QuickFeatures computed;
   if (request.quick_reference == nullptr) computed = quick_features(ref);

@@ -86,6 +86,7 @@ AlignmentJob make_job(const cv::Mat& input, const Reference::Data& reference,
   job.outputs = options.outputs;
   job.search.refine = options.refine || options.fast;
   job.search.fast = options.fast;
+  job.search.stop = options.stop;
   if (options.fast) job.search.quick_reference = &reference.quick();
   return job;
 }

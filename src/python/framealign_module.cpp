@@ -4,7 +4,9 @@
 #include <pybind11/pybind11.h>
 #include <pybind11/stl.h>
 
+#include <chrono>
 #include <cstring>
+#include <future>
 #include <limits>
 #include <string>
 
@@ -122,7 +124,43 @@ void bind_reference(py::module_& m) {
       .def_property_readonly("height", &Reference::height)
       .def_property_readonly("keypoints", [](const Reference& r) { return r.keypoints().size(); },
                              "the number of SIFT keypoints")
-      .def(py::pickle(&reference_state, &reference_from_state));
+      // Pickled by __reduce__, which every protocol honours (0 and 1 too), as
+      // the class called with the state; the state is checked as a cache
+      // file is.
+      .def(py::init(&reference_from_state), py::arg("state"),
+           "A Reference rebuilt from the state pickle saved of one.")
+      .def("__reduce__", [](const py::object& self) {
+        return py::make_tuple(self.get_type(), py::make_tuple(reference_state(self.cast<const Reference&>())));
+      });
+}
+
+// Runs the alignment on a thread of its own while this one, without the
+// GIL, looks every 100 ms for a signal Python has to handle (Ctrl-C): then
+// the alignment is stopped before its next stage and the signal's exception
+// (KeyboardInterrupt) raised.
+AlignResult align_interruptibly(const cv::Mat& picture, const Reference& reference,
+                                framealign::AlignOptions options) {
+  std::atomic<bool> stop{false};
+  options.stop = &stop;
+  bool interrupted = false;
+  std::future<AlignResult> running;
+  {
+    py::gil_scoped_release release;
+    running = std::async(std::launch::async, [&] { return framealign::align(picture, reference, options); });
+    while (running.wait_for(std::chrono::milliseconds(100)) != std::future_status::ready) {
+      py::gil_scoped_acquire acquire;
+      if (!interrupted && PyErr_CheckSignals() != 0) {
+        interrupted = true;
+        stop = true;
+      }
+    }
+  }
+  if (!interrupted) return running.get();
+  try {
+    running.get();
+  } catch (const framealign::Cancelled&) {
+  }
+  throw py::error_already_set();
 }
 
 void bind_result(py::module_& m) {
@@ -186,8 +224,7 @@ PYBIND11_MODULE(framealign, m) {
           options.refine = refine;
           if (!outputs.empty()) options.outputs = outputs;
           options.jpeg_output = jpeg_output;
-          py::gil_scoped_release release;
-          return framealign::align(picture, reference, options);
+          return align_interruptibly(picture, reference, options);
         },
         py::arg("capture"), py::arg("reference"), py::arg("advanced") = false, py::arg("refine") = false,
         py::arg("outputs") = std::vector<int>{}, py::arg("jpeg_output") = false,

@@ -1,9 +1,11 @@
 """The Python module on simulator captures, against the command-line program."""
 import os
 import pickle
+import signal
 import subprocess
 import tempfile
 import threading
+import time
 import unittest
 
 import numpy as np
@@ -64,6 +66,31 @@ class Module(unittest.TestCase):
             framealign.align(np.full((300, 400), 90, np.uint8), self.ref)
         with self.assertRaisesRegex(RuntimeError, "does not exist, nor its feature cache"):
             framealign.Reference.from_yuv(f"{self.dir}/none.yuv", 640, 360)
+
+    def test_pickles_and_states_are_checked(self):
+        for protocol in range(pickle.HIGHEST_PROTOCOL + 1):
+            self.assertEqual(pickle.loads(pickle.dumps(self.ref, protocol)).keypoints, self.ref.keypoints)
+        state = self.ref.__reduce__()[1][0]
+        for damaged in [state[:3] + (state[3][:-5],) + state[4:],        # a keypoint fewer than descriptor rows
+                        (state[0], state[1], b"") + state[3:],             # no frame
+                        state[:5] + (state[5] + 1,) + state[6:]]:          # rows the data cannot fill
+            with self.assertRaises((ValueError, framealign.Error)):
+                framealign.Reference(damaged)
+        with self.assertRaisesRegex(ValueError, "larger than the library can hold"):
+            framealign.align(np.zeros((1, 2**32 + 16), np.uint8), self.ref)
+        with self.assertRaisesRegex(framealign.Error, "output variant 9 is not one of 0 to 4"):
+            framealign.align(self.capture, self.ref, outputs=[9])
+
+    def test_ctrl_c_stops_an_alignment(self):
+        subprocess.run([f"{BUILD}/framealign-sim", "--out", f"{self.dir}/big", "--seed", "2"],
+                       check=True, stdout=subprocess.DEVNULL)
+        ref = framealign.Reference.from_yuv(f"{self.dir}/big/reference.yuv")
+        capture = framealign.read_capture(f"{self.dir}/big/capture.jpg")
+        threading.Timer(0.5, os.kill, (os.getpid(), signal.SIGINT)).start()
+        start = time.monotonic()
+        with self.assertRaises(KeyboardInterrupt):
+            framealign.align(capture, ref, advanced=True)
+        self.assertLess(time.monotonic() - start, 3.0)
 
     def test_threads_run_while_aligning(self):
         ticks = []
