@@ -313,6 +313,8 @@ int run_batch(const BatchOptions& options) {
   action.sa_handler = on_signal;
   sigaction(SIGINT, &action, nullptr);
   sigaction(SIGTERM, &action, nullptr);
+  // A file size limit then shows as a failed write, reported, not as death.
+  signal(SIGXFSZ, SIG_IGN);
 
   std::mutex rows_lock;
   const size_t run = run_pending(pending, options, *root, journal, [&](const SummaryRow& row) {

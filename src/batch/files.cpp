@@ -3,7 +3,11 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <signal.h>
+
+#include <atomic>
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <stdexcept>
@@ -14,9 +18,38 @@ namespace {
   throw std::runtime_error("cannot " + what + " " + path + ": " + std::strerror(error));
 }
 
+struct Fault {
+  bool enospc = false;
+  bool kill = false;
+  long at = 0;
+};
+
+Fault fault_from_environment() {
+  Fault fault;
+  const char* text = std::getenv("FRAMEALIGN_BATCH_FAULT");
+  if (text == nullptr) return fault;
+  const std::string value = text;
+  const std::size_t colon = value.find(':');
+  const std::string kind = value.substr(0, colon);
+  fault.enospc = kind == "enospc";
+  fault.kill = kind == "kill";
+  if (colon != std::string::npos) fault.at = std::atol(value.c_str() + colon + 1);
+  return fault;
+}
+
 }  // namespace
 
+void file_operation(const std::string& what, const std::string& path) {
+  static const Fault fault = fault_from_environment();
+  static std::atomic<long> count{0};
+  const long n = ++count;
+  if (fault.at <= 0 || n < fault.at) return;
+  if (fault.kill) ::kill(::getpid(), SIGKILL);
+  if (fault.enospc) fail(what, path, ENOSPC);
+}
+
 void sync_folder(const std::string& path) {
+  file_operation("flush the folder", path);
   const int folder = ::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
   if (folder < 0) fail("open the folder", path, errno);
   const int synced = ::fsync(folder);
@@ -26,6 +59,7 @@ void sync_folder(const std::string& path) {
 }
 
 void write_file_durably(const std::string& path, const std::string& text) {
+  file_operation("write", path);
   const std::string temporary = path + ".part";
   const int file = ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
   if (file < 0) fail("write", temporary, errno);

@@ -10,6 +10,14 @@
 // std::runtime_error naming the file and the system's reason.
 void write_file_durably(const std::string& path, const std::string& text);
 
+// Marks one of the batch's file operations (a write, a flush, a rename),
+// named for a message: `what` `path`. For tests of what a full disk or a
+// kill at any moment leaves behind, FRAMEALIGN_BATCH_FAULT set to
+// "enospc:N" makes the N-th operation and all after it fail as on a full
+// disk, and "kill:N" kills the process (SIGKILL) at the N-th. Unset, it
+// only counts.
+void file_operation(const std::string& what, const std::string& path);
+
 // Flushes the folder `path` to the disk, so that names created, renamed or
 // removed in it are recorded. Throws as write_file_durably does.
 void sync_folder(const std::string& path);

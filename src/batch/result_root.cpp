@@ -43,6 +43,7 @@ int take_lock(const std::string& lock) {
 
 // Flushes every regular file under `folder`, then the folder itself.
 void sync_tree(const std::string& folder) {
+  file_operation("flush", folder);
   for (const fs::directory_entry& entry : fs::directory_iterator(folder)) {
     if (!entry.is_regular_file()) continue;
     const int fd = ::open(entry.path().c_str(), O_RDONLY | O_CLOEXEC);
@@ -96,6 +97,7 @@ bool ResultRoot::has_result(const std::string& id) const {
 }
 
 std::string ResultRoot::fresh_partial(const std::string& id) const {
+  file_operation("make", partial(id));
   discard(id);
   fs::create_directories(partial(id));
   return partial(id);
@@ -114,6 +116,7 @@ void ResultRoot::install(const std::string& id) {
   // Swapped whole: a reader sees the earlier result or the new one, never
   // neither and never half of one.
   const bool earlier = fs::exists(to);
+  file_operation("move " + from + " to", to);
   const unsigned flags = earlier ? RENAME_EXCHANGE : RENAME_NOREPLACE;
   if (::renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), flags) != 0) {
     throw std::runtime_error("cannot move " + from + " to " + to + ": " + reason(errno));

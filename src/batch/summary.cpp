@@ -124,6 +124,7 @@ Journal::~Journal() { std::fclose(file_); }
 void Journal::append(const SummaryRow& row) {
   const std::string line = csv_line(row.fields());
   std::lock_guard<std::mutex> guard(lock_);
+  file_operation("write the journal", path_);
   const bool written = std::fwrite(line.data(), 1, line.size(), file_) == line.size();
   if (!written || std::fflush(file_) != 0 || ::fsync(::fileno(file_)) != 0) {
     throw std::runtime_error("cannot write the journal " + path_ + ": " + std::strerror(errno));

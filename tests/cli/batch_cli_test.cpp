@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <random>
 #include <sstream>
 #include <thread>
 
@@ -306,6 +307,35 @@ TEST_F(Batch, ResumesAfterAStopOrAKill) {
   ASSERT_EQ(run_tool(args("resumed"), dir_, kBatch).exit_code, 0);
   expect_like_full("resumed");
   EXPECT_TRUE(std::filesystem::is_empty(dir_.file("resumed/.partial")));
+}
+
+// A full disk stops the batch with the file and the system's reason; the
+// same command then finishes it as one whole run would.
+TEST_F(Batch, FullDiskStopsAndTheSameCommandFinishes) {
+  setenv("FRAMEALIGN_BATCH_FAULT", "enospc:12", 1);  // the second capture's move into place
+  const ToolRun r = run_tool(args("full_disk"), dir_, kBatch);
+  unsetenv("FRAMEALIGN_BATCH_FAULT");
+  EXPECT_EQ(r.exit_code, 3);
+  EXPECT_NE(r.err.find("framealign-batch: cannot write the journal full_disk/.journal: No space left on device\n"),
+            std::string::npos) << r.err;
+  ASSERT_EQ(run_tool(args("full_disk"), dir_, kBatch).exit_code, 0);
+  expect_like_full("full_disk");
+}
+
+// Killed at seeded random moments (any of its file operations), each time
+// run again: every final summary and folder is the whole run's.
+TEST_F(Batch, KilledAtAnyMomentEndsAsTheWholeRun) {
+  std::mt19937 rng(2026);
+  for (int trial = 0; trial < 8; ++trial) {
+    const std::string root = "killed" + std::to_string(trial);
+    const std::string at = "kill:" + std::to_string(std::uniform_int_distribution<int>(1, 34)(rng));
+    setenv("FRAMEALIGN_BATCH_FAULT", at.c_str(), 1);
+    run_tool(args(root), dir_, kBatch);
+    unsetenv("FRAMEALIGN_BATCH_FAULT");
+    ASSERT_EQ(run_tool(args(root), dir_, kBatch).exit_code, 0) << at;
+    expect_like_full(root);
+    EXPECT_TRUE(std::filesystem::is_empty(dir_.file(root + "/.partial"))) << at;
+  }
 }
 
 // Four shards through GNU parallel on stand-in hosts, two as a Slurm job
