@@ -20,6 +20,7 @@
 
 #include <opencv2/core.hpp>
 
+#include "batch/references.h"
 #include "batch/result_root.h"
 #include "batch/summary.h"
 #include "framealign/framealign.h"
@@ -46,40 +47,6 @@ std::string format(const char* pattern, double value) {
   std::snprintf(text, sizeof(text), pattern, value);
   return text;
 }
-
-// Every reference frame prepared once, by the first capture that needs it;
-// a reference that cannot be prepared is remembered with its reason.
-class References {
- public:
-  const framealign::Reference& get(const ReferenceFrame& frame) {
-    std::shared_ptr<Entry> entry;
-    {
-      std::lock_guard<std::mutex> guard(lock_);
-      std::shared_ptr<Entry>& slot = entries_[frame];
-      if (!slot) slot = std::make_shared<Entry>();
-      entry = slot;
-    }
-    std::call_once(entry->once, [&] {
-      try {
-        entry->reference = framealign::Reference::from_yuv(frame.path, frame.width, frame.height,
-                                                           frame.frame_number);
-      } catch (const framealign::Error& e) {
-        entry->error = e.what();
-      }
-    });
-    if (!entry->reference) throw framealign::Error(entry->error);
-    return *entry->reference;
-  }
-
- private:
-  struct Entry {
-    std::once_flag once;
-    std::optional<framealign::Reference> reference;
-    std::string error;
-  };
-  std::mutex lock_;
-  std::map<ReferenceFrame, std::shared_ptr<Entry>> entries_;
-};
 
 // The summary columns after id, input and status; `result` is null for a
 // capture that ended in error.
@@ -144,7 +111,7 @@ SummaryRow run_capture(const CaptureJob& job, const BatchOptions& options,
     return row;
   }
   try {
-    const framealign::Reference& reference = references.get(job.reference);
+    const framealign::Reference reference = references.get(job.reference);
     const cv::Mat capture =
         framealign::read_capture(job.input, job.reference.width, job.reference.height);
     framealign::AlignOptions align_options;
@@ -218,7 +185,7 @@ std::string shard_tag(const BatchOptions& options) {
 size_t run_pending(const std::vector<const CaptureJob*>& pending, const BatchOptions& options,
                    ResultRoot& root, Journal& journal,
                    const std::function<void(const SummaryRow&)>& record) {
-  References references;
+  References references(pending);
   Progress progress(static_cast<int>(pending.size()));
   std::atomic<size_t> next{0};
   std::atomic<bool> failed{false};
@@ -228,6 +195,7 @@ size_t run_pending(const std::vector<const CaptureJob*>& pending, const BatchOpt
     try {
       for (size_t i; g_signal == 0 && !failed && (i = next++) < pending.size();) {
         const SummaryRow row = run_capture(*pending[i], options, references, root);
+        references.done(pending[i]->reference);
         journal.append(row);
         record(row);
         progress.finished(row, std::stod(row.values[row.values.size() - 2]));
