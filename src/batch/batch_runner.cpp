@@ -216,6 +216,35 @@ size_t run_pending(const std::vector<const CaptureJob*>& pending, const BatchOpt
   return std::min<size_t>(next, pending.size());
 }
 
+// The captures of `jobs` still to run; `rows` receives what earlier runs
+// recorded of the others. What they finished stays: a folder that is
+// complete, and its row recorded as aligned or not_found.
+std::vector<const CaptureJob*> still_to_run(const std::vector<CaptureJob>& jobs,
+                                            const BatchOptions& options,
+                                            const std::vector<std::string>& columns,
+                                            ResultRoot& root,
+                                            std::map<std::string, SummaryRow>& rows) {
+  std::vector<std::string> warnings;
+  rows = read_recorded_rows(options.result_root, columns, warnings);
+  for (const std::string& warning : warnings) std::cerr << "framealign-batch: " << warning << "\n";
+  std::set<std::string> recorded;
+  for (const auto& [id, row] : rows) {
+    if (row.status != "error") recorded.insert(id);  // its folder was the batch's result
+  }
+  root.add_recorded(recorded);
+  std::vector<const CaptureJob*> pending;
+  for (const CaptureJob& job : jobs) {
+    root.discard(job.id);
+    const auto it = rows.find(job.id);
+    const bool done = !options.force && it != rows.end() && it->second.input == job.input &&
+                      it->second.status != "error" && root.has_result(job.id);
+    if (done) continue;
+    rows.erase(job.id);
+    pending.push_back(&job);
+  }
+  return pending;
+}
+
 }  // namespace
 
 int default_jobs() {
@@ -254,26 +283,9 @@ int run_batch(const BatchOptions& options) {
   }
   framealign::keep_freed_memory_for_reuse();
 
-  // What earlier runs finished stays: its folder is complete and its row recorded.
   const std::vector<std::string> columns = summary_columns(options.refine, options.fast);
-  std::vector<std::string> warnings;
-  std::map<std::string, SummaryRow> rows = read_recorded_rows(options.result_root, columns, warnings);
-  for (const std::string& warning : warnings) std::cerr << "framealign-batch: " << warning << "\n";
-  std::set<std::string> recorded;
-  for (const auto& [id, row] : rows) {
-    if (row.status != "error") recorded.insert(id);  // its folder was the batch's result
-  }
-  root->add_recorded(recorded);
-  std::vector<const CaptureJob*> pending;
-  for (const CaptureJob& job : jobs) {
-    root->discard(job.id);
-    const auto it = rows.find(job.id);
-    const bool done = !options.force && it != rows.end() && it->second.input == job.input &&
-                      it->second.status != "error" && root->has_result(job.id);
-    if (done) continue;
-    rows.erase(job.id);
-    pending.push_back(&job);
-  }
+  std::map<std::string, SummaryRow> rows;
+  const std::vector<const CaptureJob*> pending = still_to_run(jobs, options, columns, *root, rows);
 
   const fs::path root_path(options.result_root);
   Journal journal((root_path / (".journal" + shard_tag(options))).string());

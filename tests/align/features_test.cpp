@@ -1,6 +1,5 @@
 #include <gtest/gtest.h>
 
-#include "align/align.h"
 #include "test_support.h"
 
 namespace {

@@ -4,7 +4,6 @@
 
 #include <gtest/gtest.h>
 
-#include "align/align.h"
 #include "align/internal.h"
 #include "test_support.h"
 
@@ -53,10 +52,8 @@ TEST(inspect_matches, KeepsSelectedMatchesThatAgreeWithTheCorners) {
   double score = -1;
   const std::vector<cv::DMatch> inliers = inspect_matches(m.matches, m.ref, m.input, 1280, 720, kFrame, score);
   std::vector<int> got;
-  std::vector<cv::Point2f> hull;
   for (const cv::DMatch& d : inliers) {
     got.push_back(d.queryIdx);
-    hull.push_back(m.input[d.trainIdx].pt);
   }
   EXPECT_TRUE(std::is_sorted(inliers.begin(), inliers.end(), by_distance));
   std::sort(got.begin(), got.end());

@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 #include <opencv2/imgcodecs.hpp>
 
-#include "align/align.h"
 #include "align/internal.h"
 #include "align/parallel_for.h"
 #include "test_support.h"
