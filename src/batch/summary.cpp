@@ -111,6 +111,9 @@ Journal::Journal(const std::string& path) : path_(path), file_(std::fopen(path.c
   if (file_ == nullptr) {
     throw std::runtime_error("cannot write the journal " + path + ": " + std::strerror(errno));
   }
+  // The journal's own name reaches the disk before any row relies on it.
+  const std::string folder = std::filesystem::path(path).parent_path().string();
+  sync_folder(folder.empty() ? "." : folder);
   // A line cut by a kill is ended, so that the next row starts a line of its own.
   if (std::fseek(file_, -1, SEEK_END) == 0 && std::fgetc(file_) != '\n') {
     if (std::fputc('\n', file_) == EOF || std::fflush(file_) != 0) {

@@ -308,7 +308,7 @@ TEST_F(Batch, ResumesAfterAStopOrAKill) {
 // A full disk stops the batch with the file and the system's reason; the
 // same command then finishes it as one whole run would.
 TEST_F(Batch, FullDiskStopsAndTheSameCommandFinishes) {
-  setenv("FRAMEALIGN_BATCH_FAULT", "enospc:12", 1);  // the second capture's move into place
+  setenv("FRAMEALIGN_BATCH_FAULT", "enospc:12", 1);  // while the second capture is put in place
   const ToolRun r = run_tool(args("full_disk"), dir_, kBatch);
   unsetenv("FRAMEALIGN_BATCH_FAULT");
   EXPECT_EQ(r.exit_code, 3);
