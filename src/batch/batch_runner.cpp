@@ -105,7 +105,8 @@ SummaryRow run_capture(const CaptureJob& job, const BatchOptions& options,
                        References& references, ResultRoot& root) {
   const auto start = Clock::now();
   SummaryRow row{job.id, job.input, "error", {}};
-  const std::string foreign = root.foreign(job.id);
+  std::string foreign = root.foreign(job.id);
+  if (foreign.empty()) foreign = root.other_capture(job.id, job.input);
   if (!foreign.empty()) {
     row.values = result_values(nullptr, options, seconds_since(start), foreign);
     return row;
@@ -123,7 +124,7 @@ SummaryRow run_capture(const CaptureJob& job, const BatchOptions& options,
     if (options.capture_cache) align_options.capture_cache = job.input;
     const framealign::AlignResult result = framealign::align(capture, reference, align_options);
     result.save(root.fresh_partial(job.id));
-    root.install(job.id);
+    root.install(job.id, job.input);
     row.status = result.status;
     row.values = result_values(&result, options, seconds_since(start), "");
   } catch (const std::exception& e) {

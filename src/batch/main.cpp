@@ -89,5 +89,8 @@ int main(int argc, char** argv) {
   } catch (const std::exception& e) {
     std::cerr << "framealign-batch: " << e.what() << "\n";
     return 3;
+  } catch (...) {
+    std::cerr << "framealign-batch: stopped by an unknown failure\n";
+    return 3;
   }
 }

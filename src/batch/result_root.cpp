@@ -91,6 +91,15 @@ std::string ResultRoot::foreign(const std::string& id) const {
   return folder(id) + " was not made by framealign-batch; it is left as it is";
 }
 
+std::string ResultRoot::other_capture(const std::string& id, const std::string& input) const {
+  std::ifstream mark(fs::path(path_) / ".made" / id);
+  std::string made_from;
+  std::error_code error;
+  if (!std::getline(mark, made_from) || made_from == input || !fs::exists(folder(id), error)) return "";
+  return folder(id) + " holds the result of " + made_from + ", not of " + input +
+         "; give this capture another id";
+}
+
 bool ResultRoot::has_result(const std::string& id) const {
   std::error_code error;
   return foreign(id).empty() && fs::is_regular_file(fs::path(folder(id)) / "best_result.txt", error);
@@ -108,11 +117,11 @@ void ResultRoot::discard(const std::string& id) const {
   fs::remove_all(partial(id), ignored);
 }
 
-void ResultRoot::install(const std::string& id) {
+void ResultRoot::install(const std::string& id, const std::string& input) {
   const std::string from = partial(id), to = folder(id);
   sync_tree(from);
   const std::string mark = (fs::path(path_) / ".made" / id).string();
-  write_file_durably(mark, "");
+  write_file_durably(mark, input + "\n");
   // Swapped whole: a reader sees the earlier result or the new one, never
   // neither and never half of one.
   const bool earlier = fs::exists(to);

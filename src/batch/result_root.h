@@ -29,6 +29,11 @@ class ResultRoot {
   // made before it marked them, which count as its own.
   void add_recorded(const std::set<std::string>& ids) { recorded_.insert(ids.begin(), ids.end()); }
 
+  // "" unless <root>/<id> holds the result of another capture than `input`
+  // (the list gave the id to another picture; the mark names the capture);
+  // then why it is left alone.
+  std::string other_capture(const std::string& id, const std::string& input) const;
+
   const std::string& path() const { return path_; }
   std::string folder(const std::string& id) const;   // <root>/<id>
   std::string partial(const std::string& id) const;  // <root>/.partial/<id>
@@ -41,9 +46,10 @@ class ResultRoot {
   // An empty .partial/<id>, for a new result to be built in.
   std::string fresh_partial(const std::string& id) const;
   // Flushes every file of .partial/<id> to the disk, marks <id> as the
-  // batch's, and swaps the folder in for <root>/<id> (the earlier result, if
-  // any, is removed after); on return the new folder's name is on the disk.
-  void install(const std::string& id);
+  // batch's result of `input`, and swaps the folder in for <root>/<id> (the
+  // earlier result, if any, is removed after); on return the new folder's
+  // name is on the disk.
+  void install(const std::string& id, const std::string& input);
   // Removes .partial/<id>, if any.
   void discard(const std::string& id) const;
 

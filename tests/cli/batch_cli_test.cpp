@@ -245,6 +245,11 @@ TEST_F(Batch, KeepsWhatItDidNotMakeAndWhatWasFinished) {
       << r.err;
   EXPECT_EQ(summary(dir_.file("guarded/summary.csv")).find("cap1,./c1.jpg,error"), std::string::npos);
   EXPECT_EQ(read_folder(dir_.file("guarded/cap2")).size(), 1u);
+  std::ofstream(dir_.file("other.csv")) << "input,id\n./c2.jpg,cap1\n";  // cap1's id, given to another capture
+  r = run_tool({"--list", "other.csv", "--reference-file", "./ref.yuv", "--width", "640", "--height", "360",
+                "--result-root", "guarded"}, dir_, kBatch);
+  EXPECT_NE(read_text(dir_.file("guarded/summary.csv")).find("guarded/cap1 holds the result of ./c1.jpg, not of ./c2.jpg"),
+            std::string::npos) << r.err;
   EXPECT_EQ(run_tool({"--result-root", "", "./c1.jpg", "--reference-file", "./ref.yuv"}, dir_, kBatch).err,
             "framealign-batch: --result-root is empty\n");
 }
