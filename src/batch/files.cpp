@@ -75,11 +75,11 @@ void write_file_durably(const std::string& path, const std::string& text) {
     }
     done += static_cast<std::size_t>(n);
   }
-  const bool synced = ::fsync(file) == 0;
-  const int error = errno;
-  if (::close(file) != 0 || !synced) {
+  int error = ::fsync(file) == 0 ? 0 : errno;
+  if (::close(file) != 0 && error == 0) error = errno;
+  if (error != 0) {
     ::unlink(temporary.c_str());
-    fail("write", path, synced ? errno : error);
+    fail("write", path, error);
   }
   if (::rename(temporary.c_str(), path.c_str()) != 0) {
     const int rename_error = errno;
