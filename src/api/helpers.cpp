@@ -35,8 +35,8 @@ cv::Mat warp_by_corners(const cv::Mat& capture, const std::array<double, 8>& cor
     throw Error("output variant " + std::to_string(variant) + " is not one of 0 to 4");
   }
   return as_error([&] {
-    cv::Mat frame(height, width, CV_8UC1);
     luma_plane_size(width, height);  // refuses sizes a plane cannot have
+    cv::Mat frame(height, width, CV_8UC1);
     double content[20];
     align_by_pts(capture, width, height, 0, 0, corners.data(), frame.data, content);
     apply_output_variant(frame.data, width, height, variant);

@@ -82,6 +82,7 @@ bool load_reference_features(const std::string& cache, int width, int height,
   if (!read.damage.empty()) throw Error("The feature cache " + read.damage);
   if (!read.loaded) return false;
   check_keypoints_fit(data.keypoints, width, height, "The feature cache " + cache);
+  check_keypoints_cover(data.keypoints, width, height, "The feature cache " + cache);
   return true;
 }
 
@@ -105,13 +106,9 @@ Reference Reference::from_yuv(const std::string& path, int width, int height, in
     auto data = std::make_shared<Data>();
     if (!file_exists(path)) {
       // The cache stands in for the frame, when it can belong to its size.
-      const CacheRead read = load_features(cache, data->keypoints, data->descriptors);
-      if (!read.damage.empty()) throw Error("The feature cache " + read.damage);
-      if (!read.loaded) {
+      if (!load_reference_features(cache, width, height, *data)) {
         throw Error("Reference file " + path + " does not exist, nor its feature cache " + cache);
       }
-      check_keypoints_fit(data->keypoints, width, height, "The feature cache " + cache);
-      check_keypoints_cover(data->keypoints, width, height, "The feature cache " + cache);
       data->plane = zero_plane(width, height);
       return Reference(data);
     }

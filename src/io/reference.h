@@ -28,8 +28,8 @@ namespace framealign {
 
 // Loads the features of a width x height reference from the feature cache
 // file `cache` into `data`. False when there is no cache; throws Error when
-// it is damaged, or when its keypoints lie outside the frame (it was made
-// for another size).
+// it is damaged, or when it cannot belong to the frame: keypoints outside
+// it, or none beyond 60% of its width or height (made for another size).
 bool load_reference_features(const std::string& cache, int width, int height,
                              Reference::Data& data);
 
