@@ -7,6 +7,7 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <set>
 #include <sstream>
 #include <stdexcept>
 
@@ -33,12 +34,14 @@ namespace {
 // Whether a record has the width of some run's summary: a row of another
 // form (a run with other options), not a damaged one.
 bool some_layout(std::size_t fields) {
-  for (bool refined : {false, true}) {
-    for (bool fast : {false, true}) {
-      if (fields == summary_columns(refined, fast).size()) return true;
+  static const std::set<std::size_t> widths = [] {
+    std::set<std::size_t> all;
+    for (bool refined : {false, true}) {
+      for (bool fast : {false, true}) all.insert(summary_columns(refined, fast).size());
     }
-  }
-  return false;
+    return all;
+  }();
+  return widths.count(fields) > 0;
 }
 
 // Reads the rows of one summary or journal, a record to a line. A line that

@@ -65,8 +65,9 @@ std::string describe(const framealign::AlignResult& r, const std::string& folder
   }
   text += " | est " + (r.est_error_px ? format("%.6f", *r.est_error_px) : "-") + " path " +
           (r.path.empty() ? "-" : r.path);
-  return text + " | files " + std::to_string(read_folder(folder).size()) + " " +
-         std::to_string(fnv1a(file_sums(folder)));
+  const std::string files = file_sums(folder);
+  return text + " | files " + std::to_string(std::count(files.begin(), files.end(), '\n')) + " " +
+         std::to_string(fnv1a(files));
 }
 
 CaptureSettings camera(const std::string& scene, std::uint64_t seed) {
