@@ -131,7 +131,7 @@ void bm_refinement(benchmark::State& state) {
   const PointPairs frame_pairs = matched_points(rectified.matches, in.ref_kps, rectified.keypoints);
   RefinedCorners refined;
   for (auto _ : state) {
-    refined = refine_corners(pairs, frame_pairs, pts, kW, kH);
+    refined = refine_corners(pairs, frame_pairs, pts, kW, kH, in.capture.size());
     warp_to_frame(in.capture, kW, kH, refined.corners, aligned.data(), content);
   }
   check(state, "accepted", refined.accepted, 1);

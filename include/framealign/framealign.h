@@ -134,6 +134,32 @@ struct AlignOptions {
   const std::atomic<bool>* stop = nullptr;
 };
 
+// ---- Where the reference lies in the capture --------------------------------
+
+// A mapping from reference pixels to capture pixels: a homography followed
+// by radial lens distortion about `centre`. With u = homography * (x, y) and
+// rho = |u - centre| / scale, the capture point is
+//   centre + (u - centre) * (1 + k1 * rho^2 + k2 * rho^4).
+// k1 = k2 = 0 is a plain homography (a flat screen through an ideal lens);
+// barrel distortion has k1 < 0. Pixel coordinates have their origin at the
+// top-left corner of the top-left pixel, as the corner files do.
+struct FRAMEALIGN_API Mapping {
+  cv::Matx33d homography = cv::Matx33d::eye();  // reference to undistorted capture, h22 = 1
+  cv::Point2d centre;                           // capture pixels
+  double scale = 1.0;                           // capture pixels; half the capture's diagonal
+  double k1 = 0.0;
+  double k2 = 0.0;
+
+  bool has_lens() const { return k1 != 0.0 || k2 != 0.0; }
+  cv::Point2d to_capture(const cv::Point2d& reference_point) const;
+  // The inverse; (NaN, NaN) for a point the lens cannot have imaged (beyond
+  // the radius where the distortion stops growing) or that the homography
+  // sends to infinity.
+  cv::Point2d to_reference(const cv::Point2d& capture_point) const;
+  std::vector<cv::Point2d> to_capture(const std::vector<cv::Point2d>& points) const;
+  std::vector<cv::Point2d> to_reference(const std::vector<cv::Point2d>& points) const;
+};
+
 // What align() found.
 struct AlignResult {
   // "aligned" (the frame was found, or corners were given), "not_found" (no
@@ -149,21 +175,30 @@ struct AlignResult {
   // Where the reference frame lies in the capture (the best slot's, or the
   // given ones); none when not found or unrectified.
   std::optional<std::array<double, 8>> corners;
-  // With refine: the best slot's estimated largest corner error in
-  // reference pixels (+inf when its matches were too few to tell).
+  // With refine: the best slot's estimated largest error anywhere in the
+  // frame, in reference pixels (+inf when its matches were too few to tell).
   std::optional<double> est_error_px;
   // Reference pixels to capture pixels, from `corners`.
   std::optional<cv::Matx33d> homography;
+  // The best slot's full mapping (with refine, lens distortion when the
+  // evidence shows it; otherwise the homography above). None when not found
+  // or unrectified.
+  std::optional<Mapping> mapping;
   // With fast: "fast" when the quick path was verified, else "full".
   std::string path;
   // The aligned frames, one per result slot (reference size, CV_8UC1), as
   // the result folder holds them.
   std::vector<cv::Mat> frames;
 
+  // `mapping` applied to points (N x 2); Error when there is none.
+  std::vector<cv::Point2d> to_capture(const std::vector<cv::Point2d>& points) const;
+  std::vector<cv::Point2d> to_reference(const std::vector<cv::Point2d>& points) const;
+
   // Writes the result folder as framealign --result-folder would (created
   // when missing): aligned_i__WxxH.yuv, pts_i.txt, content_pts_i.txt, the
-  // previews when asked for, and best_result.txt last. Throws Error naming
-  // the file that could not be written.
+  // previews when asked for, and best_result.txt last; with refine also
+  // mapping_i.txt per slot (see write_mapping). Throws Error naming the file
+  // that could not be written.
   void save(const std::string& folder) const;
 
   struct Files;  // what save() needs beyond the fields above

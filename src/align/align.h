@@ -24,6 +24,8 @@
 
 #include <opencv2/core.hpp>
 
+#include "framealign/framealign.h"
+
 namespace framealign {
 
 // ---- Shared types ---------------------------------------------------------
@@ -254,6 +256,8 @@ struct SearchReport {
   // whether the refined geometry replaced the search's.
   std::vector<double> est_error_px;
   std::vector<bool> refined;
+  // With `refine`: per slot 0..k-1, the mapping its frame was warped by.
+  std::vector<Mapping> mappings;
 };
 
 // Runs the three preprocessing attempts in parallel (after the optional

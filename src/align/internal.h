@@ -88,19 +88,61 @@ PointPairs matched_points(const std::vector<cv::DMatch>& matches,
 struct RefinedCorners {
   bool accepted = false;        // `corners` differ from the ones given
   double corners[8] = {};       // the geometry to use, input pixels
-  double est_error_px = HUGE_VAL;  // estimated largest corner error, reference pixels
+  double est_error_px = HUGE_VAL;  // estimated largest error over the frame, reference pixels
   int frame_pairs = 0;          // the aligned frame's pairs in the correction's last fit
+  Mapping mapping;              // the whole mapping; lens distortion only when chosen
 };
 
 // Re-fits the homography of the frame found at `corners` over `pairs` (all
 // ratio-test matches of the attempt) inside tightening gates, then corrects
 // it by the residual homography of `rectified`: the aligned frame's matches
 // with the reference, at their positions in the frame warped by `corners`.
-// The estimate comes from the last fit's residuals. A result that moves a
-// corner more than a few pixels, or leaves `rectified` further from the
-// reference, is not accepted. Deterministic.
+// Then fits a homography with lens distortion to both sets and keeps it only
+// when held-out pairs and the size of its effect say so (fit_lens). The
+// estimate comes from the last fit's residuals over a grid of the frame. A
+// result that moves a corner too far, or leaves `rectified` further from the
+// reference, is not accepted. `capture` is the input's size. Deterministic.
 RefinedCorners refine_corners(const PointPairs& pairs, const PointPairs& rectified,
-                              const double* corners, int width, int height);
+                              const double* corners, int width, int height, cv::Size capture);
+
+// Points over the whole width x height frame, its corners and edges
+// included, where errors are estimated.
+std::vector<cv::Point2d> frame_grid(int width, int height);
+
+// The lens model's fit to `evidence` (capture points in `input`), started
+// from the capture-to-reference homography `to_reference`.
+struct LensFit {
+  bool chosen = false;     // the evidence supports it
+  Mapping mapping;         // the fit, valid when `pairs` > 0
+  int pairs = 0;           // pairs in its last fit
+  double deviation = HUGE_VAL;  // std of the worst grid point's position, reference pixels
+  double effect = 0.0;     // largest gap over the frame to `to_reference`, reference pixels
+  double held_out = 1.0;   // held-out loss, lens over homography
+};
+LensFit fit_lens(const PointPairs& evidence, const cv::Matx33d& to_reference, cv::Size capture,
+                 int width, int height);
+
+// ---- Mapping ------------------------------------------------------------------
+
+// The plain homography `to_capture` (reference to capture) as a Mapping about
+// the centre of a capture of size `capture`.
+Mapping homography_mapping(const cv::Matx33d& to_capture, cv::Size capture);
+
+// The homography that puts the frame's corners at `corners`, as a Mapping.
+Mapping corners_mapping(const double* corners, int width, int height, cv::Size capture);
+
+// The undistorted radius of distorted radius `rd` (both in units of the
+// mapping's scale); NaN beyond largest_monotonic_radius's image.
+double undistorted_radius(double k1, double k2, double rd);
+double largest_monotonic_radius(double k1, double k2);
+
+// Warps `image` onto the width x height frame through `mapping` (cv::remap,
+// bilinear, black outside).
+void warp_through_mapping(const cv::Mat& image, const Mapping& mapping, int width, int height,
+                          unsigned char* aligned);
+
+// The mapping_i.txt file's text.
+std::string mapping_text(const Mapping& mapping);
 
 // ---- Quick path ---------------------------------------------------------------
 
@@ -114,12 +156,14 @@ constexpr double kQuickMaxError = 1.0;
 // corners, the aligned frame matched with the reference's tuned features
 // (`ref_keypoints`, `ref_descriptors`), refinement. True, with the slot's
 // frame, corners, content polygon, score and error estimate written, only
-// when the answer is verified; false leaves the outputs alone.
+// when the answer is verified (with the mapping it was warped by); false
+// leaves the outputs alone.
 bool quick_rectified_img(const cv::Mat& image, const cv::Mat& reference,
                          const QuickFeatures& reference_quick,
                          const std::vector<cv::KeyPoint>& ref_keypoints,
                          const cv::Mat& ref_descriptors, unsigned char* aligned, double* pts,
-                         double* content_pts, double* score, double* est_error_px);
+                         double* content_pts, double* score, double* est_error_px,
+                         Mapping* mapping);
 
 // ---- Warps ------------------------------------------------------------------
 

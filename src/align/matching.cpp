@@ -189,4 +189,16 @@ std::vector<cv::DMatch> match_features(int width, int height, const double* refC
   return selected;
 }
 
+PointPairs matched_points(const std::vector<cv::DMatch>& matches, const std::vector<cv::KeyPoint>& refKeypoints,
+                          const std::vector<cv::KeyPoint>& inputKeypoints) {
+  PointPairs pairs;
+  pairs.input.reserve(matches.size());
+  pairs.reference.reserve(matches.size());
+  for (const cv::DMatch& m : matches) {
+    pairs.input.emplace_back(inputKeypoints[m.trainIdx].pt);
+    pairs.reference.emplace_back(refKeypoints[m.queryIdx].pt);
+  }
+  return pairs;
+}
+
 }  // namespace framealign

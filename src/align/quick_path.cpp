@@ -72,7 +72,8 @@ bool quick_rectified_img(const cv::Mat& image, const cv::Mat& reference,
                          const QuickFeatures& reference_quick,
                          const std::vector<cv::KeyPoint>& ref_keypoints,
                          const cv::Mat& ref_descriptors, unsigned char* aligned, double* pts,
-                         double* content_pts, double* score, double* est_error_px) {
+                         double* content_pts, double* score, double* est_error_px,
+                         Mapping* mapping) {
   const int width = reference.cols, height = reference.rows;
   const double scale = std::min(1.0, kQuickWidthRatio * width / image.cols);
   cv::Mat reduced;
@@ -128,7 +129,7 @@ bool quick_rectified_img(const cv::Mat& image, const cv::Mat& reference,
 
   const RefinedCorners refined =
       refine_corners(pairs, matched_points(rectified.matches, ref_keypoints, rectified.keypoints),
-                     corners, width, height);
+                     corners, width, height, image.size());
   if (!refined.accepted || refined.frame_pairs < kMinimumFramePairs ||
       refined.frame_pairs < kMinimumFrameAgreement * rectified.matches.size() ||
       !(refined.est_error_px <= kQuickMaxError)) {
@@ -136,6 +137,10 @@ bool quick_rectified_img(const cv::Mat& image, const cv::Mat& reference,
   }
   std::fill(polygon, polygon + 20, -1.0);
   warp_to_frame(image, width, height, refined.corners, plane.data(), polygon);
+  if (refined.mapping.has_lens()) {
+    warp_through_mapping(image, refined.mapping, width, height, plane.data());
+  }
+  *mapping = refined.mapping;
   std::memcpy(aligned, plane.data(), plane.size());
   std::copy(refined.corners, refined.corners + 8, pts);
   std::copy(polygon, polygon + 20, content_pts);

@@ -29,6 +29,11 @@ constexpr std::size_t kMinimumPairs = 24;
 // A refinement may move a corner at most this far (reference pixels): the
 // search's geometry is already within a few pixels when it is right at all.
 constexpr double kLargestMove = 4.0;
+// With lens distortion the search's homography can be off by as much as the
+// lens bends the frame: the move is bounded by what such lenses do, and the
+// aligned frame's matches within this gate must agree.
+constexpr double kLargestLensMove = 40.0;
+constexpr double kLensGate = 40.0;
 // The estimate is this many standard deviations of the worst corner's
 // position. For independent errors 3.5 would bound the largest of four
 // two-dimensional errors nearly always; the pairs' errors are not quite
@@ -110,10 +115,10 @@ void position_jacobian(const cv::Matx33d& h, const cv::Point2d& p, double du[8],
   std::copy(b, b + 8, dv);
 }
 
-// Standard deviation, along its worst direction, of the worst frame corner's
+// Standard deviation, along its worst direction, of the worst grid point's
 // position under the fitted h, with per-axis residual spread `sigma`.
-double corner_deviation(const cv::Matx33d& h, const PointPairs& pairs, const std::vector<std::size_t>& kept,
-                        double sigma, int width, int height) {
+double grid_deviation(const cv::Matx33d& h, const PointPairs& pairs, const std::vector<std::size_t>& kept,
+                      double sigma, int width, int height) {
   cv::Matx<double, 8, 8> normal = cv::Matx<double, 8, 8>::zeros();
   double du[8], dv[8];
   for (std::size_t j : kept) {
@@ -125,11 +130,10 @@ double corner_deviation(const cv::Matx33d& h, const PointPairs& pairs, const std
   cv::Matx<double, 8, 8> covariance;
   if (cv::invert(normal, covariance, cv::DECOMP_SVD) == 0.0) return HUGE_VAL;
   covariance *= sigma * sigma;
-  double corners[8];
-  corners_of(h, width, height, corners);
+  const cv::Matx33d to_input = h.inv();
   double worst = 0.0;
-  for (int i = 0; i < 4; ++i) {
-    position_jacobian(h, {corners[2 * i], corners[2 * i + 1]}, du, dv);
+  for (const cv::Point2d& q : frame_grid(width, height)) {
+    position_jacobian(h, apply(to_input, q), du, dv);
     const cv::Vec<double, 8> u(du), v(dv);
     const double uu = u.dot(covariance * u), vv = v.dot(covariance * v), uv = u.dot(covariance * v);
     const double largest = 0.5 * (uu + vv) + std::sqrt(0.25 * (uu - vv) * (uu - vv) + uv * uv);
@@ -182,22 +186,58 @@ double rms(const cv::Matx33d& h, const PointPairs& pairs, const std::vector<std:
   return std::sqrt(squares / static_cast<double>(std::max<std::size_t>(kept.size(), 1)));
 }
 
-}  // namespace
-
-PointPairs matched_points(const std::vector<cv::DMatch>& matches, const std::vector<cv::KeyPoint>& refKeypoints,
-                          const std::vector<cv::KeyPoint>& inputKeypoints) {
-  PointPairs pairs;
-  pairs.input.reserve(matches.size());
-  pairs.reference.reserve(matches.size());
-  for (const cv::DMatch& m : matches) {
-    pairs.input.emplace_back(inputKeypoints[m.trainIdx].pt);
-    pairs.reference.emplace_back(refKeypoints[m.queryIdx].pt);
-  }
-  return pairs;
+// The aligned frame's matches as capture points, through the warp that made
+// the frame. They were found at the reference's own scale, so they are free
+// of the bias the capture's differently scaled keypoints can carry, and they
+// cover the frame.
+PointPairs capture_evidence(const PointPairs& rectified, const cv::Matx33d& found) {
+  PointPairs evidence;
+  evidence.reference = rectified.reference;
+  const cv::Matx33d to_input = found.inv();
+  for (const cv::Point2d& p : rectified.input) evidence.input.push_back(apply(to_input, p));
+  return evidence;
 }
 
+// Replaces the homography in `out` by a fit with lens distortion when the
+// evidence chooses it and the result stays consistent with the aligned
+// frame; otherwise widens the estimate by how far that fit's frame lies
+// from the kept one, which a homography cannot see.
+void consider_lens(const PointPairs& rectified, const cv::Matx33d& found, int width,
+                   int height, cv::Size capture, RefinedCorners& out) {
+  const cv::Matx33d kept = out.mapping.homography.inv();
+  const LensFit lens = fit_lens(capture_evidence(rectified, found), kept, capture, width, height);
+  if (lens.pairs == 0) return;
+  double frame[8], corners[8];
+  frame_corners(width, height, frame);
+  for (int i = 0; i < 4; ++i) {
+    const cv::Point2d p = lens.mapping.to_capture({frame[2 * i], frame[2 * i + 1]});
+    corners[2 * i] = p.x;
+    corners[2 * i + 1] = p.y;
+  }
+  const bool finite = std::all_of(corners, corners + 8, [](double v) { return std::isfinite(v); });
+  const std::vector<std::size_t> near = within(cv::Matx33d::eye(), rectified, kLensGate);
+  double before = 0.0, after = 0.0;
+  const cv::Matx33d to_input = found.inv();
+  for (std::size_t j : near) {
+    const cv::Point2d p = lens.mapping.to_reference(apply(to_input, rectified.input[j]));
+    after += (p - rectified.reference[j]).dot(p - rectified.reference[j]);
+    before += std::pow(residual(cv::Matx33d::eye(), rectified, j), 2);
+  }
+  if (lens.chosen && finite && largest_move(corners, out.corners, kept) <= kLargestLensMove &&
+      after <= before) {
+    std::copy(corners, corners + 8, out.corners);
+    out.accepted = true;
+    out.mapping = lens.mapping;
+    out.est_error_px = kDeviations * lens.deviation;
+  } else {
+    out.est_error_px = std::max(out.est_error_px, lens.effect);
+  }
+}
+
+}  // namespace
+
 RefinedCorners refine_corners(const PointPairs& pairs, const PointPairs& rectified, const double* corners, int width,
-                              int height) {
+                              int height, cv::Size capture) {
   RefinedCorners out;
   std::copy(corners, corners + 8, out.corners);
   const cv::Matx33d found = frame_homography(corners, width, height);
@@ -207,7 +247,7 @@ RefinedCorners refine_corners(const PointPairs& pairs, const PointPairs& rectifi
   cv::Matx33d h = gated_fit(pairs, found, kInputGates, kept);
   double deviation = HUGE_VAL;
   if (!kept.empty()) {
-    deviation = corner_deviation(h, pairs, kept, fit_spread(h, pairs, kept), width, height);
+    deviation = grid_deviation(h, pairs, kept, fit_spread(h, pairs, kept), width, height);
   }
 
   // Then the aligned frame's matches, moved to where the frame warped by h
@@ -227,9 +267,10 @@ RefinedCorners refine_corners(const PointPairs& pairs, const PointPairs& rectifi
     out.frame_pairs = static_cast<int>(rectified_kept.size());
     if (rms(correction, moved, rectified_kept) <= before) {
       h = correction * h;
-      deviation = corner_deviation(correction, moved, rectified_kept, spread, width, height);
+      deviation = grid_deviation(correction, moved, rectified_kept, spread, width, height);
     }
   }
+  out.mapping = homography_mapping(found.inv(), capture);
   if (kept.empty() && rectified_kept.empty()) return out;
 
   double refined[8];
@@ -245,10 +286,12 @@ RefinedCorners refine_corners(const PointPairs& pairs, const PointPairs& rectifi
   if (finite && moved_by <= kLargestMove && agrees) {
     std::copy(refined, refined + 8, out.corners);
     out.accepted = true;
+    out.mapping = homography_mapping(h.inv(), capture);
   } else {
     // The kept geometry is at least as far from the evidence as the refit.
     out.est_error_px = std::max(out.est_error_px, moved_by);
   }
+  consider_lens(rectified, found, width, height, capture, out);
   return out;
 }
 

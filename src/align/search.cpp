@@ -120,13 +120,15 @@ struct Attempts {
       refinements[i] = refine_corners(matched_points(all_matches, ref_keypoints, keypoints[i]),
                                       matched_points(rectified.matches, ref_keypoints,
                                                      rectified.keypoints),
-                                      pts[i], width, height);
+                                      pts[i], width, height, work.size());
     } catch (const cv::Exception&) {
       return;  // no estimate either: it stays +inf
     }
     if (!refinements[i].accepted) return;
     std::copy(refinements[i].corners, refinements[i].corners + 8, pts[i]);
     warp_to_frame(work, width, height, pts[i], aligned[i], content_pts[i]);
+    const Mapping& mapping = refinements[i].mapping;
+    if (mapping.has_lens()) warp_through_mapping(work, mapping, width, height, aligned[i]);
   }
 
   // Moves the successful attempts to the front, in attempt order, swapping
@@ -142,6 +144,9 @@ struct Attempts {
         if (refine) {
           report->est_error_px.push_back(refinements[i].est_error_px);
           report->refined.push_back(refinements[i].accepted);
+          report->mappings.push_back(refinements[i].accepted
+                                         ? refinements[i].mapping
+                                         : corners_mapping(pts[i], width, height, work.size()));
         }
       }
       if (k != i) {
@@ -284,11 +289,13 @@ int quick_attempt(const cv::Mat& image, int width, int height, const unsigned ch
   cv::Mat ref_descriptors;
   get_keypoints_descriptors_ref(ref, ref_keypoints, ref_descriptors, load, save);
   double score = kFailedScore, estimate = HUGE_VAL;
+  Mapping mapping;
   if (!quick_rectified_img(image, ref, request.quick_reference ? *request.quick_reference : computed,
                            ref_keypoints, ref_descriptors, aligned[0], pts[0], content_pts[0],
-                           &score, &estimate)) {
+                           &score, &estimate, &mapping)) {
     return 0;
   }
+  report.mappings = {mapping};
   *best_score = score;
   report.scores = {score};
   report.est_error_px = {estimate};

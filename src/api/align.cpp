@@ -24,6 +24,7 @@ struct AlignResult::Files {
   int width = 0;
   int height = 0;
   bool jpeg_output = false;
+  std::vector<Mapping> mappings;  // with refine: slot i's is mappings[i % k]
 };
 
 namespace {
@@ -104,7 +105,7 @@ std::string status_of(const AlignmentSlots& slots) {
 
 // The fields a caller reads, from the slots and the search's report.
 void describe(const AlignmentSlots& slots, const AlignOptions& options, int width, int height,
-              AlignResult& result) {
+              cv::Size capture, AlignResult& result) {
   result.status = status_of(slots);
   result.score = slots.score;
   result.path = slots.report.path;
@@ -121,11 +122,10 @@ void describe(const AlignmentSlots& slots, const AlignOptions& options, int widt
     result.corners = options.corners;
   }
   if (result.corners) {
-    double frame[8];
-    frame_corners(width, height, frame);
-    const cv::Mat h = cv::getPerspectiveTransform(corner_points(frame),
-                                                  corner_points(result.corners->data()));
-    result.homography = cv::Matx33d(h.ptr<double>());
+    const Mapping plain = corners_mapping(result.corners->data(), width, height, capture);
+    result.homography = plain.homography;
+    const std::vector<Mapping>& mappings = slots.report.mappings;
+    result.mapping = result.best_slot && !mappings.empty() ? mappings[*result.best_slot] : plain;
   }
 }
 
@@ -144,7 +144,7 @@ AlignResult align(const cv::Mat& capture, const Reference& reference,
   const AlignmentSlots slots = as_error([&] { return align_slots(make_job(input, data, options)); });
 
   AlignResult result;
-  describe(slots, options, width, height, result);
+  describe(slots, options, width, height, input.size(), result);
   auto files = std::make_shared<AlignResult::Files>();
   files->capture = input;
   for (int i = 0; i < slots.count; ++i) files->frames.push_back(slots.frame(i));
@@ -154,6 +154,7 @@ AlignResult align(const cv::Mat& capture, const Reference& reference,
   files->width = width;
   files->height = height;
   files->jpeg_output = options.jpeg_output;
+  files->mappings = slots.report.mappings;
   result.frames = files->frames;
   result.files = files;
   return result;
@@ -169,8 +170,26 @@ void AlignResult::save(const std::string& folder) const {
     save_alignment_results(folder.c_str(), capture.data, aligned.data(), files->pts,
                            files->content_pts, static_cast<int>(aligned.size()), files->width,
                            files->height, capture.cols, capture.rows, score, files->jpeg_output);
+    const std::vector<Mapping>& mappings = files->mappings;
+    for (std::size_t i = 0; !mappings.empty() && i < aligned.size(); ++i) {
+      const std::string path = folder + "/mapping_" + std::to_string(i) + ".txt";
+      const std::string text = mapping_text(mappings[i % mappings.size()]);
+      if (!replace_file(path, text.data(), text.size())) {
+        throw std::runtime_error("Cannot write result file: " + path);
+      }
+    }
     return 0;
   });
+}
+
+std::vector<cv::Point2d> AlignResult::to_capture(const std::vector<cv::Point2d>& points) const {
+  if (!mapping) throw Error("this result has no mapping (status " + status + ")");
+  return mapping->to_capture(points);
+}
+
+std::vector<cv::Point2d> AlignResult::to_reference(const std::vector<cv::Point2d>& points) const {
+  if (!mapping) throw Error("this result has no mapping (status " + status + ")");
+  return mapping->to_reference(points);
 }
 
 }  // namespace framealign

@@ -28,6 +28,27 @@ bool write_file(const std::string& path, const void* data, size_t size) {
   return static_cast<bool>(out);
 }
 
+bool write_file(const std::string& path, const std::string& text) {
+  return write_file(path, text.data(), text.size());
+}
+
+// The grid.txt lines: 17 x 17 reference points over the frame, edges
+// included, and where the capture shows them.
+std::string grid_text(const Capture& capture, int width, int height) {
+  constexpr int kSteps = 16;
+  std::string text;
+  char line[160];
+  for (int i = 0; i <= kSteps; ++i) {
+    for (int j = 0; j <= kSteps; ++j) {
+      const cv::Point2d q(width * j / double(kSteps), height * i / double(kSteps));
+      const cv::Point2d seen = capture.seen_at(q);
+      std::snprintf(line, sizeof(line), "%.6f %.6f %.6f %.6f\n", q.x, q.y, seen.x, seen.y);
+      text += line;
+    }
+  }
+  return text;
+}
+
 int fail(const std::string& message) {
   std::cerr << "framealign-sim: " << message << "\n";
   return 2;
@@ -89,6 +110,9 @@ int render(const SimOptions& options) {
                                    capture.corners[6], capture.corners[7]);
   if (!write_file(dir + "corners.txt", line, static_cast<size_t>(length))) {
     return fail("cannot write " + dir + "corners.txt");
+  }
+  if (!write_file(dir + "grid.txt", grid_text(capture, reference.cols, reference.rows))) {
+    return fail("cannot write " + dir + "grid.txt");
   }
   std::cout << dir << "reference.yuv " << options.width << "x" << options.height << "\n"
             << dir << capture_name << " " << options.capture.capture_width << "x"

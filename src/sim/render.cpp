@@ -136,6 +136,53 @@ void camera_effects(cv::Mat& img, const CaptureSettings& s, cv::RNG& rng, cv::Si
   }
 }
 
+namespace {
+
+double half_diagonal(const CaptureSettings& s) {
+  return 0.5 * std::hypot(s.capture_width, s.capture_height);
+}
+
+// The scene through the lens: each capture pixel shows the scene point
+// lens_undistort gives for it.
+cv::Mat through_lens(const cv::Mat& scene, const CaptureSettings& s) {
+  if (s.barrel == 0.0) return scene;
+  cv::Mat map_x(scene.size(), CV_32FC1), map_y(scene.size(), CV_32FC1);
+  for (int y = 0; y < scene.rows; ++y) {
+    for (int x = 0; x < scene.cols; ++x) {
+      const cv::Point2d u = lens_undistort(s, {double(x), double(y)});
+      map_x.at<float>(y, x) = static_cast<float>(u.x);
+      map_y.at<float>(y, x) = static_cast<float>(u.y);
+    }
+  }
+  cv::Mat out;
+  cv::remap(scene, out, map_x, map_y, cv::INTER_CUBIC, cv::BORDER_REFLECT);
+  return out;
+}
+
+}  // namespace
+
+cv::Point2d lens_undistort(const CaptureSettings& s, const cv::Point2d& captured) {
+  const cv::Point2d c(s.capture_width / 2.0, s.capture_height / 2.0);
+  const cv::Point2d offset = captured - c;
+  const double r2 = offset.dot(offset) / std::pow(half_diagonal(s), 2);
+  return c + offset * (1.0 / (1.0 - s.barrel * r2));
+}
+
+cv::Point2d lens_distort(const CaptureSettings& s, const cv::Point2d& scene) {
+  const cv::Point2d c(s.capture_width / 2.0, s.capture_height / 2.0);
+  const cv::Point2d offset = scene - c;
+  const double ru = std::hypot(offset.x, offset.y) / half_diagonal(s);
+  if (s.barrel == 0.0 || ru == 0.0) return scene;
+  // The distorted radius r solves barrel * ru * r^2 + r - ru = 0.
+  const double r = (std::sqrt(1.0 + 4.0 * s.barrel * ru * ru) - 1.0) / (2.0 * s.barrel * ru);
+  return c + offset * (r / ru);
+}
+
+cv::Point2d Capture::seen_at(const cv::Point2d& p) const {
+  const cv::Vec3d v = frame_to_scene * cv::Vec3d(p.x, p.y, 1.0);
+  return lens_distort(settings, {v[0] / v[2], v[1] / v[2]});
+}
+
 Capture render_capture(const cv::Mat& frame, const CaptureSettings& s) {
   cv::RNG rng(s.seed * 7919 + 17);
   const int cw = s.capture_width;
@@ -175,18 +222,18 @@ Capture render_capture(const cv::Mat& frame, const CaptureSettings& s) {
   }
   cv::warpPerspective(screen, scene, screen_to_capture, scene.size(), cv::INTER_CUBIC,
                       cv::BORDER_TRANSPARENT);
+  scene = through_lens(scene, s);
 
   Capture capture;
-  std::vector<cv::Point2f> frame_corners = {
-      {static_cast<float>(bezel), static_cast<float>(bezel)},
-      {static_cast<float>(bezel + frame.cols), static_cast<float>(bezel)},
-      {static_cast<float>(bezel), static_cast<float>(bezel + frame.rows)},
-      {static_cast<float>(bezel + frame.cols), static_cast<float>(bezel + frame.rows)}};
-  std::vector<cv::Point2f> in_capture;
-  cv::perspectiveTransform(frame_corners, in_capture, screen_to_capture);
+  capture.settings = s;
+  const cv::Matx33d frame_in_screen(1, 0, bezel, 0, 1, bezel, 0, 0, 1);
+  capture.frame_to_scene = cv::Matx33d(screen_to_capture) * frame_in_screen;
+  double corners[8];
+  framealign::frame_corners(frame.cols, frame.rows, corners);
   for (int i = 0; i < 4; ++i) {
-    capture.corners[2 * i] = in_capture[i].x;
-    capture.corners[2 * i + 1] = in_capture[i].y;
+    const cv::Point2d p = capture.seen_at({corners[2 * i], corners[2 * i + 1]});
+    capture.corners[2 * i] = p.x;
+    capture.corners[2 * i + 1] = p.y;
   }
 
   // Camera effects, in floating point.

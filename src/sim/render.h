@@ -21,12 +21,26 @@ struct CaptureSettings {
   double vignette = 0.25;      // darkening at the corners, 0..1
   double moire = 0.0;          // amplitude of a moire pattern on the screen, 0..1
   bool mirror = false;         // mirror the capture left-right
+  // Barrel distortion of the lens, about the capture's centre: a point at
+  // distorted radius r (in units of half the capture's diagonal) shows the
+  // scene at radius r / (1 - barrel * r^2). 0: an ideal lens.
+  double barrel = 0.0;
 };
 
 struct Capture {
   cv::Mat picture;   // 8-bit grey, capture_width x capture_height
   double corners[8]; // reference corners TL TR BL BR in the capture before any mirroring
+  cv::Matx33d frame_to_scene;  // reference pixels to the capture before the lens bends it
+  CaptureSettings settings;
+
+  // Where reference point p lies in the capture (before any mirroring).
+  cv::Point2d seen_at(const cv::Point2d& p) const;
 };
+
+// The lens: where a scene point lies in the capture, and the scene point a
+// capture point shows.
+cv::Point2d lens_distort(const CaptureSettings& s, const cv::Point2d& scene);
+cv::Point2d lens_undistort(const CaptureSettings& s, const cv::Point2d& captured);
 
 // A built-in reference frame: gradients, shapes, lines and text on a
 // textured ground; the same seed gives the same frame. With `shapes_seed`

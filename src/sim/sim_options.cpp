@@ -12,7 +12,10 @@ constexpr char kDescription[] =
     "  reference.yuv  the reference, raw YUV 4:2:0 (grey chroma)\n"
     "  capture.jpg    the capture (capture.png with --png)\n"
     "  corners.txt    the true corners: x y of the reference's top-left, top-right,\n"
-    "                 bottom-left, bottom-right in the capture (before --mirror)";
+    "                 bottom-left, bottom-right in the capture (before --mirror)\n"
+    "  grid.txt       the truth over the whole frame: one line 'x y X Y' per point of a\n"
+    "                 17 x 17 grid, reference point (x, y) seen at capture point (X, Y),\n"
+    "                 lens distortion included (before --mirror)";
 
 template <typename T>
 void ranged(CLI::App& app, const char* name, T& field, T lo, T hi, const std::string& help) {
@@ -41,6 +44,8 @@ void add_sim_options(CLI::App& app, SimOptions& o) {
   ranged(app, "--brightness", c.brightness, 0.1, 5.0, "Brightness gain");
   ranged(app, "--vignette", c.vignette, 0.0, 1.0, "Darkening towards the corners");
   ranged(app, "--moire", c.moire, 0.0, 1.0, "Moire fringe amplitude over the screen");
+  ranged(app, "--barrel", c.barrel, 0.0, 0.3,
+         "Barrel distortion of the lens (0.02 mild to 0.08 strong; see grid.txt)");
   ranged(app, "--jpeg-quality", o.jpeg_quality, 1, 100, "JPEG quality");
   app.add_flag("--png", o.png, "Write the capture as PNG");
   app.add_flag("--mirror", c.mirror, "Mirror the capture left-right");

@@ -12,6 +12,7 @@ using namespace framealign;  // NOLINT(google-build-using-namespace)
 namespace {
 
 constexpr int kW = 1280, kH = 720;
+const cv::Size kCapture(1800, 1100);
 
 // A capture-to-frame view: the frame's corners seen at these capture points.
 const double kTruth[8] = {210.3, 150.7, 1490.2, 170.4, 190.9, 905.6, 1530.8, 880.1};
@@ -69,7 +70,7 @@ TEST(refine_corners, ConvergesGuardsAndEstimates) {
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.what);
-    const RefinedCorners r = refine_corners(c.pairs, c.rectified, c.start, kW, kH);
+    const RefinedCorners r = refine_corners(c.pairs, c.rectified, c.start, kW, kH, kCapture);
     EXPECT_EQ(r.accepted, c.accepted);
     const double off = corner_error(c.lands, r.corners, kW, kH).max;
     if (c.accepted) {
