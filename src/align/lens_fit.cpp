@@ -22,10 +22,9 @@ namespace {
 const std::vector<double> kGates = {8.0, 4.0, 2.0, 1.5};
 constexpr double kSpreadsPerGate = 3.0;
 constexpr std::size_t kMinimumPairs = 40;
-// The lens is chosen only when it lowers the held-out loss by this share and
-// moves some point of the frame by at least this many reference pixels:
-// undistorted captures give coefficients whose effect stays far below it.
-constexpr double kHeldOutGain = 0.9;
+// The lens is chosen only when it lowers the held-out loss by
+// kLensHeldOutGain's share and moves some point of the frame by at least
+// this many reference pixels.
 constexpr double kMinimumEffect = 0.3;
 constexpr int kParameters = 10;
 
@@ -284,7 +283,7 @@ LensFit fit_lens(const PointPairs& evidence, const cv::Matx33d& to_reference, cv
   // The lens must keep growing the radius out past the capture's corners
   // (radius 1 in these units), or points would fold back onto others.
   const bool unfolded = largest_monotonic_radius(lens[8], lens[9]) > 1.25;
-  out.chosen = unfolded && out.held_out <= kHeldOutGain && out.effect >= kMinimumEffect;
+  out.chosen = unfolded && out.held_out <= kLensHeldOutGain && out.effect >= kMinimumEffect;
   return out;
 }
 

@@ -200,8 +200,10 @@ PointPairs capture_evidence(const PointPairs& rectified, const cv::Matx33d& foun
 
 // Replaces the homography in `out` by a fit with lens distortion when the
 // evidence chooses it and the result stays consistent with the aligned
-// frame; otherwise widens the estimate by how far that fit's frame lies
-// from the kept one, which a homography cannot see.
+// frame. When held-out pairs favour the lens but it is not taken, the
+// estimate widens by how far that fit's frame lies from the kept one, which
+// a homography cannot see; a lens fit the pairs do not favour is mostly
+// noise, and says nothing about the kept geometry.
 void consider_lens(const PointPairs& rectified, const cv::Matx33d& found, int width,
                    int height, cv::Size capture, RefinedCorners& out) {
   const cv::Matx33d kept = out.mapping.homography.inv();
@@ -229,7 +231,7 @@ void consider_lens(const PointPairs& rectified, const cv::Matx33d& found, int wi
     out.accepted = true;
     out.mapping = lens.mapping;
     out.est_error_px = kDeviations * lens.deviation;
-  } else {
+  } else if (lens.held_out <= kLensHeldOutGain) {
     out.est_error_px = std::max(out.est_error_px, lens.effect);
   }
 }

@@ -72,6 +72,7 @@ TEST(refine_corners, ConvergesGuardsAndEstimates) {
     SCOPED_TRACE(c.what);
     const RefinedCorners r = refine_corners(c.pairs, c.rectified, c.start, kW, kH, kCapture);
     EXPECT_EQ(r.accepted, c.accepted);
+    EXPECT_FALSE(r.mapping.has_lens());
     const double off = corner_error(c.lands, r.corners, kW, kH).max;
     if (c.accepted) {
       EXPECT_LT(off, 0.1);
@@ -81,6 +82,52 @@ TEST(refine_corners, ConvergesGuardsAndEstimates) {
       EXPECT_EQ(std::vector<double>(r.corners, r.corners + 8), std::vector<double>(c.start, c.start + 8));
       EXPECT_GT(r.est_error_px, 0.5);
     }
+  }
+}
+
+// The aligned frame's matches of a capture through a lens of coefficient k1
+// (the search's corners where the lens puts the frame's): the lens is
+// recovered over the whole frame when there is one, and refused when not.
+TEST(refine_corners, TakesTheLensOnlyWhenTheMatchesBend) {
+  double frame[8];
+  frame_corners(kW, kH, frame);
+  const cv::Mat to_capture = cv::getPerspectiveTransform(corner_points(frame), corner_points(kTruth));
+  for (const double k1 : {-0.05, -0.02, 0.0}) {
+    SCOPED_TRACE(k1);
+    Mapping truth;
+    truth.homography = cv::Matx33d(to_capture.ptr<double>());
+    truth.centre = {kCapture.width / 2.0, kCapture.height / 2.0};
+    truth.scale = 0.5 * std::hypot(kCapture.width, kCapture.height);
+    truth.k1 = k1;
+    double start[8];
+    for (int i = 0; i < 4; ++i) {
+      const cv::Point2d p = truth.to_capture({frame[2 * i], frame[2 * i + 1]});
+      start[2 * i] = p.x;
+      start[2 * i + 1] = p.y;
+    }
+    const cv::Mat found = cv::getPerspectiveTransform(corner_points(start), corner_points(frame));
+    PointPairs pairs, rectified;
+    cv::RNG rng(11);
+    for (int i = 0; i < 1200; ++i) {
+      const cv::Point2d q(rng.uniform(0.0, double(kW)), rng.uniform(0.0, double(kH)));
+      const cv::Point2d d = truth.to_capture(q);
+      std::vector<cv::Point2d> seen = {d + cv::Point2d(rng.gaussian(0.3), rng.gaussian(0.3))}, in_frame;
+      cv::perspectiveTransform(seen, in_frame, found);
+      pairs.input.push_back(d + cv::Point2d(rng.gaussian(0.4), rng.gaussian(0.4)));
+      pairs.reference.push_back(q);
+      rectified.input.push_back(in_frame[0]);
+      rectified.reference.push_back(q);
+    }
+    const RefinedCorners r = refine_corners(pairs, rectified, start, kW, kH, kCapture);
+    EXPECT_EQ(r.mapping.has_lens(), k1 != 0.0);
+    double worst = 0.0;
+    for (const cv::Point2d& q : frame_grid(kW, kH)) {
+      const cv::Point2d back = truth.to_reference(r.mapping.to_capture(q));
+      worst = std::max(worst, std::hypot(back.x - q.x, back.y - q.y));
+    }
+    EXPECT_LT(worst, 0.15);
+    EXPECT_GE(r.est_error_px, worst);
+    EXPECT_LT(r.est_error_px, 0.6);
   }
 }
 

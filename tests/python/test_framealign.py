@@ -56,6 +56,22 @@ class Module(unittest.TestCase):
         self.assertLess(np.abs(refined.corners - truth).max(), 0.5)
         self.assertLess(refined.est_error_px, 1.0)
 
+    def test_lens_mapping_round_trips_and_follows_the_truth(self):
+        subprocess.run([f"{BUILD}/framealign-sim", "--out", f"{self.dir}/lens", "--width", "640", "--height", "360",
+                        "--capture-width", "960", "--capture-height", "720", "--seed", "15", "--barrel", "0.08",
+                        "--screen-scale", "0.85"], check=True, stdout=subprocess.DEVNULL)
+        ref = framealign.Reference.from_yuv(f"{self.dir}/lens/reference.yuv", width=640, height=360)
+        r = framealign.align(framealign.read_capture(f"{self.dir}/lens/capture.jpg"), ref, refine=True)
+        self.assertEqual(r.mapping["model"], "lens")
+        grid = np.loadtxt(f"{self.dir}/lens/grid.txt")
+        seen = r.to_capture(grid[:, :2])
+        self.assertLess(np.abs(seen - grid[:, 2:]).max(), 3.0)
+        np.testing.assert_allclose(r.to_reference(seen), grid[:, :2], atol=1e-6)
+        with self.assertRaisesRegex(ValueError, "N x 2"):
+            r.to_capture(np.zeros(3))
+        r.save(f"{self.dir}/lens_out")
+        self.assertIn("model lens", open(f"{self.dir}/lens_out/mapping_{r.best_slot}.txt").read())
+
     def test_bad_arguments_and_failures_raise(self):
         for bad, error, words in [(self.capture.astype(np.int16), TypeError, "capture must be a numpy array"),
                                   (self.capture[None], ValueError, "capture must have two dimensions"),

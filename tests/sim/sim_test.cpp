@@ -28,6 +28,36 @@ TEST(render_capture, CornersAreWhereTheFrameLands) {
   }
 }
 
+// Through a barrel lens, each reference point is where the truth says the
+// capture shows it, which the four corners alone no longer tell.
+TEST(render_capture, TruthFollowsTheLens) {
+  const cv::Mat frame = make_reference_frame(640, 360, 3);
+  CaptureSettings s;
+  s.capture_width = 1200;
+  s.capture_height = 900;
+  s.screen_scale = 0.9;
+  s.barrel = 0.1;
+  s.blur = s.noise = s.vignette = 0;
+  const Capture capture = render_capture(frame, s);
+  cv::Mat map_x(frame.size(), CV_32FC1), map_y(frame.size(), CV_32FC1);
+  for (int y = 0; y < frame.rows; ++y) {
+    for (int x = 0; x < frame.cols; ++x) {
+      const cv::Point2d p = capture.seen_at({double(x), double(y)});
+      map_x.at<float>(y, x) = static_cast<float>(p.x);
+      map_y.at<float>(y, x) = static_cast<float>(p.y);
+    }
+  }
+  cv::Mat back, by_corners, diff;
+  cv::remap(capture.picture, back, map_x, map_y, cv::INTER_LINEAR);
+  cv::warpPerspective(capture.picture, by_corners, frame_to_capture(640, 360, capture.corners).inv(), frame.size());
+  const cv::Rect inner(8, 8, 624, 344);
+  cv::absdiff(back, frame, diff);
+  const double through_lens = cv::mean(diff(inner))[0];
+  cv::absdiff(by_corners, frame, diff);
+  EXPECT_LT(through_lens, 8.0);
+  EXPECT_GT(cv::mean(diff(inner))[0], 2 * through_lens);
+}
+
 TEST(framealign_sim, SameSeedWritesIdenticalFiles) {
   TempDir dir;
   for (const char* out : {"a", "b"}) {
