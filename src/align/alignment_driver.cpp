@@ -90,7 +90,11 @@ cv::Mat AlignmentSlots::frame(int i) const {
 }
 
 AlignmentSlots align_slots(const AlignmentJob& job) {
-  cv::utils::logging::setLogLevel(cv::utils::logging::LOG_LEVEL_ERROR);
+  // OpenCV's own warnings are noise here; a program that silenced its log
+  // altogether keeps it silent.
+  if (cv::utils::logging::getLogLevel() > cv::utils::logging::LOG_LEVEL_ERROR) {
+    cv::utils::logging::setLogLevel(cv::utils::logging::LOG_LEVEL_ERROR);
+  }
 
   stop_if_asked(job.search.stop);
   AlignmentSlots slots;

@@ -19,6 +19,7 @@
 
 #include <opencv2/core.hpp>
 
+#include "batch/progress.h"
 #include "batch/references.h"
 #include "batch/result_root.h"
 #include "batch/summary.h"
@@ -135,42 +136,6 @@ SummaryRow run_capture(const CaptureJob& job, const BatchOptions& options,
   return row;
 }
 
-// One line on standard error, rewritten in place on a terminal; one line
-// per finished capture otherwise.
-class Progress {
- public:
-  explicit Progress(int total) : total_(total), start_(Clock::now()), tty_(::isatty(2)) {}
-
-  void finished(const SummaryRow& row, double seconds) {
-    std::lock_guard<std::mutex> guard(lock_);
-    ++done_;
-    ++counts_[row.status];
-    const double per_capture = seconds_since(start_) / done_;
-    if (tty_) {
-      const int left = static_cast<int>(per_capture * (total_ - done_));
-      std::fprintf(stderr, "\r%d/%d  aligned %d  not_found %d  error %d  %.1f s/capture  %d:%02d left ",
-                   done_, total_, counts_["aligned"], counts_["not_found"], counts_["error"],
-                   per_capture, left / 60, left % 60);
-    } else {
-      std::fprintf(stderr, "%d/%d %s %s %.1f s\n", done_, total_, row.id.c_str(),
-                   row.status.c_str(), seconds);
-    }
-    std::fflush(stderr);
-  }
-
-  void end() const {
-    if (tty_ && done_ > 0) std::fprintf(stderr, "\n");
-  }
-
- private:
-  std::mutex lock_;
-  const int total_;
-  int done_ = 0;
-  std::map<std::string, int> counts_;
-  const Clock::time_point start_;
-  const bool tty_;
-};
-
 std::string shard_tag(const BatchOptions& options) {
   return options.shards == 1 ? ""
                              : "." + std::to_string(options.shard) + "-of-" +
@@ -186,7 +151,7 @@ size_t run_pending(const std::vector<const CaptureJob*>& pending, const BatchOpt
                    ResultRoot& root, Journal& journal,
                    const std::function<void(const SummaryRow&)>& record) {
   References references(pending);
-  Progress progress(static_cast<int>(pending.size()));
+  Progress progress(static_cast<int>(pending.size()), options.verbosity);
   std::atomic<size_t> next{0};
   std::atomic<bool> failed{false};
   std::mutex failure_lock;
@@ -198,7 +163,7 @@ size_t run_pending(const std::vector<const CaptureJob*>& pending, const BatchOpt
         references.done(pending[i]->reference);
         journal.append(row);
         record(row);
-        progress.finished(row, std::stod(row.values[row.values.size() - 2]));
+        progress.finished(row, pending[i]->input, std::stod(row.values[row.values.size() - 2]));
       }
     } catch (...) {
       std::lock_guard<std::mutex> guard(failure_lock);
@@ -208,6 +173,10 @@ size_t run_pending(const std::vector<const CaptureJob*>& pending, const BatchOpt
   };
   const int workers = std::min<int>(options.jobs > 0 ? options.jobs : default_jobs(),
                                     std::max<size_t>(pending.size(), 1));
+  if (options.verbosity == 2) {
+    std::fprintf(stderr, "framealign-batch: %zu captures to run, --jobs %d (%s)\n", pending.size(), workers,
+                 options.jobs > 0 ? "given" : "from the usable CPUs and the memory");
+  }
   std::vector<std::thread> threads;
   for (int t = 0; t < workers; ++t) threads.emplace_back(work);
   for (std::thread& thread : threads) thread.join();
@@ -314,6 +283,8 @@ int run_batch(const BatchOptions& options) {
   }
   write_summary((root_path / ("summary" + shard_tag(options) + ".csv")).string(), columns, summary);
   const double seconds = seconds_since(start);
+  const int status = g_signal != 0 ? 128 + g_signal : counts["error"] > 0 ? 1 : 0;
+  if (options.verbosity == 0) return status;
   std::fprintf(stderr,
                "%zu of %zu captures recorded: %d aligned, %d not_found, %d error; %zu run now in "
                "%.1f s, %.1f s per capture\n",
@@ -322,6 +293,5 @@ int run_batch(const BatchOptions& options) {
   if (options.fast) {
     std::fprintf(stderr, "paths: %d fast, %d full\n", counts["path fast"], counts["path full"]);
   }
-  if (g_signal != 0) return 128 + g_signal;
-  return counts["error"] > 0 ? 1 : 0;
+  return status;
 }

@@ -23,6 +23,7 @@ struct BatchOptions {
   bool force = false;               // redo captures already done
   bool refine = false;              // refine each found frame, estimate its error
   bool fast = false;                // the quick path first (with refine)
+  int verbosity = 1;                // 0 --quiet: errors only; 2 --verbose: jobs, paths, timings
 };
 
 // Captures in flight when --jobs is not given: one per usable CPU, as far as

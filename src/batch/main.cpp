@@ -6,6 +6,8 @@
 #include <exception>
 #include <iostream>
 
+#include <opencv2/core/utils/logger.hpp>
+
 #include "batch/batch_runner.h"
 #include "framealign/framealign.h"
 
@@ -39,7 +41,15 @@ int run(int argc, char** argv) {
                "Refine each found frame below a pixel; summary column est_error_px");
   app.add_flag("--fast", options.fast,
                "A quick path first, the full search when it cannot be verified (implies --refine)");
+  bool quiet = false, verbose = false;
+  app.add_flag("--quiet", quiet, "No progress and no closing counts; only warnings and errors");
+  app.add_flag("--verbose", verbose,
+               "The --jobs chosen, and each capture's input and time; OpenCV's own log lines too");
   app.set_version_flag("--version", framealign::version());
+  app.footer(
+      "Exit status: 0 every capture aligned or not_found, 1 some capture ended in error, 2 the\n"
+      "command or the list cannot be run, 3 the run stopped on a system error (a write failed,\n"
+      "memory ran out), 128 + N after signal N. See the README's \"Batches\".");
   try {
     app.parse(argc, argv);
     if (options.list.empty() == options.inputs.empty()) {
@@ -61,6 +71,8 @@ int run(int argc, char** argv) {
       }
     }
     if (options.fast) options.refine = true;
+    if (quiet && verbose) throw CLI::ValidationError("give --quiet or --verbose, not both");
+    options.verbosity = quiet ? 0 : verbose ? 2 : 1;
     if (!shard.empty()) {
       char slash = 0, rest = 0;
       if (std::sscanf(shard.c_str(), "%d%c%d%c", &options.shard, &slash, &options.shards, &rest) != 3 ||
@@ -73,6 +85,9 @@ int run(int argc, char** argv) {
     std::cerr << "framealign-batch: " << e.what() << " (see --help)\n";
     return 2;
   }
+  // OpenCV's log lines (a picture it cannot open, say) only on request: the
+  // batch reports every failure in its own words.
+  if (!verbose) cv::utils::logging::setLogLevel(cv::utils::logging::LOG_LEVEL_SILENT);
   return run_batch(options);
 }
 

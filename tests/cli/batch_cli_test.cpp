@@ -203,6 +203,18 @@ TEST_F(Batch, FaultsAreRows) {
   const std::vector<std::string> rows = split(summary(dir_.file("faults/summary.csv")), '\n');
   for (size_t i = 0; i < expected.size(); ++i) EXPECT_EQ(rows.at(i + 1).substr(0, expected[i].size()), expected[i]);
   EXPECT_TRUE(std::filesystem::exists(dir_.file("bare_0.ftrs.source")));  // "bare.yuv": its cache beside it
+  // What it says: OpenCV's own lines and the chosen --jobs only when asked;
+  // --quiet keeps the captures in error and nothing else.
+  EXPECT_EQ(r.err.find("[ WARN"), std::string::npos) << r.err;
+  for (const auto& [flag, has, lacks] : {std::tuple{"--verbose", "--jobs 1 (given)", "?"},
+                                         {"--verbose", "[ WARN", "?"},
+                                         {"--quiet", "missing error", "c5 aligned"}}) {
+    const ToolRun again = run_tool({flag, "./c5.jpg", "missing.jpg", "--reference-file", "./ref.yuv", "--width", "640",
+                                    "--height", "360", "--jobs", "1", "--result-root", flag}, dir_, kBatch);
+    EXPECT_EQ(again.exit_code, 1);
+    EXPECT_NE(again.err.find(has), std::string::npos) << flag << again.err;
+    EXPECT_EQ(again.err.find(lacks), std::string::npos) << flag << again.err;
+  }
 }
 
 // The batch never touches what it did not make, keeps an earlier result
