@@ -59,4 +59,6 @@ void add_sim_options(CLI::App& app, SimOptions& o) {
                  "largest error in reference pixels (--width, --height)")
       ->expected(2);
   app.set_version_flag("--version", framealign::version());
+  app.footer("Exit status: 0 the files were written (or the corners compared), 2 a bad option or a\n"
+             "file that cannot be read or written.");
 }

@@ -13,11 +13,25 @@ endfunction()
 set(prefix "${WORK_DIR}/prefix")
 run(${CMAKE_COMMAND} --install "${BUILD_DIR}" --prefix "${prefix}")
 foreach(installed bin/framealign bin/framealign-sim include/framealign/framealign.h
-        include/framealign/version.h lib/libframealign.a lib/libframealign.so.1.3)
+        include/framealign/version.h lib/libframealign.a lib/libframealign.so.1.3
+        share/man/man1/framealign.1 share/man/man1/framealign-batch.1 share/man/man1/framealign-sim.1
+        share/doc/framealign/examples/dask_align.py share/doc/framealign/examples/parallel.sh
+        share/doc/framealign/examples/framealign-batch.sbatch)
   if(NOT EXISTS "${prefix}/${installed}")
     message(FATAL_ERROR "not installed: ${installed}")
   endif()
 endforeach()
+# The man pages hold the program's options and the exit statuses; completion
+# offers the batch's options from its own --help.
+file(READ "${prefix}/share/man/man1/framealign-batch.1" page)
+if(NOT page MATCHES "Exit status: 0 every capture" OR NOT page MATCHES "A folder <id> per capture")
+  message(FATAL_ERROR "framealign-batch.1 lacks its options or exit statuses:\n${page}")
+endif()
+run(bash -c "source '${prefix}/share/bash-completion/completions/framealign-batch' && COMP_WORDS=(x --re) \
+COMP_CWORD=1 && _framealign '${prefix}/bin/framealign-batch' && echo \${COMPREPLY[*]}")
+if(NOT last_output STREQUAL "--reference-file --refine --result-root\n")
+  message(FATAL_ERROR "completion of --re offered: ${last_output}")
+endif()
 file(GLOB_RECURSE internal "${prefix}/include/align/*" "${prefix}/include/io/*")
 if(internal)
   message(FATAL_ERROR "internal headers installed: ${internal}")
