@@ -3,14 +3,18 @@
 #include <pybind11/numpy.h>
 #include <pybind11/pybind11.h>
 #include <pybind11/stl.h>
+#include <pybind11/stl/filesystem.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstring>
+#include <filesystem>
 #include <future>
 #include <limits>
 #include <string>
 
 #include "framealign/framealign.h"
+#include "python/bindings.h"
 
 namespace py = pybind11;
 using framealign::AlignResult;
@@ -41,6 +45,8 @@ cv::Mat grey_picture(const py::object& value, const char* argument) {
                  const_cast<void*>(array.data()));
 }
 
+}  // namespace
+
 py::array_t<uint8_t> to_array(const cv::Mat& picture) {
   py::array_t<uint8_t> out({picture.rows, picture.cols});
   for (int r = 0; r < picture.rows; ++r) {
@@ -48,6 +54,8 @@ py::array_t<uint8_t> to_array(const cv::Mat& picture) {
   }
   return out;
 }
+
+namespace {
 
 std::array<double, 8> corner_values(const py::object& value) {
   const auto corners = py::array_t<double, py::array::c_style | py::array::forcecast>::ensure(value);
@@ -102,9 +110,9 @@ Reference reference_from_state(const py::tuple& t) {
 void bind_reference(py::module_& m) {
   py::class_<Reference>(m, "Reference",
       "A reference frame and its SIFT features, computed once for every align() against it.")
-      .def_static("from_yuv", [](const std::string& path, int width, int height, int frame) {
+      .def_static("from_yuv", [](const std::filesystem::path& path, int width, int height, int frame) {
             py::gil_scoped_release release;
-            return Reference::from_yuv(path, width, height, frame);
+            return Reference::from_yuv(path.string(), width, height, frame);
           },
           py::arg("path"), py::arg("width") = 1920, py::arg("height") = 1080, py::arg("frame") = 0,
           "Frame `frame` of a raw YUV file; features from its .ftrs cache beside it, or computed and cached.")
@@ -114,9 +122,9 @@ void bind_reference(py::module_& m) {
             return Reference::from_picture(plane);
           },
           py::arg("picture"), "A uint8 height x width array; features computed here.")
-      .def_static("from_ftrs", [](const std::string& path, int width, int height) {
+      .def_static("from_ftrs", [](const std::filesystem::path& path, int width, int height) {
             py::gil_scoped_release release;
-            return Reference::from_ftrs(path, width, height);
+            return Reference::from_ftrs(path.string(), width, height);
           },
           py::arg("path"), py::arg("width") = 1920, py::arg("height") = 1080,
           "Features from a .ftrs file alone (the frame itself unknown).")
@@ -163,78 +171,6 @@ AlignResult align_interruptibly(const cv::Mat& picture, const Reference& referen
   throw py::error_already_set();
 }
 
-// N x 2 points through `map` (one of the result's mappings), as N x 2.
-py::array_t<double> map_points(const AlignResult& r, const py::array_t<double, py::array::c_style | py::array::forcecast>& points,
-                               std::vector<cv::Point2d> (AlignResult::*map)(const std::vector<cv::Point2d>&) const) {
-  if (points.ndim() != 2 || points.shape(1) != 2) throw py::value_error("points must be an N x 2 array");
-  const std::size_t n = static_cast<std::size_t>(points.shape(0));
-  std::vector<cv::Point2d> in;
-  for (std::size_t i = 0; i < n; ++i) in.emplace_back(points.data()[2 * i], points.data()[2 * i + 1]);
-  const std::vector<cv::Point2d> out = (r.*map)(in);
-  py::array_t<double> result({static_cast<py::ssize_t>(n), py::ssize_t{2}});
-  for (std::size_t i = 0; i < n; ++i) {
-    result.mutable_data()[2 * i] = out[i].x;
-    result.mutable_data()[2 * i + 1] = out[i].y;
-  }
-  return result;
-}
-
-py::object mapping_dict(const AlignResult& r) {
-  if (!r.mapping) return py::none();
-  const framealign::Mapping& m = *r.mapping;
-  py::array_t<double> h({3, 3});
-  std::memcpy(h.mutable_data(), m.homography.val, 9 * sizeof(double));
-  py::dict d;
-  d["model"] = m.has_lens() ? "lens" : "homography";
-  d["homography"] = h;
-  d["centre"] = py::make_tuple(m.centre.x, m.centre.y);
-  d["scale"] = m.scale;
-  d["k1"] = m.k1;
-  d["k2"] = m.k2;
-  return std::move(d);
-}
-
-void bind_result(py::module_& m) {
-  py::class_<AlignResult>(m, "Result", "What align() found.")
-      .def_readonly("status", &AlignResult::status, "'aligned' or 'not_found' ('unrectified' with no_rectify)")
-      .def_readonly("score", &AlignResult::score, "the best score, lower is better; 999999 when not found")
-      .def_readonly("best_slot", &AlignResult::best_slot, "the best attempt's result slot, or None")
-      .def_readonly("slot_scores", &AlignResult::slot_scores, "every successful attempt's score, by slot")
-      .def_readonly("est_error_px", &AlignResult::est_error_px,
-                    "with refine=True: the best slot's estimated largest error over the frame, reference pixels")
-      .def_readonly("path", &AlignResult::path, "with fast=True: 'fast' or 'full'")
-      .def_property_readonly("corners", [](const AlignResult& r) -> py::object {
-            if (!r.corners) return py::none();
-            py::array_t<double> out({4, 2});
-            std::copy(r.corners->begin(), r.corners->end(), out.mutable_data());
-            return out;
-          }, "4 x 2: top-left, top-right, bottom-left, bottom-right in capture pixels (best slot)")
-      .def_property_readonly("homography", [](const AlignResult& r) -> py::object {
-            if (!r.homography) return py::none();
-            py::array_t<double> out({3, 3});
-            std::memcpy(out.mutable_data(), r.homography->val, 9 * sizeof(double));
-            return out;
-          }, "3 x 3, reference pixels to capture pixels (best slot)")
-      .def_property_readonly("frames", [](const AlignResult& r) {
-            py::list frames;
-            for (const cv::Mat& f : r.frames) frames.append(to_array(f));
-            return frames;
-          }, "the result slots' frames, height x width uint8, as the result folder holds them")
-      .def_property_readonly("mapping", &mapping_dict,
-          "the best slot's mapping from reference to capture as a dict (model 'lens' or 'homography', "
-          "homography, centre, scale, k1, k2; see mapping_i.txt), or None")
-      .def("to_capture", [](const AlignResult& r, const py::array_t<double, py::array::c_style | py::array::forcecast>& p) {
-            return map_points(r, p, &AlignResult::to_capture);
-          }, py::arg("points"), "N x 2 reference points to capture points through the best slot's mapping")
-      .def("to_reference", [](const AlignResult& r, const py::array_t<double, py::array::c_style | py::array::forcecast>& p) {
-            return map_points(r, p, &AlignResult::to_reference);
-          }, py::arg("points"), "N x 2 capture points to reference points (NaN where the lens cannot have imaged them)")
-      .def("save", [](const AlignResult& r, const std::string& folder) {
-            py::gil_scoped_release release;
-            r.save(folder);
-          }, py::arg("folder"), "Writes the files framealign --result-folder writes.");
-}
-
 }  // namespace
 
 PYBIND11_MODULE(framealign, m) {
@@ -244,11 +180,11 @@ PYBIND11_MODULE(framealign, m) {
   bind_reference(m);
   bind_result(m);
 
-  m.def("read_capture", [](const std::string& path, int width, int height) {
+  m.def("read_capture", [](const std::filesystem::path& path, int width, int height) {
           cv::Mat picture;
           {
             py::gil_scoped_release release;
-            picture = framealign::read_capture(path, width, height);
+            picture = framealign::read_capture(path.string(), width, height);
           }
           return to_array(picture);
         },
@@ -257,17 +193,18 @@ PYBIND11_MODULE(framealign, m) {
         "frame of a raw YUV file of width x height.");
 
   m.def("align", [](const py::object& capture, const Reference& reference, bool advanced, bool refine,
-                    const std::vector<int>& outputs, bool jpeg_output) {
+                    const py::object& outputs, bool jpeg_output) {
           const cv::Mat picture = grey_picture(capture, "capture");
           framealign::AlignOptions options;
           options.advanced = advanced;
           options.refine = refine;
-          if (!outputs.empty()) options.outputs = outputs;
+          const std::vector<int> variants = output_list(outputs);
+          if (!variants.empty()) options.outputs = variants;
           options.jpeg_output = jpeg_output;
           return align_interruptibly(picture, reference, options);
         },
         py::arg("capture"), py::arg("reference"), py::arg("advanced") = false, py::arg("refine") = false,
-        py::arg("outputs") = std::vector<int>{}, py::arg("jpeg_output") = false,
+        py::arg("outputs") = py::list(), py::arg("jpeg_output") = false,
         "Finds the reference in a uint8 height x width capture; the GIL is released meanwhile.");
 
   m.def("warp_by_corners", [](const py::object& capture, const py::object& corners, int width,

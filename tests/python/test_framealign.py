@@ -1,5 +1,6 @@
 """The Python module on simulator captures, against the command-line program."""
 import os
+import pathlib
 import pickle
 import signal
 import subprocess
@@ -94,8 +95,20 @@ class Module(unittest.TestCase):
                 framealign.Reference(damaged)
         with self.assertRaisesRegex(ValueError, "larger than the library can hold"):
             framealign.align(np.zeros((1, 2**32 + 16), np.uint8), self.ref)
-        with self.assertRaisesRegex(framealign.Error, "output variant 9 is not one of 0 to 4"):
-            framealign.align(self.capture, self.ref, outputs=[9])
+        for outputs, words in [([9], "must be 0, 1, 2, 3, 4, fast, medium, slow, or slowest"),
+                               ("3,bogus", "Invalid --output value: bogus")]:
+            with self.assertRaisesRegex(ValueError, words):
+                framealign.align(self.capture, self.ref, outputs=outputs)
+
+    def test_paths_presets_and_repr(self):
+        ref = framealign.Reference.from_yuv(pathlib.Path(self.dir) / "s1" / "reference.yuv", 640, 360)
+        capture = framealign.read_capture(pathlib.Path(self.dir, "s1", "capture.jpg"))
+        r = framealign.align(capture, ref, outputs="slow")
+        self.assertEqual(repr(r), f"<framealign.Result status='aligned' score={r.score!r} "
+                                  f"best_slot={r.best_slot} model='homography' frames={len(r.frames)}>")
+        r.save(pathlib.Path(self.dir, "as_path"))
+        self.result.save(f"{self.dir}/as_text")
+        self.assertEqual(files(f"{self.dir}/as_path"), files(f"{self.dir}/as_text"))
 
     def test_ctrl_c_stops_an_alignment_that_holds_no_gil(self):
         subprocess.run([f"{BUILD}/framealign-sim", "--out", f"{self.dir}/big", "--seed", "2"],

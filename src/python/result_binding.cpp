@@ -1,0 +1,128 @@
+// framealign.Result: what align() found, its mapping, its files.
+#include <algorithm>
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include <pybind11/stl.h>
+#include <pybind11/stl/filesystem.h>
+
+#include "framealign/framealign.h"
+#include "python/bindings.h"
+
+namespace py = pybind11;
+using framealign::AlignResult;
+
+namespace {
+
+// N x 2 points through `map` (one of the result's mappings), as N x 2.
+py::array_t<double> map_points(const AlignResult& r, const py::array_t<double, py::array::c_style | py::array::forcecast>& points,
+                               std::vector<cv::Point2d> (AlignResult::*map)(const std::vector<cv::Point2d>&) const) {
+  if (points.ndim() != 2 || points.shape(1) != 2) throw py::value_error("points must be an N x 2 array");
+  const std::size_t n = static_cast<std::size_t>(points.shape(0));
+  std::vector<cv::Point2d> in;
+  for (std::size_t i = 0; i < n; ++i) in.emplace_back(points.data()[2 * i], points.data()[2 * i + 1]);
+  const std::vector<cv::Point2d> out = (r.*map)(in);
+  py::array_t<double> result({static_cast<py::ssize_t>(n), py::ssize_t{2}});
+  for (std::size_t i = 0; i < n; ++i) {
+    result.mutable_data()[2 * i] = out[i].x;
+    result.mutable_data()[2 * i + 1] = out[i].y;
+  }
+  return result;
+}
+
+// Output variants as framealign's --output takes them: a number 0..4, a
+// preset name, or a comma-separated text of them, or a list of any of
+// these; the program's message in a ValueError otherwise.
+}  // namespace
+
+std::vector<int> output_list(const py::object& outputs) {
+  std::vector<std::string> values;
+  if (py::isinstance<py::str>(outputs) || py::isinstance<py::int_>(outputs)) {
+    values.push_back(py::str(outputs));
+  } else {
+    for (const py::handle item : outputs) values.push_back(py::str(item));
+  }
+  std::vector<int> codes;
+  try {
+    for (const std::string& value : values) {
+      for (int code : framealign::parse_outputs(value)) {
+        if (std::find(codes.begin(), codes.end(), code) == codes.end()) codes.push_back(code);
+      }
+    }
+  } catch (const framealign::Error& e) {
+    throw py::value_error(e.what());
+  }
+  return codes;
+}
+
+namespace {
+
+std::string result_repr(const AlignResult& r) {
+  std::string text = "<framealign.Result status='" + r.status + "' score=" + py::repr(py::float_(r.score)).cast<std::string>();
+  if (r.best_slot) text += " best_slot=" + std::to_string(*r.best_slot);
+  if (r.est_error_px) text += " est_error_px=" + py::repr(py::float_(*r.est_error_px)).cast<std::string>();
+  if (!r.path.empty()) text += " path='" + r.path + "'";
+  if (r.mapping) text += std::string(" model='") + (r.mapping->has_lens() ? "lens" : "homography") + "'";
+  return text + " frames=" + std::to_string(r.frames.size()) + ">";
+}
+
+py::object mapping_dict(const AlignResult& r) {
+  if (!r.mapping) return py::none();
+  const framealign::Mapping& m = *r.mapping;
+  py::array_t<double> h({3, 3});
+  std::memcpy(h.mutable_data(), m.homography.val, 9 * sizeof(double));
+  py::dict d;
+  d["model"] = m.has_lens() ? "lens" : "homography";
+  d["homography"] = h;
+  d["centre"] = py::make_tuple(m.centre.x, m.centre.y);
+  d["scale"] = m.scale;
+  d["k1"] = m.k1;
+  d["k2"] = m.k2;
+  return std::move(d);
+}
+
+}  // namespace
+
+void bind_result(py::module_& m) {
+  py::class_<AlignResult>(m, "Result", "What align() found.")
+      .def("__repr__", &result_repr)
+      .def_readonly("status", &AlignResult::status, "'aligned' or 'not_found' ('unrectified' with no_rectify)")
+      .def_readonly("score", &AlignResult::score, "the best score, lower is better; 999999 when not found")
+      .def_readonly("best_slot", &AlignResult::best_slot, "the best attempt's result slot, or None")
+      .def_readonly("slot_scores", &AlignResult::slot_scores, "every successful attempt's score, by slot")
+      .def_readonly("est_error_px", &AlignResult::est_error_px,
+                    "with refine=True: the best slot's estimated largest error over the frame, reference pixels")
+      .def_readonly("path", &AlignResult::path, "with fast=True: 'fast' or 'full'")
+      .def_property_readonly("corners", [](const AlignResult& r) -> py::object {
+            if (!r.corners) return py::none();
+            py::array_t<double> out({4, 2});
+            std::copy(r.corners->begin(), r.corners->end(), out.mutable_data());
+            return out;
+          }, "4 x 2: top-left, top-right, bottom-left, bottom-right in capture pixels (best slot)")
+      .def_property_readonly("homography", [](const AlignResult& r) -> py::object {
+            if (!r.homography) return py::none();
+            py::array_t<double> out({3, 3});
+            std::memcpy(out.mutable_data(), r.homography->val, 9 * sizeof(double));
+            return out;
+          }, "3 x 3, reference pixels to capture pixels (best slot)")
+      .def_property_readonly("frames", [](const AlignResult& r) {
+            py::list frames;
+            for (const cv::Mat& f : r.frames) frames.append(to_array(f));
+            return frames;
+          }, "the result slots' frames, height x width uint8, as the result folder holds them")
+      .def_property_readonly("mapping", &mapping_dict,
+          "the best slot's mapping from reference to capture as a dict (model 'lens' or 'homography', "
+          "homography, centre, scale, k1, k2; see mapping_i.txt), or None")
+      .def("to_capture", [](const AlignResult& r, const py::array_t<double, py::array::c_style | py::array::forcecast>& p) {
+            return map_points(r, p, &AlignResult::to_capture);
+          }, py::arg("points"), "N x 2 reference points to capture points through the best slot's mapping")
+      .def("to_reference", [](const AlignResult& r, const py::array_t<double, py::array::c_style | py::array::forcecast>& p) {
+            return map_points(r, p, &AlignResult::to_reference);
+          }, py::arg("points"), "N x 2 capture points to reference points (NaN where the lens cannot have imaged them)")
+      .def("save", [](const AlignResult& r, const std::filesystem::path& folder) {
+            py::gil_scoped_release release;
+            r.save(folder.string());
+          }, py::arg("folder"), "Writes the files framealign --result-folder writes.");
+}
+
