@@ -76,9 +76,13 @@ def summary(rows, baseline):
                          f"cases now worse by more than 0.1 px: {len(worse)}.")
     est = [r for r in rows if r["refine"]["error"] is not None and r["refine"]["est"] is not None]
     covered = sum(r["refine"]["est"] >= r["refine"]["error"] for r in est)
-    rho = spearman([r["refine"]["est"] for r in est], [r["refine"]["error"] for r in est])
+
+    def rho(group):
+        return fmt(spearman([r["refine"]["est"] for r in group], [r["refine"]["error"] for r in group]))
     lines.append(f"- est_error_px at or above the true whole-frame error on {covered}/{len(est)} "
-                 f"({100.0 * covered / max(len(est), 1):.0f}%); rank correlation {fmt(rho)}.")
+                 f"({100.0 * covered / max(len(est), 1):.0f}%); rank correlation {rho(est)} over all, "
+                 f"{rho([r for r in est if not r['distorted']])} through an ideal lens, "
+                 f"{rho([r for r in est if r['distorted']])} through a barrel lens.")
     for run in ("refine", "fast"):
         secs = [r[run]["seconds"] for r in rows if r[run]["seconds"] is not None]
         text = f"- Median seconds per capture with --{run}: {fmt(statistics.median(secs), 2)}"
