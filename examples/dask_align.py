@@ -6,32 +6,41 @@
     ... --scheduler tcp://10.0.0.5:8786 captures/*.jpg     # a cluster already running
 
 The reference's features are computed once, here, and the Reference is
-scattered once to every worker; each task reads one capture on its worker
-and aligns it there. Every worker needs the framealign module on its path
+scattered once to every worker; framealign.read_capture and framealign.align
+are mapped over the captures as they are, and the results come back to be
+tabled here, with Dask's own progress bar on a terminal. Every worker needs the framealign module on its path
 and the captures at the same paths (a shared folder).
 """
 import argparse
+import contextlib
 import csv
 import sys
 
 import framealign
-from dask.distributed import Client, LocalCluster
+from dask.distributed import Client, LocalCluster, progress, wait
 
 
-def align_file(path, reference):
-    """One row of the table: the capture's path, status, score and corners."""
-    try:
-        result = framealign.align(framealign.read_capture(path), reference)
-    except RuntimeError as error:
-        return {"input": path, "status": "error", "score": "", "corners": "", "message": str(error)}
+def align_all(client, reference, paths, refine=False, show_progress=False):
+    """framealign.Result for each of `paths`, in their order (the exception
+    where a capture could not be read or aligned), aligned on the client's
+    workers by framealign.align itself: results pickle, so they come back
+    whole, frames and all."""
+    shared = client.scatter(reference, broadcast=True)
+    captures = client.map(framealign.read_capture, paths)
+    results = client.map(framealign.align, captures, reference=shared, refine=refine)
+    if show_progress:
+        with contextlib.redirect_stdout(sys.stderr):  # standard output holds the table
+            progress(results)
+    wait(results)
+    return [future.exception() if future.status == "error" else future.result() for future in results]
+
+
+def row(path, result):
+    """One row of the table: the capture's path, status, score, corners, message."""
+    if isinstance(result, BaseException):
+        return {"input": path, "status": "error", "score": "", "corners": "", "message": str(result)}
     corners = "" if result.corners is None else " ".join(f"{v:.3f}" for v in result.corners.ravel())
     return {"input": path, "status": result.status, "score": result.score, "corners": corners, "message": ""}
-
-
-def align_all(client, reference, paths):
-    """Rows for `paths`, in their order, aligned on the client's workers."""
-    shared = client.scatter(reference, broadcast=True)
-    return client.gather(client.map(align_file, paths, reference=shared))
 
 
 def main():
@@ -42,6 +51,7 @@ def main():
     parser.add_argument("--height", type=int, default=1080)
     parser.add_argument("--frame", type=int, default=0)
     parser.add_argument("--scheduler", help="address of a running scheduler; default: a local cluster")
+    parser.add_argument("--refine", action="store_true", help="refine each found frame (est_error_px)")
     args = parser.parse_args()
     reference = framealign.Reference.from_yuv(args.reference, args.width, args.height, args.frame)
     if args.scheduler:
@@ -49,10 +59,10 @@ def main():
     else:
         client = Client(LocalCluster(n_workers=2, threads_per_worker=1, processes=True))
     with client:
-        rows = align_all(client, reference, args.captures)
+        results = align_all(client, reference, args.captures, args.refine, show_progress=sys.stderr.isatty())
     table = csv.DictWriter(sys.stdout, fieldnames=["input", "status", "score", "corners", "message"])
     table.writeheader()
-    table.writerows(rows)
+    table.writerows(row(path, result) for path, result in zip(args.captures, results))
 
 
 if __name__ == "__main__":

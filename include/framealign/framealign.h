@@ -161,7 +161,7 @@ struct FRAMEALIGN_API Mapping {
 };
 
 // What align() found.
-struct AlignResult {
+struct FRAMEALIGN_API AlignResult {
   // "aligned" (the frame was found, or corners were given), "not_found" (no
   // attempt succeeded), or "unrectified" (no_rectify: the capture as it is).
   std::string status;
@@ -200,6 +200,13 @@ struct AlignResult {
   // mapping_i.txt per slot (see write_mapping). Throws Error naming the file
   // that could not be written.
   void save(const std::string& folder) const;
+
+  // The whole result, its files included, as bytes, and back: for sending a
+  // result to another process of the same build (Python pickles results
+  // this way). from_bytes checks what it reads and throws Error for bytes
+  // that are not such a result.
+  std::string to_bytes() const;
+  static AlignResult from_bytes(const std::string& bytes);
 
   struct Files;  // what save() needs beyond the fields above
   std::shared_ptr<const Files> files;

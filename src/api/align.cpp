@@ -8,6 +8,7 @@
 #include "align/align.h"
 #include "align/internal.h"
 #include "api/as_error.h"
+#include "api/result_files.h"
 #include "framealign/framealign.h"
 #include "io/feature_cache.h"
 #include "io/reference.h"
@@ -16,16 +17,6 @@ namespace framealign {
 
 // What save() writes beyond the result's own fields: the slots as the
 // results writer takes them.
-struct AlignResult::Files {
-  cv::Mat capture;  // the capture as aligned, for the previews
-  std::vector<cv::Mat> frames;
-  double pts[kSlots][8];
-  double content_pts[kSlots][20];
-  int width = 0;
-  int height = 0;
-  bool jpeg_output = false;
-  std::vector<Mapping> mappings;  // with refine: slot i's is mappings[i % k]
-};
 
 namespace {
 

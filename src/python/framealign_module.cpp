@@ -3,6 +3,7 @@
 #include <pybind11/numpy.h>
 #include <pybind11/pybind11.h>
 #include <pybind11/stl.h>
+#include <pybind11/eval.h>
 #include <pybind11/stl/filesystem.h>
 
 #include <algorithm>
@@ -220,4 +221,20 @@ PYBIND11_MODULE(framealign, m) {
         },
         py::arg("capture"), py::arg("corners"), py::arg("width") = 1920, py::arg("height") = 1080,
         py::arg("variant") = 0, "The capture warped by four corners onto a width x height frame, finished as output variant 0..4.");
+
+  // The module's functions as Python functions of this module, so that
+  // pickle (and Dask's client.map) can name them: a compiled function's
+  // own reduction refers to a capsule, which nothing can pickle.
+  py::dict scope;
+  py::exec(R"(
+import functools
+def by_name(function):
+    @functools.wraps(function)
+    def named(*args, **kwargs):
+        return function(*args, **kwargs)
+    named.__module__ = "framealign"
+    named.__qualname__ = function.__name__
+    return named
+)", scope);
+  for (const char* name : {"read_capture", "align", "warp_by_corners"}) m.attr(name) = scope["by_name"](m.attr(name));
 }

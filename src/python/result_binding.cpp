@@ -87,6 +87,14 @@ py::object mapping_dict(const AlignResult& r) {
 void bind_result(py::module_& m) {
   py::class_<AlignResult>(m, "Result", "What align() found.")
       .def("__repr__", &result_repr)
+      // Pickled by __reduce__, which every protocol honours, as the class
+      // called with the result's bytes (AlignResult::to_bytes), which are
+      // checked when read back: results travel back from Dask's workers.
+      .def(py::init([](const py::bytes& state) { return AlignResult::from_bytes(state); }), py::arg("state"),
+           "A Result rebuilt from the state pickle saved of one.")
+      .def("__reduce__", [](const py::object& self) {
+        return py::make_tuple(self.get_type(), py::make_tuple(py::bytes(self.cast<const AlignResult&>().to_bytes())));
+      })
       .def_readonly("status", &AlignResult::status, "'aligned' or 'not_found' ('unrectified' with no_rectify)")
       .def_readonly("score", &AlignResult::score, "the best score, lower is better; 999999 when not found")
       .def_readonly("best_slot", &AlignResult::best_slot, "the best attempt's result slot, or None")

@@ -106,9 +106,20 @@ class Module(unittest.TestCase):
         r = framealign.align(capture, ref, outputs="slow")
         self.assertEqual(repr(r), f"<framealign.Result status='aligned' score={r.score!r} "
                                   f"best_slot={r.best_slot} model='homography' frames={len(r.frames)}>")
+        for protocol in range(pickle.HIGHEST_PROTOCOL + 1):
+            back = pickle.loads(pickle.dumps(r, protocol))
+            self.assertEqual(repr(back), repr(r))
+            np.testing.assert_array_equal(back.corners, r.corners)
+            self.assertTrue(all((a == b).all() for a, b in zip(back.frames, r.frames)))
+        back.save(pathlib.Path(self.dir, "unpickled"))
+        state = r.__reduce__()[1][0]
+        for damaged in [state[:-1], b"framealign result 1\n" + b"\xff" * 8, state + b"x"]:
+            with self.assertRaisesRegex(framealign.Error, "not a framealign result"):
+                framealign.Result(damaged)
         r.save(pathlib.Path(self.dir, "as_path"))
         self.result.save(f"{self.dir}/as_text")
         self.assertEqual(files(f"{self.dir}/as_path"), files(f"{self.dir}/as_text"))
+        self.assertEqual(files(f"{self.dir}/unpickled"), files(f"{self.dir}/as_text"))
 
     def test_ctrl_c_stops_an_alignment_that_holds_no_gil(self):
         subprocess.run([f"{BUILD}/framealign-sim", "--out", f"{self.dir}/big", "--seed", "2"],
@@ -126,9 +137,10 @@ class Module(unittest.TestCase):
         import dask_align
         paths = [f"{self.dir}/s1/capture.jpg", f"{self.dir}/none.jpg"]
         with Client(LocalCluster(n_workers=2, threads_per_worker=1, processes=True)) as client:
-            rows = dask_align.align_all(client, self.ref, paths)
-        self.assertEqual([row["status"] for row in rows], ["aligned", "error"])
-        self.assertEqual(rows[0]["score"], self.result.score)
+            results = dask_align.align_all(client, self.ref, paths)
+        self.assertEqual(results[0].score, self.result.score)
+        self.assertEqual(results[0].frames[0].tobytes(), self.result.frames[0].tobytes())
+        self.assertIn("Failed to read image file", dask_align.row(paths[1], results[1])["message"])
 
 
 if __name__ == "__main__":
