@@ -79,6 +79,11 @@ class Reader {
     m.k2 = value<double>();
     return m;
   }
+  bool flag() {
+    const auto v = value<std::uint8_t>();
+    if (v > 1) fail("a flag of " + std::to_string(v));
+    return v == 1;
+  }
   bool at_end() const { return at_ == bytes_.size(); }
   [[noreturn]] static void fail(const std::string& what) {
     throw Error("these bytes are not a framealign result (" + what + ")");
@@ -103,9 +108,7 @@ void optional_field(Writer& w, const std::optional<T>& v, Write write) {
 
 template <typename T, typename Read>
 std::optional<T> optional_field(Reader& r, Read read) {
-  const auto present = r.value<std::uint8_t>();
-  if (present > 1) Reader::fail("a flag of " + std::to_string(present));
-  if (!present) return std::nullopt;
+  if (!r.flag()) return std::nullopt;
   return read();
 }
 
@@ -165,14 +168,12 @@ AlignResult AlignResult::from_bytes(const std::string& bytes) {
   });
   out.mapping = optional_field<Mapping>(r, [&] { return r.mapping(); });
   out.path = r.text();
-  const auto has_files = r.value<std::uint8_t>();
-  if (has_files > 1) Reader::fail("a flag of " + std::to_string(has_files));
-  if (has_files) {
+  if (r.flag()) {
     auto files = std::make_shared<Files>();
     files->capture = r.picture();
     files->width = r.value<std::int32_t>();
     files->height = r.value<std::int32_t>();
-    files->jpeg_output = r.value<std::uint8_t>() != 0;
+    files->jpeg_output = r.flag();
     files->frames.resize(r.size(kSlots));
     for (cv::Mat& frame : files->frames) {
       frame = r.picture();
