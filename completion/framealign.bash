@@ -20,4 +20,4 @@ _framealign() {
     mapfile -t COMPREPLY < <(compgen -f -- "$cur")
   fi
 }
-complete -o filenames -F _framealign framealign framealign-batch framealign-sim
+complete -o filenames -F _framealign framealign framealign-batch framealign-sim framealign-ref

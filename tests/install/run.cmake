@@ -15,6 +15,7 @@ run(${CMAKE_COMMAND} --install "${BUILD_DIR}" --prefix "${prefix}")
 foreach(installed bin/framealign bin/framealign-sim include/framealign/framealign.h
         include/framealign/version.h lib/libframealign.a lib/libframealign.so.1.3
         share/man/man1/framealign.1 share/man/man1/framealign-batch.1 share/man/man1/framealign-sim.1
+        share/man/man1/framealign-ref.1 bin/framealign-ref
         share/doc/framealign/examples/dask_align.py share/doc/framealign/examples/parallel.sh
         share/doc/framealign/examples/framealign-batch.sbatch)
   if(NOT EXISTS "${prefix}/${installed}")
