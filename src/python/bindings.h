@@ -6,6 +6,37 @@
 
 #include <opencv2/core.hpp>
 
+// Arguments taken as any Python object and checked by the functions that
+// take them, with their own messages, but shown in signatures, help() and
+// the type stub as the arrays they must be.
+struct GreyArray {
+  pybind11::object value;  // numpy.ndarray[numpy.uint8], height x width
+};
+struct PointArray {
+  pybind11::object value;  // numpy.ndarray[numpy.float64]
+};
+
+namespace pybind11::detail {
+template <>
+struct type_caster<GreyArray> {
+  PYBIND11_TYPE_CASTER(GreyArray, const_name("numpy.ndarray[numpy.uint8]"));
+  bool load(handle source, bool) {
+    value.value = reinterpret_borrow<object>(source);
+    return true;
+  }
+  static handle cast(const GreyArray& a, return_value_policy, handle) { return a.value.inc_ref(); }
+};
+template <>
+struct type_caster<PointArray> {
+  PYBIND11_TYPE_CASTER(PointArray, const_name("numpy.ndarray[numpy.float64]"));
+  bool load(handle source, bool) {
+    value.value = reinterpret_borrow<object>(source);
+    return true;
+  }
+  static handle cast(const PointArray& a, return_value_policy, handle) { return a.value.inc_ref(); }
+};
+}  // namespace pybind11::detail
+
 // A picture as a height x width uint8 array sharing nothing with it.
 pybind11::array_t<uint8_t> to_array(const cv::Mat& picture);
 

@@ -117,8 +117,8 @@ void bind_reference(py::module_& m) {
           },
           py::arg("path"), py::arg("width") = 1920, py::arg("height") = 1080, py::arg("frame") = 0,
           "Frame `frame` of a raw YUV file; features from its .ftrs cache beside it, or computed and cached.")
-      .def_static("from_array", [](const py::object& picture) {
-            const cv::Mat plane = grey_picture(picture, "picture");
+      .def_static("from_array", [](const GreyArray& picture) {
+            const cv::Mat plane = grey_picture(picture.value, "picture");
             py::gil_scoped_release release;
             return Reference::from_picture(plane);
           },
@@ -129,8 +129,8 @@ void bind_reference(py::module_& m) {
           },
           py::arg("path"), py::arg("width") = 1920, py::arg("height") = 1080,
           "Features from a .ftrs file alone (the frame itself unknown).")
-      .def_property_readonly("width", &Reference::width)
-      .def_property_readonly("height", &Reference::height)
+      .def_property_readonly("width", &Reference::width, "the frame's width in pixels")
+      .def_property_readonly("height", &Reference::height, "the frame's height in pixels")
       .def_property_readonly("keypoints", [](const Reference& r) { return r.keypoints().size(); },
                              "the number of SIFT keypoints")
       // Pickled by __reduce__, which every protocol honours (0 and 1 too), as
@@ -193,9 +193,9 @@ PYBIND11_MODULE(framealign, m) {
         "A capture as framealign reads it: an image file as grey (PNG luma raised by 16), or the first "
         "frame of a raw YUV file of width x height.");
 
-  m.def("align", [](const py::object& capture, const Reference& reference, bool advanced, bool refine,
+  m.def("align", [](const GreyArray& capture, const Reference& reference, bool advanced, bool refine,
                     const py::object& outputs, bool jpeg_output) {
-          const cv::Mat picture = grey_picture(capture, "capture");
+          const cv::Mat picture = grey_picture(capture.value, "capture");
           framealign::AlignOptions options;
           options.advanced = advanced;
           options.refine = refine;
@@ -208,10 +208,10 @@ PYBIND11_MODULE(framealign, m) {
         py::arg("outputs") = py::list(), py::arg("jpeg_output") = false,
         "Finds the reference in a uint8 height x width capture; the GIL is released meanwhile.");
 
-  m.def("warp_by_corners", [](const py::object& capture, const py::object& corners, int width,
+  m.def("warp_by_corners", [](const GreyArray& capture, const PointArray& corners, int width,
                               int height, int variant) {
-          const cv::Mat picture = grey_picture(capture, "capture");
-          const std::array<double, 8> values = corner_values(corners);
+          const cv::Mat picture = grey_picture(capture.value, "capture");
+          const std::array<double, 8> values = corner_values(corners.value);
           cv::Mat frame;
           {
             py::gil_scoped_release release;
@@ -227,13 +227,21 @@ PYBIND11_MODULE(framealign, m) {
   // own reduction refers to a capsule, which nothing can pickle.
   py::dict scope;
   py::exec(R"(
-import functools
+import ast, functools, inspect
 def by_name(function):
     @functools.wraps(function)
     def named(*args, **kwargs):
         return function(*args, **kwargs)
     named.__module__ = "framealign"
     named.__qualname__ = function.__name__
+    # The compiled function's signature, from the first line of its
+    # docstring, for help() and for checks of the type stub.
+    tree = ast.parse("def " + function.__doc__.splitlines()[0] + ": pass").body[0].args
+    defaults = [None] * (len(tree.args) - len(tree.defaults)) + tree.defaults
+    named.__signature__ = inspect.Signature([
+        inspect.Parameter(a.arg, inspect.Parameter.POSITIONAL_OR_KEYWORD, annotation=ast.unparse(a.annotation),
+                          default=inspect.Parameter.empty if d is None else ast.literal_eval(d))
+        for a, d in zip(tree.args, defaults)])
     return named
 )", scope);
   for (const char* name : {"read_capture", "align", "warp_by_corners"}) m.attr(name) = scope["by_name"](m.attr(name));

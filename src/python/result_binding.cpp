@@ -4,6 +4,8 @@
 #include <string>
 #include <vector>
 
+#include <optional>
+
 #include <pybind11/stl.h>
 #include <pybind11/stl/filesystem.h>
 
@@ -67,8 +69,8 @@ std::string result_repr(const AlignResult& r) {
   return text + " frames=" + std::to_string(r.frames.size()) + ">";
 }
 
-py::object mapping_dict(const AlignResult& r) {
-  if (!r.mapping) return py::none();
+std::optional<py::dict> mapping_dict(const AlignResult& r) {
+  if (!r.mapping) return std::nullopt;
   const framealign::Mapping& m = *r.mapping;
   py::array_t<double> h({3, 3});
   std::memcpy(h.mutable_data(), m.homography.val, 9 * sizeof(double));
@@ -79,7 +81,7 @@ py::object mapping_dict(const AlignResult& r) {
   d["scale"] = m.scale;
   d["k1"] = m.k1;
   d["k2"] = m.k2;
-  return std::move(d);
+  return d;
 }
 
 }  // namespace
@@ -102,21 +104,21 @@ void bind_result(py::module_& m) {
       .def_readonly("est_error_px", &AlignResult::est_error_px,
                     "with refine=True: the best slot's estimated largest error over the frame, reference pixels")
       .def_readonly("path", &AlignResult::path, "with fast=True: 'fast' or 'full'")
-      .def_property_readonly("corners", [](const AlignResult& r) -> py::object {
-            if (!r.corners) return py::none();
+      .def_property_readonly("corners", [](const AlignResult& r) -> std::optional<py::array_t<double>> {
+            if (!r.corners) return std::nullopt;
             py::array_t<double> out({4, 2});
             std::copy(r.corners->begin(), r.corners->end(), out.mutable_data());
             return out;
-          }, "4 x 2: top-left, top-right, bottom-left, bottom-right in capture pixels (best slot)")
-      .def_property_readonly("homography", [](const AlignResult& r) -> py::object {
-            if (!r.homography) return py::none();
+          }, "4 x 2: top-left, top-right, bottom-left, bottom-right in capture pixels (best slot), or None")
+      .def_property_readonly("homography", [](const AlignResult& r) -> std::optional<py::array_t<double>> {
+            if (!r.homography) return std::nullopt;
             py::array_t<double> out({3, 3});
             std::memcpy(out.mutable_data(), r.homography->val, 9 * sizeof(double));
             return out;
-          }, "3 x 3, reference pixels to capture pixels (best slot)")
+          }, "3 x 3, reference pixels to capture pixels (best slot), or None")
       .def_property_readonly("frames", [](const AlignResult& r) {
-            py::list frames;
-            for (const cv::Mat& f : r.frames) frames.append(to_array(f));
+            std::vector<py::array_t<uint8_t>> frames;
+            for (const cv::Mat& f : r.frames) frames.push_back(to_array(f));
             return frames;
           }, "the result slots' frames, height x width uint8, as the result folder holds them")
       .def_property_readonly("mapping", &mapping_dict,
