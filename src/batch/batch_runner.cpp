@@ -20,7 +20,9 @@
 #include <opencv2/core.hpp>
 
 #include "batch/progress.h"
+#include "batch/result_row.h"
 #include "batch/references.h"
+#include "batch/report.h"
 #include "batch/result_root.h"
 #include "batch/summary.h"
 #include "framealign/framealign.h"
@@ -42,67 +44,11 @@ double seconds_since(Clock::time_point start) {
   return std::chrono::duration<double>(Clock::now() - start).count();
 }
 
-std::string format(const char* pattern, double value) {
-  char text[64];
-  std::snprintf(text, sizeof(text), pattern, value);
-  return text;
-}
-
-// The summary columns after id, input and status; `result` is null for a
-// capture that ended in error.
-std::vector<std::string> result_values(const framealign::AlignResult* result,
-                                       const BatchOptions& options, double seconds,
-                                       const std::string& message) {
-  std::vector<std::string> values(11);  // best_score, best_slot, slot_scores, x1 .. y4
-  std::string estimate, path;
-  if (result != nullptr) {
-    values[0] = format("%.9g", result->score);
-    path = result->path;
-  }
-  if (result != nullptr && result->best_slot) {
-    values[1] = std::to_string(*result->best_slot);
-    for (size_t i = 0; i < result->slot_scores.size(); ++i) {
-      values[2] += (i ? ";" : "") + format("%.9g", result->slot_scores[i]);
-    }
-    for (int c = 0; c < 8; ++c) values[3 + c] = format("%f", (*result->corners)[c]);
-    if (result->est_error_px) estimate = format("%.3f", *result->est_error_px);
-  }
-  if (options.refine) values.push_back(estimate);
-  if (options.fast) values.push_back(path);
-  values.push_back(format("%.2f", seconds));
-  values.push_back(message);
-  return values;
-}
-
-// Two different captures whose feature cache files would have one name
-// (x.jpg and x.png beside each other), said as the refusal; or "".
-std::string shared_capture_cache(const std::vector<CaptureJob>& jobs) {
-  std::map<std::string, std::string> by_cache;
-  for (const CaptureJob& job : jobs) {
-    const fs::path input(job.input);
-    const std::string cache = (input.parent_path() / input.stem()).string();
-    const auto [it, fresh] = by_cache.emplace(cache, job.input);
-    if (!fresh && it->second != job.input) {
-      return "--capture-cache: " + it->second + " and " + job.input + " would share the cache files " +
-             cache + "_<filter>.ftrs; rename one, or run without --capture-cache";
-    }
-  }
-  return "";
-}
-
-// One line of text: the journal keeps a row to a line.
-std::string one_line(std::string text) {
-  for (char& c : text) {
-    if (c == '\n' || c == '\r') c = ' ';
-  }
-  return text;
-}
-
 // Aligns one capture into <root>/.partial/<id> and swaps that folder in
 // for <root>/<id>, so that a folder under its own name is always complete.
 // A failure leaves an earlier result of the capture where it was.
 SummaryRow run_capture(const CaptureJob& job, const BatchOptions& options,
-                       References& references, ResultRoot& root) {
+                       References& references, ResultRoot& root, const Report& report) {
   const auto start = Clock::now();
   SummaryRow row{job.id, job.input, "error", {}};
   std::string foreign = root.foreign(job.id);
@@ -127,6 +73,12 @@ SummaryRow run_capture(const CaptureJob& job, const BatchOptions& options,
     root.install(job.id, job.input);
     row.status = result.status;
     row.values = result_values(&result, options, seconds_since(start), "");
+    try {
+      report.add_pictures(job.id, capture, result, reference.picture());
+    } catch (const std::exception& e) {
+      // The result stands; only its pictures in the report are missing.
+      std::cerr << "framealign-batch: " << e.what() << "\n";
+    }
   } catch (const std::exception& e) {
     root.discard(job.id);
     std::string message = one_line(e.what());
@@ -148,7 +100,7 @@ std::string shard_tag(const BatchOptions& options) {
 // to `record`. A failure to journal stops every worker after its capture
 // and is thrown on. Returns how many captures were run.
 size_t run_pending(const std::vector<const CaptureJob*>& pending, const BatchOptions& options,
-                   ResultRoot& root, Journal& journal,
+                   ResultRoot& root, const Report& report, Journal& journal,
                    const std::function<void(const SummaryRow&)>& record) {
   References references(pending);
   Progress progress(static_cast<int>(pending.size()), options.verbosity);
@@ -159,7 +111,7 @@ size_t run_pending(const std::vector<const CaptureJob*>& pending, const BatchOpt
   auto work = [&] {
     try {
       for (size_t i; g_signal == 0 && !failed && (i = next++) < pending.size();) {
-        const SummaryRow row = run_capture(*pending[i], options, references, root);
+        const SummaryRow row = run_capture(*pending[i], options, references, root, report);
         references.done(pending[i]->reference);
         journal.append(row);
         record(row);
@@ -251,6 +203,10 @@ int run_batch(const BatchOptions& options) {
     return 2;
   }
   framealign::keep_freed_memory_for_reuse();
+  // The report belongs to the whole list: a shard leaves it to the run
+  // that gathers the shards.
+  const Report report(options.shards == 1 ? options.result_root : "");
+  if (options.shards == 1 && !report.enabled()) std::cerr << "framealign-batch: " << report.why() << "\n";
 
   const std::vector<std::string> columns = summary_columns(options.refine, options.fast);
   std::map<std::string, SummaryRow> rows;
@@ -266,7 +222,7 @@ int run_batch(const BatchOptions& options) {
   signal(SIGXFSZ, SIG_IGN);
 
   std::mutex rows_lock;
-  const size_t run = run_pending(pending, options, *root, journal, [&](const SummaryRow& row) {
+  const size_t run = run_pending(pending, options, *root, report, journal, [&](const SummaryRow& row) {
     std::lock_guard<std::mutex> guard(rows_lock);
     rows[row.id] = row;
   });
@@ -282,6 +238,11 @@ int run_batch(const BatchOptions& options) {
     if (options.fast) ++counts["path " + it->second.values.at(path_value)];
   }
   write_summary((root_path / ("summary" + shard_tag(options) + ".csv")).string(), columns, summary);
+  try {
+    report.write(columns, summary);
+  } catch (const std::exception& e) {
+    std::cerr << "framealign-batch: " << e.what() << "\n";  // summary.csv stands
+  }
   const double seconds = seconds_since(start);
   const int status = g_signal != 0 ? 128 + g_signal : counts["error"] > 0 ? 1 : 0;
   if (options.verbosity == 0) return status;

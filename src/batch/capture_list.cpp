@@ -163,3 +163,18 @@ std::vector<CaptureJob> shard_of(const std::vector<CaptureJob>& jobs, int k, int
   }
   return shard;
 }
+
+std::string shared_capture_cache(const std::vector<CaptureJob>& jobs) {
+  std::map<std::string, std::string> by_cache;
+  for (const CaptureJob& job : jobs) {
+    const std::filesystem::path input(job.input);
+    const std::string cache = (input.parent_path() / input.stem()).string();
+    const auto [it, fresh] = by_cache.emplace(cache, job.input);
+    if (!fresh && it->second != job.input) {
+      return "--capture-cache: " + it->second + " and " + job.input + " would share the cache files " +
+             cache + "_<filter>.ftrs; rename one, or run without --capture-cache";
+    }
+  }
+  return "";
+}
+

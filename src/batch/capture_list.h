@@ -47,3 +47,7 @@ std::vector<CaptureJob> capture_jobs(const std::vector<std::string>& inputs,
 
 // The rows K, K + N, K + 2N, ... (1-based) of `jobs`.
 std::vector<CaptureJob> shard_of(const std::vector<CaptureJob>& jobs, int k, int n);
+
+// Two different captures whose feature cache files would have one name
+// (x.jpg and x.png beside each other), said as the refusal; or "".
+std::string shared_capture_cache(const std::vector<CaptureJob>& jobs);

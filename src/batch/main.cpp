@@ -9,6 +9,7 @@
 #include <opencv2/core/utils/logger.hpp>
 
 #include "batch/batch_runner.h"
+#include "batch/report.h"
 #include "framealign/framealign.h"
 
 namespace {
@@ -41,7 +42,9 @@ int run(int argc, char** argv) {
                "Refine each found frame below a pixel; summary column est_error_px");
   app.add_flag("--fast", options.fast,
                "A quick path first, the full search when it cannot be verified (implies --refine)");
-  bool quiet = false, verbose = false;
+  bool quiet = false, verbose = false, report_only = false;
+  app.add_flag("--report-only", report_only,
+               "Only write report.html and overview.png again from the root's summary (no --list)");
   app.add_flag("--quiet", quiet, "No progress and no closing counts; only warnings and errors");
   app.add_flag("--verbose", verbose,
                "The --jobs chosen, and each capture's input and time; OpenCV's own log lines too");
@@ -52,6 +55,10 @@ int run(int argc, char** argv) {
       "memory ran out), 128 + N after signal N. See the README's \"Batches\".");
   try {
     app.parse(argc, argv);
+    if (report_only) {
+      if (!verbose) cv::utils::logging::setLogLevel(cv::utils::logging::LOG_LEVEL_SILENT);
+      return rebuild_report(options.result_root);
+    }
     if (options.list.empty() == options.inputs.empty()) {
       throw CLI::ValidationError("give either --list or captures, not both or neither");
     }

@@ -129,6 +129,38 @@ TEST_F(Batch, RefineEstimatesAndRerunsIdentically) {
   }
 }
 
+// The report: a row per capture with its pictures, errors first, and a
+// contact sheet; --report-only writes the same page again from the root.
+// Where a browser is installed, the page is rendered and looked at.
+TEST_F(Batch, ReportShowsEveryCapture) {
+  const std::string page = read_text(dir_.file("full/report.html"));
+  EXPECT_LT(page.find("data-id='cap3'"), page.find("data-id='cap1'"));  // not_found before aligned
+  for (const char* picture : {"cap1.capture.jpg", "cap1.frames.jpg", "full/cap1.frames.jpg", "cap3.capture.jpg"}) {
+    EXPECT_FALSE(cv::imread(dir_.file(std::string("full/report/") + picture)).empty()) << picture;
+  }
+  EXPECT_FALSE(std::filesystem::exists(dir_.file("full/report/cap3.frames.jpg")));
+  EXPECT_EQ(cv::imread(dir_.file("full/overview.png")).cols, 4 * 320);
+  std::filesystem::remove(dir_.file("full/report.html"));
+  EXPECT_EQ(run_tool({"--result-root", "full", "--report-only"}, dir_, kBatch).exit_code, 0);
+  EXPECT_EQ(read_text(dir_.file("full/report.html")), page);
+
+  const std::string browser = "/usr/bin/chromium";
+  if (!std::filesystem::exists(browser)) GTEST_SKIP() << "no browser to render the report in: " << browser << " is not installed";
+  const std::vector<std::string> flags = {"--headless", "--no-sandbox", "--disable-gpu", "--disable-quic", "--no-first-run",
+                                          "--disable-background-networking", "--disable-component-update", "--disable-sync",
+                                          "--user-data-dir=" + dir_.file("browser"), "--virtual-time-budget=10000",
+                                          "--window-size=1280,1000"};
+  std::vector<std::string> dump = flags, shot = flags;
+  dump.insert(dump.end(), {"--dump-dom", "file://" + dir_.file("full/report.html")});
+  shot.insert(shot.end(), {"--screenshot=" + dir_.file("shot.png"), "file://" + dir_.file("full/report.html")});
+  // Four rows, and the pictures of the three captures that were read (the aligned two also with their frames).
+  EXPECT_NE(run_tool(dump, dir_, browser).out.find("data-rows=\"4\" data-pictures-shown=\"7\""), std::string::npos);
+  run_tool(shot, dir_, browser);
+  cv::Scalar mean, deviation;
+  cv::meanStdDev(cv::imread(dir_.file("shot.png"), cv::IMREAD_GRAYSCALE), mean, deviation);
+  EXPECT_GT(deviation[0], 20.0);  // a page with pictures on it, not a blank one
+}
+
 // --fast: an easy capture takes the quick path and lands within a pixel; a
 // small, blurred, moire-striped screen falls back to the search and still
 // aligns; a mirrored capture (without --advanced), another frame of the

@@ -1,0 +1,52 @@
+// The batch's report, for people: <root>/report.html (one page, no network,
+// a row per capture with small pictures), the pictures in <root>/report/,
+// and <root>/overview.png, a contact sheet of the worst captures for people
+// on a terminal.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include <opencv2/core.hpp>
+
+#include "batch/summary.h"
+#include "framealign/framealign.h"
+
+class Report {
+ public:
+  // Claims report.html, report/ and overview.png in `root` for the batch
+  // (a mark, .report-made, says they are its own), unless something it did
+  // not make has one of those names (a capture's result folder named
+  // "report", say): then enabled() is false and why() says so.
+  explicit Report(const std::string& root);
+  bool enabled() const { return why_.empty(); }
+  const std::string& why() const { return why_; }
+
+  // One capture's pictures, small and full size: the capture with the found
+  // frame outlined (<id>.capture.jpg), and the aligned frame of the best
+  // slot beside the reference (<id>.frames.jpg). Throws std::runtime_error
+  // when one cannot be written.
+  void add_pictures(const std::string& id, const cv::Mat& capture,
+                    const framealign::AlignResult& result, const cv::Mat& reference) const;
+
+  // report.html and overview.png from the summary's rows. Throws
+  // std::runtime_error when one cannot be written.
+  void write(const std::vector<std::string>& columns, const std::vector<SummaryRow>& rows) const;
+
+ private:
+  std::string root_, why_;
+};
+
+// --report-only: report.html and overview.png again from a finished root's
+// summary.csv (its columns) and every row recorded there. Returns the exit
+// status; 2 when the root has no summary or the report's names are taken.
+int rebuild_report(const std::string& root);
+
+// The page itself, for `rows` (summary columns `columns`); `has_pictures`
+// says whether a capture's pictures exist.
+std::string report_html(const std::vector<std::string>& columns, const std::vector<SummaryRow>& rows,
+                        const std::vector<bool>& has_pictures);
+
+// The rows in the report's order: errors first, then not_found, then the
+// aligned by estimated error (or score) from the worst.
+std::vector<SummaryRow> worst_first(const std::vector<std::string>& columns, std::vector<SummaryRow> rows);

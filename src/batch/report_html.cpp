@@ -1,0 +1,153 @@
+// report.html: one page with its style and its script inline, pictures
+// beside it in report/, loaded lazily as they scroll into view.
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "batch/report.h"
+
+namespace {
+
+std::string escaped(const std::string& text) {
+  std::string out;
+  for (char c : text) {
+    switch (c) {
+      case '&': out += "&amp;"; break;
+      case '<': out += "&lt;"; break;
+      case '>': out += "&gt;"; break;
+      case '"': out += "&quot;"; break;
+      case '\'': out += "&#39;"; break;
+      default: out += c;
+    }
+  }
+  return out;
+}
+
+// A file name in a URL: every byte outside the unreserved set escaped.
+std::string url(const std::string& name) {
+  std::string out;
+  char hex[4];
+  for (unsigned char c : name) {
+    if (std::isalnum(c) || c == '-' || c == '_' || c == '.' || c == '~') {
+      out += static_cast<char>(c);
+    } else {
+      std::snprintf(hex, sizeof(hex), "%%%02X", c);
+      out += hex;
+    }
+  }
+  return out;
+}
+
+// A bar chart of `values` in 20 bins from 0 to their largest, as inline SVG.
+std::string histogram(const std::string& title, const std::vector<double>& values, int infinite) {
+  std::string svg = "<figure><figcaption>" + escaped(title) + "</figcaption>";
+  if (values.empty()) return svg + "<p>none</p></figure>";
+  constexpr int kBins = 20, kWidth = 400, kHeight = 120;
+  const double top = std::max(*std::max_element(values.begin(), values.end()), 1e-9);
+  std::vector<int> bins(kBins, 0);
+  for (double v : values) ++bins[std::min(kBins - 1, static_cast<int>(v / top * kBins))];
+  const int most = *std::max_element(bins.begin(), bins.end());
+  char text[256];
+  svg += "<svg width='" + std::to_string(kWidth) + "' height='" + std::to_string(kHeight + 20) + "'>";
+  for (int i = 0; i < kBins; ++i) {
+    const int h = bins[i] * kHeight / std::max(most, 1);
+    std::snprintf(text, sizeof(text), "<rect x='%d' y='%d' width='%d' height='%d'><title>%.3g to %.3g: %d</title></rect>",
+                  i * kWidth / kBins, kHeight - h, kWidth / kBins - 2, h, top * i / kBins, top * (i + 1) / kBins, bins[i]);
+    svg += text;
+  }
+  std::snprintf(text, sizeof(text), "<text x='0' y='%d'>0</text><text x='%d' y='%d' text-anchor='end'>%.3g</text>",
+                kHeight + 15, kWidth, kHeight + 15, top);
+  svg += text;
+  svg += "</svg>";
+  if (infinite > 0) svg += "<p>and " + std::to_string(infinite) + " without an estimate (inf)</p>";
+  return svg + "</figure>";
+}
+
+const char kStyle[] = R"(body{font:14px sans-serif;margin:1.5em;color:#222}
+h1{font-size:1.4em}.counts span{margin-right:1.5em;font-weight:bold}
+.error{color:#b00}.not_found{color:#a60}.aligned{color:#070}
+.charts{display:flex;gap:2em;flex-wrap:wrap}figure{margin:0}rect{fill:#4a7}
+table{border-collapse:collapse;margin-top:1em}td,th{border-bottom:1px solid #ddd;padding:4px 8px;text-align:left;vertical-align:top}
+th[data-key]{cursor:pointer;background:#f4f4f4}th[data-key]:hover{background:#e4e4e4}
+img{display:block;background:#eee}img.capture{width:160px}img.frames{width:244px}td.message{max-width:30em})";
+
+const char kScript[] = R"(const body = document.querySelector('#rows tbody');
+document.querySelectorAll('th[data-key]').forEach((th, column) => {
+  th.addEventListener('click', () => {
+    const key = th.dataset.key, up = th.dataset.order !== 'up';
+    th.dataset.order = up ? 'up' : 'down';
+    const value = r => { const v = r.dataset[key]; const n = parseFloat(v);
+      return th.hasAttribute('data-number') ? (isNaN(n) ? Infinity : n) : v; };
+    const rows = Array.from(body.rows).sort((a, b) => {
+      const x = value(a), y = value(b); return (x < y ? -1 : x > y ? 1 : 0) * (up ? 1 : -1); });
+    rows.forEach(r => body.appendChild(r));
+  });
+});
+window.addEventListener('load', () => {
+  document.body.dataset.rows = body.rows.length;
+  document.body.dataset.picturesShown = Array.from(document.images).filter(i => i.complete && i.naturalWidth > 0).length;
+});)";
+
+}  // namespace
+
+std::string report_html(const std::vector<std::string>& columns, const std::vector<SummaryRow>& rows,
+                        const std::vector<bool>& has_pictures) {
+  const auto at = [&](const char* name) -> long {
+    const long i = std::find(columns.begin(), columns.end(), name) - columns.begin();
+    return i < static_cast<long>(columns.size()) ? i - 3 : -1;
+  };
+  const long score = at("best_score"), est = at("est_error_px"), seconds = at("seconds"), message = at("message");
+  const auto value = [](const SummaryRow& r, long i) { return i >= 0 && i < long(r.values.size()) ? r.values[i] : ""; };
+  std::map<std::string, int> counts;
+  std::vector<double> estimates, times;
+  int infinite = 0;
+  for (const SummaryRow& r : rows) {
+    ++counts[r.status];
+    if (!value(r, seconds).empty()) times.push_back(std::strtod(value(r, seconds).c_str(), nullptr));
+    const std::string e = value(r, est);
+    if (e == "inf") ++infinite;
+    else if (!e.empty()) estimates.push_back(std::strtod(e.c_str(), nullptr));
+  }
+  std::string html = "<!doctype html>\n<html lang='en'><head><meta charset='utf-8'><title>framealign-batch report</title><style>";
+  html += kStyle;
+  html += "</style></head><body>\n<h1>framealign-batch report</h1>\n<p class='counts'>";
+  html += "<span>" + std::to_string(rows.size()) + " captures</span>";
+  for (const char* status : {"aligned", "not_found", "error"}) {
+    html += "<span class='" + std::string(status) + "'>" + status + " " + std::to_string(counts[status]) + "</span>";
+  }
+  html += "</p>\n<div class='charts'>";
+  if (est >= 0) html += histogram("est_error_px (reference pixels)", estimates, infinite);
+  html += histogram("seconds per capture", times, 0);
+  html += "</div>\n<p>Errors first, then not_found, then the largest estimates (or scores). Click a heading to sort, "
+          "a picture to open it full size.</p>\n<table id='rows'><thead><tr><th data-key='id'>id</th>"
+          "<th data-key='rank'>status</th><th data-key='score' data-number>score</th>";
+  if (est >= 0) html += "<th data-key='est' data-number>est_error_px</th>";
+  html += "<th data-key='seconds' data-number>seconds</th><th>capture, frame found</th>"
+          "<th>aligned | reference</th><th>message</th></tr></thead>\n<tbody>\n";
+  for (std::size_t i = 0; i < rows.size(); ++i) {
+    const SummaryRow& r = rows[i];
+    const int rank = r.status == "error" ? 0 : r.status == "not_found" ? 1 : 2;
+    html += "<tr data-id='" + escaped(r.id) + "' data-rank='" + std::to_string(rank) + "' data-score='" +
+            escaped(value(r, score)) + "' data-est='" + escaped(value(r, est)) + "' data-seconds='" +
+            escaped(value(r, seconds)) + "'><td>" + escaped(r.id) + "</td><td class='" + escaped(r.status) + "'>" +
+            escaped(r.status) + "</td><td>" + escaped(value(r, score)) + "</td>";
+    if (est >= 0) html += "<td>" + escaped(value(r, est)) + "</td>";
+    html += "<td>" + escaped(value(r, seconds)) + "</td>";
+    for (const char* kind : {"capture", "frames"}) {
+      const std::string name = url(r.id) + "." + kind + ".jpg";
+      html += "<td>";
+      if (has_pictures[i] && (kind[0] == 'c' || r.status == "aligned")) {
+        html += "<a href='report/full/" + name + "' target='_blank'><img class='" + kind + "' loading='lazy' src='report/" +
+                name + "' alt='" + kind + " of " + escaped(r.id) + "'></a>";
+      }
+      html += "</td>";
+    }
+    html += "<td class='message'>" + escaped(value(r, message)) + "</td></tr>\n";
+  }
+  html += "</tbody></table>\n<script>";
+  html += kScript;
+  return html + "</script></body></html>\n";
+}
