@@ -24,6 +24,8 @@
 
 #include <opencv2/core.hpp>
 
+#include "align/plane_io.h"
+#include "align/search_request.h"
 #include "framealign/framealign.h"
 
 namespace framealign {
@@ -218,48 +220,6 @@ void align_frame(const std::vector<cv::DMatch>& matches,
 // copies; corner rows of the copies are not written (the writer reads row
 // i mod k).
 
-// Features of OpenCV's plain SIFT (default settings), for the quick path.
-struct QuickFeatures {
-  std::vector<cv::KeyPoint> keypoints;
-  cv::Mat descriptors;
-};
-QuickFeatures quick_features(const cv::Mat& picture);
-
-// What a search is asked for beyond its attempts.
-struct SearchRequest {
-  // Refine each successful attempt's geometry below a pixel before its slot
-  // is warped (the scores stay the search's), and estimate its error.
-  bool refine = false;
-  // Try the quick path first (implies `refine`): one plain SIFT pass over a
-  // reduced copy of the input, verified (strong, spread, consistent matches,
-  // a plausible view, an estimated error of at most 1 px) or else replaced
-  // by the search, which then runs exactly as with `refine` alone. A
-  // verified quick answer fills slot 0 and its enhanced copy.
-  bool fast = false;
-  // The reference's quick features, when the caller keeps them; computed per
-  // call otherwise.
-  const QuickFeatures* quick_reference = nullptr;
-  // Set by another thread to stop the search: it is checked before every
-  // stage, which then throws Cancelled.
-  const std::atomic<bool>* stop = nullptr;
-};
-
-// Throws Cancelled when `stop` is set.
-void stop_if_asked(const std::atomic<bool>* stop);
-
-// What a search found beyond its slots.
-struct SearchReport {
-  std::string path;            // with `fast`: "fast" or "full"
-  std::vector<double> scores;  // the successful attempts, slots 0..k-1, lower is better
-  // With `refine`: per slot 0..k-1, the estimated largest corner error in
-  // reference pixels (+inf when the matches were too few to tell), and
-  // whether the refined geometry replaced the search's.
-  std::vector<double> est_error_px;
-  std::vector<bool> refined;
-  // With `refine`: per slot 0..k-1, the mapping its frame was warped by.
-  std::vector<Mapping> mappings;
-};
-
 // Runs the three preprocessing attempts in parallel (after the optional
 // advanced pre-pass), compacts the successful ones to the front and stores
 // the lowest score (kFailedScore when none succeeded). Returns their count k.
@@ -324,31 +284,5 @@ void draw_matches_combined(const cv::Mat& image1, const cv::Mat& image2,
                            const std::vector<cv::KeyPoint>& keypoints1,
                            const std::vector<cv::KeyPoint>& keypoints2,
                            const std::string& file_name);
-
-// ---- Frames and files -----------------------------------------------------
-
-// The corner array of a width x height frame in its own pixels:
-// (0,0) (W,0) (0,H) (W,H).
-void frame_corners(double width, double height, double (&corners)[8]);
-
-// The four points of a corner array, in single precision as OpenCV's
-// perspective functions take them.
-std::vector<cv::Point2f> corner_points(const double* corners);
-
-// Bytes of a width x height luma plane. Throws std::invalid_argument
-// ("Invalid frame size: WxH") for an empty or negative size, or one whose
-// byte count does not fit an int.
-std::size_t luma_plane_size(int width, int height);
-
-// Copies the first width x height bytes of `picture` into `plane`, row after
-// row as they lie. Throws std::runtime_error when the picture holds fewer,
-// rather than reading past its end.
-void copy_plane(const cv::Mat& picture, unsigned char* plane, int width, int height);
-
-// Writes `size` bytes to `path` under a temporary name and renames it into
-// place, so that a reader (another thread or process) sees the old file or
-// the whole new one, never half of one. False when any step fails; nothing
-// is left behind then.
-bool replace_file(const std::string& path, const void* data, std::size_t size);
 
 }  // namespace framealign

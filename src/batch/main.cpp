@@ -14,12 +14,14 @@
 
 namespace {
 
-int run(int argc, char** argv) {
-  BatchOptions options;
+// What the command line says beyond BatchOptions' own fields.
+struct CommandLine {
   std::vector<std::string> outputs;
   std::string shard;
-  CLI::App app{"Aligns many captures of known reference frames; see framealign for one.",
-               "framealign-batch"};
+  bool quiet = false, verbose = false, report_only = false;
+};
+
+void declare_options(CLI::App& app, BatchOptions& options, CommandLine& line) {
   app.add_option("--list", options.list, "CSV list of captures: column input, optional id, "
                  "reference, width, height, frame_number");
   app.add_option("inputs", options.inputs, "Captures, when there is no list");
@@ -31,9 +33,9 @@ int run(int argc, char** argv) {
   app.add_option("--frame-number", options.defaults.frame_number, "Frame of the reference file");
   app.add_flag("--advanced", options.advanced, "Advanced alignment (mirror and affine pre-pass)");
   app.add_flag("--jpeg-output", options.jpeg_output, "JPEG previews in every result folder");
-  app.add_option("--output", outputs, "Output variant or preset, as framealign's --output")
+  app.add_option("--output", line.outputs, "Output variant or preset, as framealign's --output")
       ->take_all()->allow_extra_args(false);
-  app.add_option("--shard", shard, "K/N: take rows K, K+N, K+2N, ... of the list");
+  app.add_option("--shard", line.shard, "K/N: take rows K, K+N, K+2N, ... of the list");
   app.add_option("--jobs", options.jobs, "Captures in flight (default: from CPUs and memory)")
       ->check(CLI::PositiveNumber);
   app.add_flag("--capture-cache", options.capture_cache, "Read and write captures' .ftrs files");
@@ -42,51 +44,59 @@ int run(int argc, char** argv) {
                "Refine each found frame below a pixel; summary column est_error_px");
   app.add_flag("--fast", options.fast,
                "A quick path first, the full search when it cannot be verified (implies --refine)");
-  bool quiet = false, verbose = false, report_only = false;
-  app.add_flag("--report-only", report_only,
+  app.add_flag("--report-only", line.report_only,
                "Only write report.html and overview.png again from the root's summary (no --list)");
-  app.add_flag("--quiet", quiet, "No progress and no closing counts; only warnings and errors");
-  app.add_flag("--verbose", verbose,
+  app.add_flag("--quiet", line.quiet, "No progress and no closing counts; only warnings and errors");
+  app.add_flag("--verbose", line.verbose,
                "The --jobs chosen, and each capture's input and time; OpenCV's own log lines too");
   app.set_version_flag("--version", framealign::version());
   app.footer(
       "Exit status: 0 every capture aligned or not_found, 1 some capture ended in error, 2 the\n"
       "command or the list cannot be run, 3 the run stopped on a system error (a write failed,\n"
       "memory ran out), 128 + N after signal N. See the README's \"Batches\".");
+}
+
+// Checks what the parser cannot and completes `options`; throws
+// CLI::ValidationError with the reason.
+void complete_options(BatchOptions& options, const CommandLine& line) {
+  if (options.list.empty() == options.inputs.empty()) {
+    throw CLI::ValidationError("give either --list or captures, not both or neither");
+  }
+  if (!options.inputs.empty() && options.defaults.path.empty()) {
+    throw CLI::ValidationError("--reference-file is needed for captures named here");
+  }
+  for (const std::string& value : line.outputs) {
+    try {
+      for (int code : framealign::parse_outputs(value)) {
+        if (std::find(options.outputs.begin(), options.outputs.end(), code) == options.outputs.end()) {
+          options.outputs.push_back(code);
+        }
+      }
+    } catch (const framealign::Error& e) {
+      throw CLI::ValidationError(e.what());
+    }
+  }
+  if (options.fast) options.refine = true;
+  if (line.quiet && line.verbose) throw CLI::ValidationError("give --quiet or --verbose, not both");
+  options.verbosity = line.quiet ? 0 : line.verbose ? 2 : 1;
+  if (!line.shard.empty()) {
+    char slash = 0, rest = 0;
+    if (std::sscanf(line.shard.c_str(), "%d%c%d%c", &options.shard, &slash, &options.shards, &rest) != 3 ||
+        slash != '/' || options.shard < 1 || options.shard > options.shards) {
+      throw CLI::ValidationError("--shard", "must be K/N with 1 <= K <= N, got '" + line.shard + "'");
+    }
+  }
+}
+
+int run(int argc, char** argv) {
+  BatchOptions options;
+  CommandLine line;
+  CLI::App app{"Aligns many captures of known reference frames; see framealign for one.",
+               "framealign-batch"};
+  declare_options(app, options, line);
   try {
     app.parse(argc, argv);
-    if (report_only) {
-      if (!verbose) cv::utils::logging::setLogLevel(cv::utils::logging::LOG_LEVEL_SILENT);
-      return rebuild_report(options.result_root);
-    }
-    if (options.list.empty() == options.inputs.empty()) {
-      throw CLI::ValidationError("give either --list or captures, not both or neither");
-    }
-    if (!options.inputs.empty() && options.defaults.path.empty()) {
-      throw CLI::ValidationError("--reference-file is needed for captures named here");
-    }
-    for (const std::string& value : outputs) {
-      try {
-        for (int code : framealign::parse_outputs(value)) {
-          if (std::find(options.outputs.begin(), options.outputs.end(), code) ==
-              options.outputs.end()) {
-            options.outputs.push_back(code);
-          }
-        }
-      } catch (const framealign::Error& e) {
-        throw CLI::ValidationError(e.what());
-      }
-    }
-    if (options.fast) options.refine = true;
-    if (quiet && verbose) throw CLI::ValidationError("give --quiet or --verbose, not both");
-    options.verbosity = quiet ? 0 : verbose ? 2 : 1;
-    if (!shard.empty()) {
-      char slash = 0, rest = 0;
-      if (std::sscanf(shard.c_str(), "%d%c%d%c", &options.shard, &slash, &options.shards, &rest) != 3 ||
-          slash != '/' || options.shard < 1 || options.shard > options.shards) {
-        throw CLI::ValidationError("--shard", "must be K/N with 1 <= K <= N, got '" + shard + "'");
-      }
-    }
+    if (!line.report_only) complete_options(options, line);
   } catch (const CLI::ParseError& e) {
     if (e.get_exit_code() == 0) return app.exit(e);  // --help, --version
     std::cerr << "framealign-batch: " << e.what() << " (see --help)\n";
@@ -94,8 +104,8 @@ int run(int argc, char** argv) {
   }
   // OpenCV's log lines (a picture it cannot open, say) only on request: the
   // batch reports every failure in its own words.
-  if (!verbose) cv::utils::logging::setLogLevel(cv::utils::logging::LOG_LEVEL_SILENT);
-  return run_batch(options);
+  if (!line.verbose) cv::utils::logging::setLogLevel(cv::utils::logging::LOG_LEVEL_SILENT);
+  return line.report_only ? rebuild_report(options.result_root) : run_batch(options);
 }
 
 }  // namespace
