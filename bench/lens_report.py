@@ -9,9 +9,13 @@ slot's largest whole-frame error px, est_error_px, seconds, path and model.
 "yes" says the rows hold baseline runs.
 """
 import datetime
+import os
 import statistics
 import subprocess
 import sys
+
+sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
+from report import spearman  # noqa: E402  (bench/report.py, the bench's own report)
 
 FIELDS = ["error", "est", "seconds", "path", "model"]
 
@@ -33,24 +37,6 @@ def read(path, baseline):
                         "seconds": number(part["seconds"]), "path": part["path"], "model": part["model"]}
         rows.append(row)
     return rows
-
-
-def ranks(values):
-    order = sorted(range(len(values)), key=lambda i: values[i])
-    r = [0.0] * len(values)
-    for rank, i in enumerate(order):
-        r[i] = float(rank)
-    return r
-
-
-def spearman(a, b):
-    if len(a) < 3:
-        return None
-    ra, rb = ranks(a), ranks(b)
-    ma, mb = statistics.mean(ra), statistics.mean(rb)
-    num = sum((x - ma) * (y - mb) for x, y in zip(ra, rb))
-    den = (sum((x - ma) ** 2 for x in ra) * sum((y - mb) ** 2 for y in rb)) ** 0.5
-    return num / den if den else None
 
 
 def fmt(v, digits=3):
