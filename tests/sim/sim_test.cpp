@@ -4,15 +4,21 @@
 
 namespace {
 
+// A 1200 x 900 camera without blur, noise or vignette.
+CaptureSettings clean_camera() {
+  CaptureSettings s;
+  s.capture_width = 1200;
+  s.capture_height = 900;
+  s.blur = s.noise = s.vignette = 0;
+  return s;
+}
+
 // Warping the capture back by the true corners gives the frame again, and
 // better than with the frame moved by one pixel in any direction.
 TEST(render_capture, CornersAreWhereTheFrameLands) {
   const cv::Mat frame = make_reference_frame(640, 360, 3);
-  CaptureSettings s;
-  s.capture_width = 1200;
-  s.capture_height = 900;
+  CaptureSettings s = clean_camera();
   s.perspective = 0.15;
-  s.blur = s.noise = s.vignette = 0;
   const Capture capture = render_capture(frame, s);
   cv::Mat back, diff;
   cv::warpPerspective(capture.picture, back, frame_to_capture(640, 360, capture.corners).inv(), frame.size());
@@ -32,12 +38,9 @@ TEST(render_capture, CornersAreWhereTheFrameLands) {
 // capture shows it, which the four corners alone no longer tell.
 TEST(render_capture, TruthFollowsTheLens) {
   const cv::Mat frame = make_reference_frame(640, 360, 3);
-  CaptureSettings s;
-  s.capture_width = 1200;
-  s.capture_height = 900;
+  CaptureSettings s = clean_camera();
   s.screen_scale = 0.9;
   s.barrel = 0.1;
-  s.blur = s.noise = s.vignette = 0;
   const Capture capture = render_capture(frame, s);
   cv::Mat map_x(frame.size(), CV_32FC1), map_y(frame.size(), CV_32FC1);
   for (int y = 0; y < frame.rows; ++y) {
