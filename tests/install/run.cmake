@@ -28,10 +28,10 @@ file(READ "${prefix}/share/man/man1/framealign-batch.1" page)
 if(NOT page MATCHES "Exit status: 0 every capture" OR NOT page MATCHES "A folder <id> per capture")
   message(FATAL_ERROR "framealign-batch.1 lacks its options or exit statuses:\n${page}")
 endif()
-run(bash -c "source '${prefix}/share/bash-completion/completions/framealign-batch' && COMP_WORDS=(x --re) \
+run(bash -c "source '${prefix}/share/bash-completion/completions/framealign-batch' && COMP_WORDS=(x --ref) \
 COMP_CWORD=1 && _framealign '${prefix}/bin/framealign-batch' && echo \${COMPREPLY[*]}")
-if(NOT last_output STREQUAL "--reference-file --refine --result-root\n")
-  message(FATAL_ERROR "completion of --re offered: ${last_output}")
+if(NOT last_output STREQUAL "--reference-file --refine\n")
+  message(FATAL_ERROR "completion of --ref offered: ${last_output}")
 endif()
 file(GLOB_RECURSE internal "${prefix}/include/align/*" "${prefix}/include/io/*")
 if(internal)
