@@ -65,8 +65,11 @@ class Reader {
     if (rows < 0 || cols < 0 || (rows > 0 && cols > std::numeric_limits<int>::max() / rows)) {
       fail("a picture of " + std::to_string(rows) + " x " + std::to_string(cols));
     }
+    // The bytes first, so that a damaged size never allocates more than
+    // the input could fill.
+    const char* bytes = take(static_cast<std::size_t>(rows) * static_cast<std::size_t>(cols));
     cv::Mat m(rows, cols, CV_8UC1);
-    if (m.total() > 0) std::memcpy(m.data, take(m.total()), m.total());
+    if (m.total() > 0) std::memcpy(m.data, bytes, m.total());
     return m;
   }
   Mapping mapping() {

@@ -8,6 +8,7 @@
 
 #include <opencv2/imgcodecs.hpp>
 #include <opencv2/imgproc.hpp>
+#include <opencv2/videoio.hpp>
 
 #include "sim/render.h"
 #include "sim/sim_options.h"
@@ -54,8 +55,60 @@ int fail(const std::string& message) {
   return 2;
 }
 
+// Films the reference video and writes reference.yuv, the capture video
+// and truth.csv; returns the exit status.
+int render_video(const SimOptions& options) {
+  if (!options.reference.empty()) return fail("--video films its own reference video; --reference is for stills");
+  const std::vector<cv::Mat> reference = make_reference_video(
+      options.width, options.height, options.capture.seed, options.filming.reference_frames, options.filming.motion);
+  std::error_code ec;
+  std::filesystem::create_directories(options.out_dir + (options.codec == "png" ? "/frames" : ""), ec);
+  const std::string dir = options.out_dir + "/";
+  std::string frames;
+  for (const cv::Mat& frame : reference) {
+    std::vector<unsigned char> plane(frame.datastart, frame.dataend);
+    plane.resize(plane.size() * 3 / 2, 128);
+    frames.append(plane.begin(), plane.end());
+  }
+  if (!write_file(dir + "reference.yuv", frames)) return fail("cannot write " + dir + "reference.yuv");
+  const bool h264 = options.codec == "h264";
+  const std::string video = dir + (h264 ? "capture.mp4" : "capture.avi");
+  cv::VideoWriter writer;
+  if (options.codec != "png" &&
+      !writer.open(video, cv::CAP_FFMPEG, h264 ? cv::VideoWriter::fourcc('a', 'v', 'c', '1') : cv::VideoWriter::fourcc('M', 'J', 'P', 'G'),
+                   options.filming.camera_fps, cv::Size(options.capture.capture_width, options.capture.capture_height))) {
+    return fail("cannot write " + video + " (OpenCV's FFmpeg writer)");
+  }
+  std::string truth = "capture_frame,ref_frame,ref_frames,mixed,x1,y1,x2,y2,x3,y3,x4,y4\n";
+  bool written = true;
+  film(reference, options.capture, options.filming, [&](const cv::Mat& picture, const FrameTruth& t) {
+    char name[64], line[512];
+    if (writer.isOpened()) {
+      cv::Mat colour;
+      cv::cvtColor(picture, colour, cv::COLOR_GRAY2BGR);
+      writer.write(colour);
+    } else {
+      std::snprintf(name, sizeof(name), "frames/%06d.png", t.capture_frame);
+      written = written && cv::imwrite(dir + name, picture);
+    }
+    std::string shown;
+    for (int k : t.ref_frames) shown += (shown.empty() ? "" : ";") + std::to_string(k);
+    const double* c = t.corners;
+    std::snprintf(line, sizeof(line), "%d,%d,%s,%d,%f,%f,%f,%f,%f,%f,%f,%f\n", t.capture_frame, t.ref_frame,
+                  shown.c_str(), t.mixed() ? 1 : 0, c[0], c[1], c[2], c[3], c[4], c[5], c[6], c[7]);
+    truth += line;
+  });
+  writer.release();
+  if (!written || !write_file(dir + "truth.csv", truth)) return fail("cannot write the captured frames or truth.csv");
+  std::cout << dir << "reference.yuv " << options.width << "x" << options.height << ", "
+            << reference.size() << " frames\n"
+            << (options.codec == "png" ? dir + "frames/" : video) << "\n" << dir << "truth.csv\n";
+  return 0;
+}
+
 // Renders the capture and writes its three files; returns the exit status.
 int render(const SimOptions& options) {
+  if (options.video) return render_video(options);
   if (options.corner_files.size() == 2) {
     double truth[8], found[8];
     if (!read_corners(options.corner_files[0], truth)) return fail("cannot read " + options.corner_files[0]);

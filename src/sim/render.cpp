@@ -183,19 +183,17 @@ cv::Point2d Capture::seen_at(const cv::Point2d& p) const {
   return lens_distort(settings, {v[0] / v[2], v[1] / v[2]});
 }
 
-Capture render_capture(const cv::Mat& frame, const CaptureSettings& s) {
-  cv::RNG rng(s.seed * 7919 + 17);
+Stage make_stage(cv::Size frame, const CaptureSettings& s, cv::RNG& rng) {
   const int cw = s.capture_width;
   const int ch = s.capture_height;
-
+  Stage stage;
   // The screen: the frame inside a dark bezel.
-  const int bezel = std::max(2, frame.cols / 40);
-  cv::Mat screen(frame.rows + 2 * bezel, frame.cols + 2 * bezel, CV_8UC1, cv::Scalar(18));
-  frame.copyTo(screen(cv::Rect(bezel, bezel, frame.cols, frame.rows)));
+  stage.bezel = std::max(2, frame.width / 40);
+  stage.screen = cv::Size(frame.width + 2 * stage.bezel, frame.height + 2 * stage.bezel);
 
   // Its place in the capture: centred, scaled, moved and tilted at random.
   const double screen_w = s.screen_scale * cw;
-  const double screen_h = screen_w * screen.rows / screen.cols;
+  const double screen_h = screen_w * stage.screen.height / stage.screen.width;
   const double fit = std::min(1.0, 0.95 * ch / screen_h);
   const double w = screen_w * fit, h = screen_h * fit;
   const double cx = cw / 2.0 + rng.uniform(-0.5, 0.5) * (cw - w) * 0.5;
@@ -209,40 +207,55 @@ Capture render_capture(const cv::Mat& frame, const CaptureSettings& s) {
     p.x += static_cast<float>(rng.uniform(-jitter, jitter));
     p.y += static_cast<float>(rng.uniform(-jitter, jitter));
   }
-  const cv::Mat screen_to_capture = perspective_from_frame(screen.cols, screen.rows, quad);
+  stage.screen_to_capture = perspective_from_frame(stage.screen.width, stage.screen.height, quad);
 
   // The scene behind the screen.
   cv::Mat scene_f = cloudy(cw, ch, rng, 30, 120);
-  cv::Mat scene;
-  scene_f.convertTo(scene, CV_8U);
+  scene_f.convertTo(stage.scene, CV_8U);
   for (int i = 0; i < 40; ++i) {
     const cv::Point a(rng.uniform(0, cw), rng.uniform(0, ch));
-    cv::rectangle(scene, cv::Rect(a.x, a.y, rng.uniform(20, cw / 6 + 21), rng.uniform(20, ch / 6 + 21)),
+    cv::rectangle(stage.scene, cv::Rect(a.x, a.y, rng.uniform(20, cw / 6 + 21), rng.uniform(20, ch / 6 + 21)),
                   cv::Scalar(rng.uniform(20, 140)), -1);
   }
-  cv::warpPerspective(screen, scene, screen_to_capture, scene.size(), cv::INTER_CUBIC,
-                      cv::BORDER_TRANSPARENT);
-  scene = through_lens(scene, s);
+  return stage;
+}
 
+cv::Mat optical_image(const cv::Mat& frame, const Stage& stage, const cv::Matx33d& drift, const CaptureSettings& s) {
+  cv::Mat screen(stage.screen, CV_8UC1, cv::Scalar(18));
+  frame.copyTo(screen(cv::Rect(stage.bezel, stage.bezel, frame.cols, frame.rows)));
+  cv::Mat scene = stage.scene.clone();
+  cv::warpPerspective(screen, scene, cv::Mat(drift * stage.screen_to_capture), scene.size(), cv::INTER_CUBIC,
+                      cv::BORDER_TRANSPARENT);
+  return through_lens(scene, s);
+}
+
+Capture develop(const cv::Mat& optical, cv::Size frame, const Stage& stage, const cv::Matx33d& drift,
+                const CaptureSettings& s, cv::RNG& rng) {
   Capture capture;
   capture.settings = s;
-  const cv::Matx33d frame_in_screen(1, 0, bezel, 0, 1, bezel, 0, 0, 1);
-  capture.frame_to_scene = cv::Matx33d(screen_to_capture) * frame_in_screen;
+  const cv::Matx33d frame_in_screen(1, 0, stage.bezel, 0, 1, stage.bezel, 0, 0, 1);
+  capture.frame_to_scene = drift * stage.screen_to_capture * frame_in_screen;
   double corners[8];
-  framealign::frame_corners(frame.cols, frame.rows, corners);
+  framealign::frame_corners(frame.width, frame.height, corners);
   for (int i = 0; i < 4; ++i) {
     const cv::Point2d p = capture.seen_at({corners[2 * i], corners[2 * i + 1]});
     capture.corners[2 * i] = p.x;
     capture.corners[2 * i + 1] = p.y;
   }
-
   // Camera effects, in floating point.
   cv::Mat img;
-  scene.convertTo(img, CV_32F);
-  camera_effects(img, s, rng, screen.size(), screen_to_capture);
+  optical.convertTo(img, CV_32F);
+  camera_effects(img, s, rng, stage.screen, cv::Mat(drift * stage.screen_to_capture));
   img.convertTo(capture.picture, CV_8U);
   if (s.mirror) cv::flip(capture.picture, capture.picture, 1);
   return capture;
+}
+
+Capture render_capture(const cv::Mat& frame, const CaptureSettings& s) {
+  cv::RNG rng(s.seed * 7919 + 17);
+  const Stage stage = make_stage(frame.size(), s, rng);
+  const cv::Matx33d still = cv::Matx33d::eye();
+  return develop(optical_image(frame, stage, still, s), frame.size(), stage, still, s, rng);
 }
 
 CornerError corner_error(const double* truth, const double* found, int width, int height) {

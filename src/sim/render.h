@@ -52,6 +52,23 @@ cv::Mat make_reference_frame(int width, int height, std::uint64_t seed, std::uin
 // Renders `frame` as seen by a camera.
 Capture render_capture(const cv::Mat& frame, const CaptureSettings& settings);
 
+// render_capture in its three steps, for captures of a moving picture: the
+// fixed stage (where the screen of a frame of `frame` size stands, the
+// scene behind it), the light reaching the sensor with the frame on the
+// screen and the camera moved by `drift` (a homography of the capture),
+// and the picture the camera makes of it. `rng` is drawn from in this order.
+struct Stage {
+  cv::Mat scene;                  // 8-bit grey, capture size, without the screen
+  cv::Matx33d screen_to_capture;  // the screen (frame and bezel) into the capture
+  int bezel = 0;
+  cv::Size screen;
+};
+Stage make_stage(cv::Size frame, const CaptureSettings& s, cv::RNG& rng);
+cv::Mat optical_image(const cv::Mat& frame, const Stage& stage, const cv::Matx33d& drift,
+                      const CaptureSettings& s);
+Capture develop(const cv::Mat& optical, cv::Size frame, const Stage& stage, const cv::Matx33d& drift,
+                const CaptureSettings& s, cv::RNG& rng);
+
 // Where four true corners and four found corners differ, in reference
 // pixels: the found corners are mapped into the reference frame through the
 // true perspective and compared with the frame's corners.

@@ -58,6 +58,21 @@ void add_sim_options(CLI::App& app, SimOptions& o) {
                  "TRUTH FOUND: only compare two corner files (pts format) and print the mean and "
                  "largest error in reference pixels (--width, --height)")
       ->expected(2);
+  VideoSettings& v = o.filming;
+  app.add_flag("--video", o.video,
+               "Film a screen playing a reference video (a slow pan, --reference-frames frames) and write "
+               "reference.yuv (every frame), the capture video and truth.csv (see the README)");
+  ranged(app, "--reference-frames", v.reference_frames, 2, 10000, "--video: frames of the reference video");
+  ranged(app, "--motion", v.motion, 0.0, 100.0, "--video: the reference video's pan, pixels per frame");
+  ranged(app, "--display-fps", v.display_fps, 1.0, 240.0, "--video: the screen's frame rate");
+  ranged(app, "--camera-fps", v.camera_fps, 1.0, 240.0, "--video: the camera's frame rate");
+  ranged(app, "--seconds", v.seconds, 0.05, 600.0, "--video: length of the capture video");
+  ranged(app, "--phase", v.phase, -10.0, 10.0, "--video: when reference frame 0 starts, seconds after the first capture");
+  ranged(app, "--readout", v.readout, 0.0, 1.0, "--video: rolling shutter, first to last row, share of a camera frame");
+  ranged(app, "--exposure", v.exposure, 0.0, 1.0, "--video: each row's exposure, share of a camera frame");
+  ranged(app, "--drift", v.drift, 0.0, 200.0, "--video: hand-held wander of the camera, capture pixels");
+  app.add_option("--codec", o.codec, "--video: h264 (capture.mp4), mjpg (capture.avi) or png (frames/NNNNNN.png)")
+      ->check(CLI::IsMember({"h264", "mjpg", "png"}))->capture_default_str();
   app.set_version_flag("--version", framealign::version());
   app.footer("Exit status: 0 the files were written (or the corners compared), 2 a bad option or a\n"
              "file that cannot be read or written.");

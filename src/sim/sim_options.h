@@ -7,6 +7,7 @@
 #include <CLI/CLI.hpp>
 
 #include "sim/render.h"
+#include "sim/video.h"
 
 struct SimOptions {
   std::string out_dir = ".";
@@ -20,6 +21,9 @@ struct SimOptions {
   bool upside_down = false;  // ... the reference turned by 180 degrees
   std::vector<std::string> corner_files;  // truth and found: only compare corners
   CaptureSettings capture;
+  bool video = false;          // film a reference video instead of one frame
+  VideoSettings filming;
+  std::string codec = "h264";  // the capture video's: h264 (.mp4), mjpg (.avi) or png (frames/)
 };
 
 // Declares every option of framealign-sim on `app`, bound to `options`.

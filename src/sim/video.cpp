@@ -1,0 +1,115 @@
+#include "sim/video.h"
+
+#include <algorithm>
+#include <cmath>
+#include <map>
+
+#include <opencv2/imgproc.hpp>
+
+namespace {
+
+// The screen's frame at time t (seconds from the first capture), clamped to
+// the video's frames.
+int shown_at(double t, const VideoSettings& v) {
+  const int k = static_cast<int>(std::floor((t - v.phase) * v.display_fps));
+  return std::clamp(k, 0, v.reference_frames - 1);
+}
+
+// How long each reference frame is shown within [a, b), as shares.
+std::map<int, double> shown_during(double a, double b, const VideoSettings& v) {
+  std::map<int, double> share;
+  if (b <= a) {
+    share[shown_at(a, v)] = 1.0;
+    return share;
+  }
+  for (double t = a; t < b;) {
+    const int k = shown_at(t, v);
+    const double next_switch = v.phase + (std::floor((t - v.phase) * v.display_fps) + 1) / v.display_fps;
+    const double end = std::min(b, std::max(next_switch, t + 1e-9));
+    share[k] += (end - t) / (b - a);
+    t = end;
+  }
+  return share;
+}
+
+// The hand-held camera's small smooth wander at time t: a shift and a turn
+// about the capture's centre.
+cv::Matx33d wander(double t, const CaptureSettings& c, const VideoSettings& v, const double (&phases)[3]) {
+  if (v.drift <= 0) return cv::Matx33d::eye();
+  const double dx = v.drift * std::sin(0.9 * t + phases[0]), dy = v.drift * std::sin(1.3 * t + phases[1]);
+  const double turn = v.drift / std::hypot(c.capture_width, c.capture_height) * std::sin(0.7 * t + phases[2]);
+  const double cx = c.capture_width / 2.0, cy = c.capture_height / 2.0, co = std::cos(turn), si = std::sin(turn);
+  return {co, -si, cx - co * cx + si * cy + dx, si, co, cy - si * cx - co * cy + dy, 0, 0, 1};
+}
+
+}  // namespace
+
+std::vector<cv::Mat> make_reference_video(int width, int height, std::uint64_t seed, int count, double motion) {
+  const int wide = width + static_cast<int>(std::ceil(motion * std::max(count - 1, 0))) + 1;
+  const cv::Mat canvas = make_reference_frame(wide, height, seed);
+  std::vector<cv::Mat> frames;
+  for (int k = 0; k < count; ++k) {
+    const cv::Mat shift = (cv::Mat_<double>(2, 3) << 1, 0, -motion * k, 0, 1, 0);
+    cv::Mat frame;
+    cv::warpAffine(canvas, frame, shift, cv::Size(width, height), cv::INTER_LINEAR, cv::BORDER_REFLECT);
+    frames.push_back(frame);
+  }
+  return frames;
+}
+
+void film(const std::vector<cv::Mat>& reference, const CaptureSettings& camera, const VideoSettings& video,
+          const std::function<void(const cv::Mat&, const FrameTruth&)>& take) {
+  VideoSettings v = video;
+  v.reference_frames = static_cast<int>(reference.size());
+  cv::RNG rng(camera.seed * 7919 + 17);
+  const cv::Size frame_size = reference.at(0).size();
+  const Stage stage = make_stage(frame_size, camera, rng);
+  const double phases[3] = {rng.uniform(0.0, 6.3), rng.uniform(0.0, 6.3), rng.uniform(0.0, 6.3)};
+  const int rows = camera.capture_height;
+  const double frame_time = 1.0 / v.camera_fps, readout = v.readout * frame_time, exposure = v.exposure * frame_time;
+  const int count = static_cast<int>(std::floor(v.seconds * v.camera_fps));
+  for (int i = 0; i < count; ++i) {
+    const double start = i * frame_time;
+    const cv::Matx33d drift = wander(start, camera, v, phases);
+    // Each row's share of every reference frame shown while it was exposed.
+    std::vector<std::map<int, double>> row_shares(rows);
+    std::map<int, cv::Mat> optical;
+    for (int y = 0; y < rows; ++y) {
+      const double a = start + readout * y / rows;
+      row_shares[y] = shown_during(a, a + exposure, v);
+      for (const auto& [k, share] : row_shares[y]) {
+        if (!optical.count(k)) optical[k] = optical_image(reference[k], stage, drift, camera);
+      }
+    }
+    cv::Mat light(rows, camera.capture_width, CV_32F, cv::Scalar(0));
+    for (int y = 0; y < rows; ++y) {
+      for (const auto& [k, share] : row_shares[y]) {
+        cv::Mat row;
+        optical[k].row(y).convertTo(row, CV_32F, share);
+        light.row(y) += row;
+      }
+    }
+    const Capture shot = develop(light, frame_size, stage, drift, camera, rng);
+    FrameTruth truth;
+    truth.capture_frame = i;
+    std::copy(shot.corners, shot.corners + 8, truth.corners);
+    double top = HUGE_VAL, bottom = -HUGE_VAL;
+    for (int c = 0; c < 4; ++c) top = std::min(top, shot.corners[2 * c + 1]), bottom = std::max(bottom, shot.corners[2 * c + 1]);
+    const int first = std::clamp(static_cast<int>(top), 0, rows - 1), last = std::clamp(static_cast<int>(bottom), 0, rows - 1);
+    // A frame counts as shown when it covers at least 5% of the screen's
+    // rows (a sliver of a row or two at a tilted edge does not).
+    std::map<int, double> covered;
+    for (int y = first; y <= last; ++y) {
+      for (const auto& [k, share] : row_shares[y]) covered[k] += share;
+    }
+    for (const auto& [k, rows_covered] : covered) {
+      if (rows_covered >= 0.05 * (last - first + 1)) truth.ref_frames.push_back(k);
+    }
+    std::sort(truth.ref_frames.begin(), truth.ref_frames.end());
+    const cv::Point2d middle = shot.seen_at({frame_size.width / 2.0, frame_size.height / 2.0});
+    const auto& at_middle = row_shares[std::clamp(static_cast<int>(middle.y), 0, rows - 1)];
+    truth.ref_frame = std::max_element(at_middle.begin(), at_middle.end(),
+                                       [](const auto& a, const auto& b) { return a.second < b.second; })->first;
+    take(shot.picture, truth);
+  }
+}
