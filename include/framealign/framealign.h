@@ -181,8 +181,9 @@ struct FRAMEALIGN_API AlignResult {
   // Reference pixels to capture pixels, from `corners`.
   std::optional<cv::Matx33d> homography;
   // The best slot's full mapping (with refine, lens distortion when the
-  // evidence shows it; otherwise the homography above). None when not found
-  // or unrectified.
+  // evidence shows it; otherwise the homography above), in the coordinates
+  // of `corners` (of the mirrored capture when the advanced pre-pass
+  // mirrored it). None when not found or unrectified.
   std::optional<Mapping> mapping;
   // With fast: "fast" when the quick path was verified, else "full".
   std::string path;

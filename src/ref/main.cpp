@@ -2,7 +2,6 @@
 // from reference and result files.
 #include <cstdio>
 #include <iostream>
-#include <regex>
 #include <string>
 
 #include <CLI/CLI.hpp>
@@ -74,11 +73,15 @@ int video(const Options& o) {
 }
 
 int view(Options o) {
-  // A result frame's name says its size and that it holds luma only.
-  std::smatch m;
+  // A result frame's name (aligned_i__WxxH.yuv) says its size and that it
+  // holds luma only.
   const std::string name = o.input.substr(o.input.find_last_of('/') + 1);
-  const bool result = std::regex_match(name, m, std::regex(R"(.*__(\d+)xx(\d+)\.yuv)"));
-  if (result && o.width == 0) o.width = std::stoi(m[1]), o.height = std::stoi(m[2]);
+  const std::size_t at = name.rfind("__");
+  int w = 0, h = 0, end = 0;
+  const bool result = at != std::string::npos &&
+                      std::sscanf(name.c_str() + at, "__%dxx%d.yuv%n", &w, &h, &end) == 2 &&
+                      at + static_cast<std::size_t>(end) == name.size() && w > 0 && h > 0;
+  if (result && o.width == 0) o.width = w, o.height = h;
   if (o.format.empty()) o.format = result ? "luma" : "420";
   if (o.width <= 0 || o.height <= 0) throw std::runtime_error("give --width and --height of the frames");
   const std::size_t plane = static_cast<std::size_t>(o.width) * o.height;
