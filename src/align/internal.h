@@ -170,6 +170,22 @@ bool quick_rectified_img(const cv::Mat& image, const cv::Mat& reference,
                          double* content_pts, double* score, double* est_error_px,
                          Mapping* mapping);
 
+// ---- Tracking -----------------------------------------------------------------
+
+// Points of `reference` (CV_8UC1) that tracking follows: corners spread over
+// the frame.
+std::vector<cv::Point2f> track_points(const cv::Mat& reference);
+
+// A frame of a filmed screen aligned from `seed`, the corners of the frame
+// before: the capture warped by them, `points` of the reference followed
+// into it by Lucas-Kanade, the refinement over the pairs that come back.
+// True, with the outputs written as quick_rectified_img writes them, only
+// when verified as the quick path is; false leaves them alone.
+bool tracked_rectified_img(const cv::Mat& image, const cv::Mat& reference,
+                           const std::vector<cv::Point2f>& points, const double* seed,
+                           unsigned char* aligned, double* pts, double* content_pts,
+                           double* score, double* est_error_px, Mapping* mapping);
+
 // ---- Warps ------------------------------------------------------------------
 
 // Warps `image` so that the corners `pts` land on the width x height frame's

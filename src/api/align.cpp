@@ -122,18 +122,8 @@ void describe(const AlignmentSlots& slots, const AlignOptions& options, int widt
 
 }  // namespace
 
-AlignResult align(const cv::Mat& capture, const Reference& reference,
-                  const AlignOptions& options) {
-  check_grey(capture, "the capture");
-  check_outputs(options.outputs);
-  // The pipeline reads the capture as one packed plane, and the previews
-  // need it after the caller's buffer may be gone.
-  const cv::Mat input = capture.isContinuous() && capture.u != nullptr ? capture : capture.clone();
-  const Reference::Data& data = reference.data();
-  const int width = data.plane.cols, height = data.plane.rows;
-
-  const AlignmentSlots slots = as_error([&] { return align_slots(make_job(input, data, options)); });
-
+AlignResult result_of(const AlignmentSlots& slots, const cv::Mat& input, int width, int height,
+                      const AlignOptions& options) {
   AlignResult result;
   describe(slots, options, width, height, input.size(), result);
   auto files = std::make_shared<AlignResult::Files>();
@@ -149,6 +139,19 @@ AlignResult align(const cv::Mat& capture, const Reference& reference,
   result.frames = files->frames;
   result.files = files;
   return result;
+}
+
+AlignResult align(const cv::Mat& capture, const Reference& reference,
+                  const AlignOptions& options) {
+  check_grey(capture, "the capture");
+  check_outputs(options.outputs);
+  // The pipeline reads the capture as one packed plane, and the previews
+  // need it after the caller's buffer may be gone.
+  const cv::Mat input = capture.isContinuous() && capture.u != nullptr ? capture : capture.clone();
+  const Reference::Data& data = reference.data();
+  const int width = data.plane.cols, height = data.plane.rows;
+  const AlignmentSlots slots = as_error([&] { return align_slots(make_job(input, data, options)); });
+  return result_of(slots, input, width, height, options);
 }
 
 void AlignResult::save(const std::string& folder) const {

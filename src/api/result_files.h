@@ -1,6 +1,8 @@
 // What a result keeps beyond its public fields, for save() and to_bytes().
 #pragma once
 
+#include <array>
+#include <optional>
 #include <vector>
 
 #include <opencv2/core.hpp>
@@ -20,5 +22,22 @@ struct AlignResult::Files {
   bool jpeg_output = false;
   std::vector<Mapping> mappings;  // with refine: slot i's is mappings[i % k]
 };
+
+// The result of `slots`, filled for `input` (what align() returns).
+AlignResult result_of(const AlignmentSlots& slots, const cv::Mat& input, int width, int height,
+                      const AlignOptions& options);
+
+// A frame of a filmed screen aligned by tracking from `seed` (see
+// tracked_rectified_img) against `reference`, whose track_points are
+// `points`: a result as the quick path gives it, with path "fast"; none
+// when not verified.
+std::optional<AlignResult> track(const cv::Mat& capture, const cv::Mat& reference,
+                                 const std::vector<cv::Point2f>& points,
+                                 const std::array<double, 8>& seed, const AlignOptions& options);
+
+// What a search that found nothing gives for `capture` against a width x
+// height reference.
+AlignResult not_found_result(const cv::Mat& capture, int width, int height,
+                             const AlignOptions& options);
 
 }  // namespace framealign

@@ -19,12 +19,14 @@
 
 #include <opencv2/core.hpp>
 
+#include "batch/keep_result.h"
 #include "batch/progress.h"
 #include "batch/result_row.h"
 #include "batch/references.h"
 #include "batch/report.h"
 #include "batch/result_root.h"
 #include "batch/summary.h"
+#include "batch/video_runner.h"
 #include "framealign/framealign.h"
 
 namespace fs = std::filesystem;
@@ -44,48 +46,19 @@ double seconds_since(Clock::time_point start) {
   return std::chrono::duration<double>(Clock::now() - start).count();
 }
 
-// Aligns one capture into <root>/.partial/<id> and swaps that folder in
-// for <root>/<id>, so that a folder under its own name is always complete.
-// A failure leaves an earlier result of the capture where it was.
+// Aligns one capture and keeps its result.
 SummaryRow run_capture(const CaptureJob& job, const BatchOptions& options,
                        References& references, ResultRoot& root, const Report& report) {
-  const auto start = Clock::now();
-  SummaryRow row{job.id, job.input, "error", {}};
-  std::string foreign = root.foreign(job.id);
-  if (foreign.empty()) foreign = root.other_capture(job.id, job.input);
-  if (!foreign.empty()) {
-    row.values = result_values(nullptr, options, seconds_since(start), foreign);
-    return row;
-  }
-  try {
+  return keep_result(job.id, job.input, options, root, report, Clock::now(), [&] {
     const framealign::Reference reference = references.get(job.reference);
-    const cv::Mat capture =
-        framealign::read_capture(job.input, job.reference.width, job.reference.height);
-    framealign::AlignOptions align_options;
-    align_options.advanced = options.advanced;
-    align_options.refine = options.refine;
-    align_options.fast = options.fast;
-    align_options.jpeg_output = options.jpeg_output;
-    if (!options.outputs.empty()) align_options.outputs = options.outputs;
+    Made made;
+    made.capture = framealign::read_capture(job.input, job.reference.width, job.reference.height);
+    framealign::AlignOptions align_options = align_options_of(options);
     if (options.capture_cache) align_options.capture_cache = job.input;
-    const framealign::AlignResult result = framealign::align(capture, reference, align_options);
-    result.save(root.fresh_partial(job.id));
-    root.install(job.id, job.input);
-    row.status = result.status;
-    row.values = result_values(&result, options, seconds_since(start), "");
-    try {
-      report.add_pictures(job.id, capture, result, reference.picture());
-    } catch (const std::exception& e) {
-      // The result stands; only its pictures in the report are missing.
-      std::cerr << "framealign-batch: " << e.what() << "\n";
-    }
-  } catch (const std::exception& e) {
-    root.discard(job.id);
-    std::string message = one_line(e.what());
-    if (root.has_result(job.id)) message += " (the earlier result in " + root.folder(job.id) + " is kept)";
-    row.values = result_values(nullptr, options, seconds_since(start), message);
-  }
-  return row;
+    made.result = framealign::align(made.capture, reference, align_options);
+    made.reference = reference.picture();
+    return made;
+  });
 }
 
 std::string shard_tag(const BatchOptions& options) {
@@ -189,7 +162,8 @@ int run_batch(const BatchOptions& options) {
     std::cerr << "framealign-batch: " << e.what() << "\n";
     return 2;
   }
-  const std::string clash = options.capture_cache ? shared_capture_cache(all) : "";
+  std::string clash = options.capture_cache ? shared_capture_cache(all) : "";
+  if (clash.empty()) clash = shared_video_stem(options.videos);
   if (!clash.empty()) {
     std::cerr << "framealign-batch: " << clash << "\n";
     return 2;
@@ -208,7 +182,8 @@ int run_batch(const BatchOptions& options) {
   const Report report(options.shards == 1 ? options.result_root : "");
   if (options.shards == 1 && !report.enabled()) std::cerr << "framealign-batch: " << report.why() << "\n";
 
-  const std::vector<std::string> columns = summary_columns(options.refine, options.fast);
+  const std::vector<std::string> columns =
+      summary_columns(options.refine, options.fast, !options.videos.empty());
   std::map<std::string, SummaryRow> rows;
   const std::vector<const CaptureJob*> pending = still_to_run(jobs, options, columns, *root, rows);
 
@@ -222,20 +197,26 @@ int run_batch(const BatchOptions& options) {
   signal(SIGXFSZ, SIG_IGN);
 
   std::mutex rows_lock;
-  const size_t run = run_pending(pending, options, *root, report, journal, [&](const SummaryRow& row) {
+  const auto record = [&](const SummaryRow& row) {
     std::lock_guard<std::mutex> guard(rows_lock);
     rows[row.id] = row;
-  });
+  };
+  const std::map<std::string, SummaryRow> recorded = rows;
+  size_t run = run_pending(pending, options, *root, report, journal, record);
+  run += run_videos(options, *root, report, journal, recorded, record, [] { return g_signal != 0; });
 
   std::vector<SummaryRow> summary;
   std::map<std::string, int> counts;
   const size_t path_value = std::find(columns.begin(), columns.end(), "path") - columns.begin() - 3;
   for (const CaptureJob& job : jobs) {
     const auto it = rows.find(job.id);
-    if (it == rows.end()) continue;
-    summary.push_back(it->second);
-    ++counts[it->second.status];
-    if (options.fast) ++counts["path " + it->second.values.at(path_value)];
+    if (it != rows.end()) summary.push_back(it->second);
+  }
+  const size_t pictures = summary.size();
+  for (SummaryRow& row : video_rows(options, rows)) summary.push_back(std::move(row));
+  for (const SummaryRow& row : summary) {
+    ++counts[row.status];
+    if (options.fast) ++counts["path " + row.values.at(path_value)];
   }
   write_summary((root_path / ("summary" + shard_tag(options) + ".csv")).string(), columns, summary);
   try {
@@ -249,7 +230,7 @@ int run_batch(const BatchOptions& options) {
   std::fprintf(stderr,
                "%zu of %zu captures recorded: %d aligned, %d not_found, %d error; %zu run now in "
                "%.1f s, %.1f s per capture\n",
-               summary.size(), jobs.size(), counts["aligned"], counts["not_found"], counts["error"],
+               summary.size(), jobs.size() + summary.size() - pictures, counts["aligned"], counts["not_found"], counts["error"],
                run, seconds, run == 0 ? 0.0 : seconds / run);
   if (options.fast) {
     std::fprintf(stderr, "paths: %d fast, %d full\n", counts["path fast"], counts["path full"]);

@@ -11,6 +11,11 @@
 struct BatchOptions {
   std::string list;                 // CSV list; or else
   std::vector<std::string> inputs;  // captures named on the command line
+  std::vector<std::string> videos;  // capture videos (--video): every frame a capture
+  int first_reference = 0;          // --reference-frames A:B, the frames videos may show
+  int last_reference = -1;          // -1: to the reference file's last
+  int first_frame = 0;              // --frames A:B, the captured frames of each video
+  int last_frame = -1;              // -1: to the video's end
   std::string result_root;
   ReferenceFrame defaults;          // --reference-file, --width, --height, --frame-number
   bool advanced = false;

@@ -17,7 +17,7 @@ namespace {
 // What the command line says beyond BatchOptions' own fields.
 struct CommandLine {
   std::vector<std::string> outputs;
-  std::string shard;
+  std::string shard, reference_frames, frames;
   bool quiet = false, verbose = false, report_only = false;
 };
 
@@ -27,6 +27,13 @@ void declare_options(CLI::App& app, BatchOptions& options, CommandLine& line) {
   app.add_option("inputs", options.inputs, "Captures, when there is no list");
   app.add_option("--result-root", options.result_root, "A folder <id> per capture, summary.csv")
       ->required();
+  app.add_option("--video", options.videos,
+                 "Capture video (repeatable): each frame a capture <stem>_<frame>, told which "
+                 "reference frame it shows; see the README's \"Videos\"")
+      ->allow_extra_args(false);
+  app.add_option("--reference-frames", line.reference_frames,
+                 "A:B, the frames of the reference video the --video captures may show (default: all)");
+  app.add_option("--frames", line.frames, "A:B, the captured frames of each --video to run (default: all)");
   app.add_option("--reference-file", options.defaults.path, "Reference frame file (raw YUV)");
   app.add_option("--width", options.defaults.width, "Reference width (default 1920)");
   app.add_option("--height", options.defaults.height, "Reference height (default 1080)");
@@ -58,13 +65,28 @@ void declare_options(CLI::App& app, BatchOptions& options, CommandLine& line) {
 
 // Checks what the parser cannot and completes `options`; throws
 // CLI::ValidationError with the reason.
+// "A:B" with 0 <= A <= B into `first` and `last`; "" leaves them.
+void parse_range(const std::string& name, const std::string& text, int& first, int& last) {
+  if (text.empty()) return;
+  char colon = 0, rest = 0;
+  if (std::sscanf(text.c_str(), "%d%c%d%c", &first, &colon, &last, &rest) != 3 || colon != ':' ||
+      first < 0 || last < first) {
+    throw CLI::ValidationError(name, "must be A:B with 0 <= A <= B, got '" + text + "'");
+  }
+}
+
 void complete_options(BatchOptions& options, const CommandLine& line) {
-  if (options.list.empty() == options.inputs.empty()) {
-    throw CLI::ValidationError("give either --list or captures, not both or neither");
+  if (!options.list.empty() && !options.inputs.empty()) {
+    throw CLI::ValidationError("give either --list or captures, not both");
   }
-  if (!options.inputs.empty() && options.defaults.path.empty()) {
-    throw CLI::ValidationError("--reference-file is needed for captures named here");
+  if (options.list.empty() && options.inputs.empty() && options.videos.empty()) {
+    throw CLI::ValidationError("give --list, captures or --video");
   }
+  if ((!options.inputs.empty() || !options.videos.empty()) && options.defaults.path.empty()) {
+    throw CLI::ValidationError("--reference-file is needed for captures and videos named here");
+  }
+  parse_range("--reference-frames", line.reference_frames, options.first_reference, options.last_reference);
+  parse_range("--frames", line.frames, options.first_frame, options.last_frame);
   for (const std::string& value : line.outputs) {
     try {
       for (int code : framealign::parse_outputs(value)) {

@@ -14,11 +14,12 @@
 #include "batch/csv.h"
 #include "batch/files.h"
 
-std::vector<std::string> summary_columns(bool refined, bool fast) {
+std::vector<std::string> summary_columns(bool refined, bool fast, bool videos) {
   std::vector<std::string> columns = {"id", "input", "status", "best_score", "best_slot",
                                       "slot_scores", "x1", "y1", "x2", "y2", "x3", "y3", "x4", "y4"};
   if (refined) columns.push_back("est_error_px");
   if (fast) columns.push_back("path");
+  if (videos) columns.insert(columns.end(), {"capture_frame", "ref_frame", "ref_frames", "mixed", "sync_score"});
   columns.insert(columns.end(), {"seconds", "message"});
   return columns;
 }
@@ -37,7 +38,9 @@ bool some_layout(std::size_t fields) {
   static const std::set<std::size_t> widths = [] {
     std::set<std::size_t> all;
     for (bool refined : {false, true}) {
-      for (bool fast : {false, true}) all.insert(summary_columns(refined, fast).size());
+      for (bool fast : {false, true}) {
+        for (bool videos : {false, true}) all.insert(summary_columns(refined, fast, videos).size());
+      }
     }
     return all;
   }();

@@ -16,8 +16,10 @@
 
 // The summary's columns, in order: id, input, status, best_score,
 // best_slot, slot_scores, x1 .. y4, with `refined` est_error_px, with `fast`
-// path, then seconds and message.
-std::vector<std::string> summary_columns(bool refined, bool fast);
+// path, with `videos` the kVideoColumns capture_frame, ref_frame,
+// ref_frames, mixed and sync_score, then seconds and message.
+std::vector<std::string> summary_columns(bool refined, bool fast, bool videos = false);
+constexpr std::size_t kVideoColumns = 5;
 
 struct SummaryRow {
   std::string id, input, status;  // status: "aligned", "not_found" or "error"

@@ -1,0 +1,99 @@
+// framealign for filmed screens: every frame of a capture video aligned,
+// and the reference frame it shows told.
+//
+//   framealign::VideoOptions options;
+//   options.align.fast = true;  // track the screen from frame to frame
+//   framealign::VideoAligner video("film.mp4", "reference.yuv", 1280, 720, options);
+//   for (framealign::VideoFrame frame; video.next(frame);) {
+//     if (frame.result.status == "aligned") frame.result.save(folder_of(frame.capture_frame));
+//   }
+//
+// A camera filming a playing video films some reference frames twice and
+// others never (its frame rate is not the screen's), and its rolling shutter
+// reads the rows at different moments, so that one captured frame can show
+// the upper part of one reference frame and the lower part of the next: a
+// mixed frame. Each VideoFrame says which reference frames it shows.
+#pragma once
+
+#include <array>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "framealign/framealign.h"
+
+namespace framealign {
+
+struct VideoOptions {
+  // How each frame is aligned. With `fast`, the screen is tracked: the
+  // corners found on one frame seed the next, verified as the quick path
+  // is, and a frame that fails verification gets the full search (a cut, a
+  // pan, a lost screen). Without it, every frame gets the full search, as
+  // framealign would run it on that frame.
+  AlignOptions align;
+  // The reference frames the capture may show, both included; -1: to the
+  // last frame of the reference file.
+  int first_reference = 0;
+  int last_reference = -1;
+  // The captured frames to align, both included; -1: to the end. Frames
+  // before `first_frame` are decoded and passed over.
+  int first_frame = 0;
+  int last_frame = -1;
+  // Align only every `step`-th frame from `first_frame` (for spreading one
+  // video over several processes); at least 1.
+  int step = 1;
+  // When given, frames for which it is true are decoded and passed over
+  // (a caller resuming a video skips the frames it has kept).
+  std::function<bool(int capture_frame)> skip;
+};
+
+// One captured frame and what became of it.
+struct VideoFrame {
+  int capture_frame = 0;  // its index in the capture video, from 0
+  // CV_8UC1: the frame as framealign reads it stored as a PNG (grey, every
+  // non-zero sample raised by 16).
+  cv::Mat capture;
+  // The reference frame shown at the middle of the screen; -1 when none of
+  // the given reference frames is shown (result.status is then "not_found").
+  int ref_frame = -1;
+  // Every reference frame seen on the screen, top row to bottom row.
+  std::vector<int> ref_frames;
+  bool mixed = false;  // more than one reference frame on the screen
+  // How well the frames told match the aligned frame: the mean over bands
+  // of the screen of 1 - their correlation; 0 is a perfect match.
+  double sync_score = 1.0;
+  AlignResult result;  // as align() gives it, against ref_frame
+  cv::Mat reference;   // CV_8UC1: reference frame ref_frame; empty when none
+};
+
+// Reads a capture video (any file OpenCV's FFmpeg reader takes, or a
+// printf-style picture sequence such as frames/%06d.png) frame by frame and
+// aligns each against a headerless 4:2:0 reference video of width x height.
+// Throws Error when a file cannot be read or the options cannot be met.
+class FRAMEALIGN_API VideoAligner {
+ public:
+  VideoAligner(const std::string& capture_video, const std::string& reference_yuv, int width,
+               int height, const VideoOptions& options = {});
+  ~VideoAligner();
+  VideoAligner(const VideoAligner&) = delete;
+  VideoAligner& operator=(const VideoAligner&) = delete;
+
+  // The next captured frame in range, aligned; false at the end.
+  bool next(VideoFrame& frame);
+  // Frames the capture video says it holds (an estimate for some files).
+  int frame_count() const;
+  // The index of the frame read last (-1 before the first): the frame a
+  // failed next() was aligning.
+  int last_read() const;
+  // Where the screen lay in an earlier frame, for tracking to start from
+  // (a caller resuming a video gives the corners of the last frame it kept).
+  void seed(int capture_frame, int ref_frame, const std::array<double, 8>& corners);
+
+  struct State;  // the library's own
+
+ private:
+  std::unique_ptr<State> state_;
+};
+
+}  // namespace framealign

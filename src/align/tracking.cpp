@@ -1,0 +1,126 @@
+// Tracking: a frame of a filmed screen aligned from where the screen lay in
+// the frame before. The capture is warped by those corners, the reference's
+// corner points are followed into the warped frame by pyramidal
+// Lucas-Kanade (both ways, kept only when they come back), and the
+// refinement corrects the corners from the followed pairs. No SIFT pass at
+// all: the answer is taken only when verified as the quick path's is.
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+
+#include <opencv2/imgproc.hpp>
+#include <opencv2/video/tracking.hpp>
+
+#include "align/align.h"
+#include "align/internal.h"
+
+namespace framealign {
+
+namespace {
+
+constexpr int kTrackPoints = 1500;
+// A followed point counts when following it back lands this close (pixels)
+// to where it started.
+constexpr float kRoundTrip = 0.5f;
+// Verification, as the quick path's: enough pairs spread over the frame,
+// most of them kept by the refinement, an estimate within a pixel.
+constexpr int kMinimumPairs = 100;
+constexpr double kMinimumCoverage = 0.35;
+constexpr double kMinimumAgreement = 0.5;
+
+// `warped` brought to the reference's mean and contrast, so that the
+// exposure of the filming camera does not read as motion.
+cv::Mat matched_exposure(const cv::Mat& warped, const cv::Mat& reference) {
+  cv::Scalar warped_mean, warped_std, reference_mean, reference_std;
+  cv::meanStdDev(warped, warped_mean, warped_std);
+  cv::meanStdDev(reference, reference_mean, reference_std);
+  if (warped_std[0] < 1.0) return cv::Mat();
+  const double gain = reference_std[0] / warped_std[0];
+  cv::Mat matched;
+  warped.convertTo(matched, CV_8U, gain, reference_mean[0] - gain * warped_mean[0]);
+  return matched;
+}
+
+// Pairs of reference points and where they are found in `warped`.
+PointPairs follow(const cv::Mat& reference, const cv::Mat& warped,
+                  const std::vector<cv::Point2f>& points) {
+  PointPairs pairs;
+  if (points.empty()) return pairs;
+  const cv::TermCriteria until(cv::TermCriteria::COUNT | cv::TermCriteria::EPS, 30, 0.01);
+  std::vector<cv::Point2f> found = points, back = points;
+  std::vector<unsigned char> there, returned;
+  std::vector<float> error;
+  cv::calcOpticalFlowPyrLK(reference, warped, points, found, there, error, cv::Size(21, 21), 3,
+                           until, cv::OPTFLOW_USE_INITIAL_FLOW);
+  cv::calcOpticalFlowPyrLK(warped, reference, found, back, returned, error, cv::Size(21, 21), 3,
+                           until, cv::OPTFLOW_USE_INITIAL_FLOW);
+  for (std::size_t i = 0; i < points.size(); ++i) {
+    if (!there[i] || !returned[i] || cv::norm(back[i] - points[i]) > kRoundTrip) continue;
+    pairs.reference.emplace_back(points[i]);
+    pairs.input.emplace_back(found[i]);
+  }
+  return pairs;
+}
+
+// The search's score for the followed pairs: their displacement score
+// times the match term over their number and spread.
+double tracked_score(const PointPairs& pairs, int width, int height) {
+  RectifiedMatches as_matches;
+  std::vector<cv::KeyPoint> reference_points;
+  std::vector<cv::Point2f> spread;
+  for (std::size_t i = 0; i < pairs.input.size(); ++i) {
+    reference_points.emplace_back(cv::Point2f(pairs.reference[i]), 1.0f);
+    as_matches.keypoints.emplace_back(cv::Point2f(pairs.input[i]), 1.0f);
+    as_matches.matches.emplace_back(static_cast<int>(i), static_cast<int>(i), 0.0f);
+    spread.emplace_back(pairs.reference[i]);
+  }
+  const double coverage = calculateConvexHullArea(spread) / (double(width) * height);
+  if (coverage < kMinimumCoverage) return kFailedScore;
+  const double match_score = 100.0 / std::pow(pairs.input.size() * coverage * width * height, 0.333);
+  return rectification_score(as_matches, reference_points) * match_score;
+}
+
+}  // namespace
+
+std::vector<cv::Point2f> track_points(const cv::Mat& reference) {
+  std::vector<cv::Point2f> points;
+  cv::goodFeaturesToTrack(reference, points, kTrackPoints, 0.01,
+                          std::max(4, std::min(reference.cols, reference.rows) / 60));
+  return points;
+}
+
+bool tracked_rectified_img(const cv::Mat& image, const cv::Mat& reference,
+                           const std::vector<cv::Point2f>& points, const double* seed,
+                           unsigned char* aligned, double* pts, double* content_pts,
+                           double* score, double* est_error_px, Mapping* mapping) {
+  const int width = reference.cols, height = reference.rows;
+  if (!check_ref_pts_sanity(seed, image.cols, image.rows)) return false;
+  cv::Mat warped(height, width, CV_8UC1);
+  double polygon[20];
+  std::fill(polygon, polygon + 20, -1.0);
+  warp_to_frame(image, width, height, seed, warped.data, polygon);
+  const cv::Mat matched = matched_exposure(warped, reference);
+  if (matched.empty()) return false;
+  const PointPairs pairs = follow(reference, matched, points);
+  if (pairs.input.size() < static_cast<std::size_t>(kMinimumPairs)) return false;
+  const double followed_score = tracked_score(pairs, width, height);
+  if (!(followed_score < kFailedScore)) return false;
+
+  const RefinedCorners refined = refine_corners(PointPairs{}, pairs, seed, width, height, image.size());
+  if (!refined.accepted || refined.frame_pairs < kMinimumPairs ||
+      refined.frame_pairs < kMinimumAgreement * pairs.input.size() ||
+      !(refined.est_error_px <= kQuickMaxError)) {
+    return false;
+  }
+  std::fill(polygon, polygon + 20, -1.0);
+  warp_to_frame(image, width, height, refined.corners, aligned, polygon);
+  if (refined.mapping.has_lens()) warp_through_mapping(image, refined.mapping, width, height, aligned);
+  *mapping = refined.mapping;
+  std::copy(refined.corners, refined.corners + 8, pts);
+  std::copy(polygon, polygon + 20, content_pts);
+  *score = followed_score;
+  *est_error_px = refined.est_error_px;
+  return true;
+}
+
+}  // namespace framealign

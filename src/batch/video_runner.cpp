@@ -1,0 +1,173 @@
+#include "batch/video_runner.h"
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <filesystem>
+#include <mutex>
+#include <set>
+#include <thread>
+
+#include "batch/keep_result.h"
+#include "batch/progress.h"
+#include "batch/result_row.h"
+#include "framealign/video.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+std::string frame_id(const std::string& video, int frame) {
+  char digits[16];
+  std::snprintf(digits, sizeof(digits), "_%06d", frame);
+  return fs::path(video).stem().string() + digits;
+}
+
+// Whether captured frame `frame` is in this run's share.
+bool in_share(const BatchOptions& options, int frame) {
+  return frame >= options.first_frame && (options.last_frame < 0 || frame <= options.last_frame) &&
+         (frame - options.first_frame) % options.shards == options.shard - 1;
+}
+
+bool done(const BatchOptions& options, const std::map<std::string, SummaryRow>& recorded,
+          ResultRoot& root, const std::string& video, int frame) {
+  const std::string id = frame_id(video, frame);
+  const auto it = recorded.find(id);
+  return !options.force && it != recorded.end() && it->second.input == video &&
+         it->second.status != "error" && root.has_result(id);
+}
+
+std::vector<std::string> video_values(const framealign::VideoFrame& frame) {
+  std::string shown;
+  for (int n : frame.ref_frames) shown += (shown.empty() ? "" : ";") + std::to_string(n);
+  char sync[32];
+  std::snprintf(sync, sizeof(sync), "%.4f", frame.sync_score);
+  return {std::to_string(frame.capture_frame), frame.ref_frame < 0 ? "" : std::to_string(frame.ref_frame),
+          shown, frame.mixed ? "1" : "0", sync};
+}
+
+// One video, frame after frame. A video that cannot be opened gives one
+// error row under its stem.
+std::size_t run_video(const std::string& video, const BatchOptions& options, ResultRoot& root,
+                      const Report& report, Journal& journal,
+                      const std::map<std::string, SummaryRow>& recorded,
+                      const std::function<void(const SummaryRow&)>& record,
+                      const std::function<bool()>& stopped) {
+  framealign::VideoOptions video_options;
+  video_options.align = align_options_of(options);
+  video_options.first_reference = options.first_reference;
+  video_options.last_reference = options.last_reference;
+  video_options.first_frame = options.first_frame + options.shard - 1;
+  video_options.last_frame = options.last_frame;
+  video_options.step = options.shards;
+  video_options.skip = [&](int frame) { return done(options, recorded, root, video, frame); };
+  std::unique_ptr<framealign::VideoAligner> aligner;
+  const auto opened = std::chrono::steady_clock::now();
+  try {
+    aligner = std::make_unique<framealign::VideoAligner>(video, options.defaults.path, options.defaults.width,
+                                                         options.defaults.height, video_options);
+  } catch (const std::exception& e) {
+    const SummaryRow row = error_row(fs::path(video).stem().string(), video, options, opened, e.what());
+    journal.append(row);
+    record(row);
+    return 0;
+  }
+  const int total = std::max(0, aligner->frame_count() - options.first_frame) / options.shards;
+  Progress progress(total, options.verbosity);
+  std::size_t run = 0;
+  while (!stopped()) {
+    const auto start = std::chrono::steady_clock::now();
+    framealign::VideoFrame frame;
+    std::exception_ptr failure;
+    try {
+      if (!aligner->next(frame)) break;
+    } catch (const std::exception&) {
+      // The frame is read; its alignment failed: an error row, and on.
+      failure = std::current_exception();
+      frame.capture_frame = aligner->last_read();
+    }
+    const SummaryRow row = keep_result(frame_id(video, frame.capture_frame), video, options, root, report,
+                                       start, [&] {
+                                         if (failure) std::rethrow_exception(failure);
+                                         return Made{frame.result, frame.capture, frame.reference,
+                                                     video_values(frame)};
+                                       });
+    journal.append(row);
+    record(row);
+    progress.finished(row, video, std::stod(row.values[row.values.size() - 2]));
+    ++run;
+  }
+  progress.end();
+  return run;
+}
+
+}  // namespace
+
+std::string shared_video_stem(const std::vector<std::string>& videos) {
+  std::map<std::string, std::string> by_stem;
+  for (const std::string& video : videos) {
+    const auto [it, fresh] = by_stem.emplace(fs::path(video).stem().string(), video);
+    if (!fresh && it->second != video) {
+      return "the videos " + it->second + " and " + video + " would give their frames the same ids (" +
+             it->first + "_NNNNNN); rename one";
+    }
+  }
+  return "";
+}
+
+std::size_t run_videos(const BatchOptions& options, ResultRoot& root, const Report& report,
+                       Journal& journal, const std::map<std::string, SummaryRow>& recorded,
+                       const std::function<void(const SummaryRow&)>& record,
+                       const std::function<bool()>& stopped) {
+  std::vector<std::string> videos;
+  for (const std::string& video : options.videos) {
+    if (std::find(videos.begin(), videos.end(), video) == videos.end()) videos.push_back(video);
+  }
+  std::atomic<std::size_t> next{0}, run{0};
+  std::atomic<bool> failed{false};
+  std::mutex failure_lock;
+  std::exception_ptr failure;
+  auto work = [&] {
+    try {
+      for (std::size_t i; !stopped() && !failed && (i = next++) < videos.size();) {
+        run += run_video(videos[i], options, root, report, journal, recorded, record,
+                         [&] { return failed || stopped(); });
+      }
+    } catch (...) {
+      std::lock_guard<std::mutex> guard(failure_lock);
+      if (!failure) failure = std::current_exception();
+      failed = true;
+    }
+  };
+  const int workers = std::min<int>(options.jobs > 0 ? options.jobs : default_jobs(),
+                                    static_cast<int>(videos.size()));
+  std::vector<std::thread> threads;
+  for (int t = 0; t < workers; ++t) threads.emplace_back(work);
+  for (std::thread& thread : threads) thread.join();
+  if (failure) std::rethrow_exception(failure);
+  return run;
+}
+
+std::vector<SummaryRow> video_rows(const BatchOptions& options,
+                                   const std::map<std::string, SummaryRow>& rows) {
+  std::vector<SummaryRow> kept;
+  std::set<std::string> seen;
+  for (const std::string& video : options.videos) {
+    if (!seen.insert(video).second) continue;
+    const std::string stem = fs::path(video).stem().string();
+    // Ids of one video sort by frame: the numbers have six digits.
+    for (auto it = rows.lower_bound(stem); it != rows.end() && it->first.compare(0, stem.size(), stem) == 0; ++it) {
+      const std::string& id = it->first;
+      if (it->second.input != video) continue;
+      if (id == stem) {
+        kept.push_back(it->second);  // the video could not be read
+        continue;
+      }
+      if (id.size() != stem.size() + 7 || id[stem.size()] != '_') continue;
+      const int frame = std::atoi(id.c_str() + stem.size() + 1);
+      if (in_share(options, frame)) kept.push_back(it->second);
+    }
+  }
+  return kept;
+}
