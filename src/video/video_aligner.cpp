@@ -17,6 +17,7 @@
 #include "framealign/video.h"
 #include "io/readers.h"
 #include "video/identify.h"
+#include "video/settle.h"
 
 namespace framealign {
 
@@ -29,6 +30,9 @@ constexpr double kCleanBand = 0.01;
 // least kClockLeast of them span as many captured frames.
 constexpr std::size_t kClockFrames = 48;
 constexpr std::size_t kClockLeast = 6;
+// A screen found from scratch may have been pulled by up to this many
+// frames of the video's motion.
+constexpr int kSettle = 3;
 
 // Frames of a width x height 4:2:0 file of `bytes` bytes (the last frame
 // needs only its luma).
@@ -131,18 +135,29 @@ struct VideoAligner::State {
   // geometry found on the frame itself is pulled by the video's own motion
   // (a pan) towards whichever frame it was found against.
   std::optional<Identity> seeded_identity(const cv::Mat& capture);
+  const std::vector<cv::Point2f>& points_of(int n);
+  // The frame shown, of those near `told`, for a screen found against frame
+  // `searched` (see settle.h).
+  int settled(const cv::Mat& capture, const AlignResult& result, int searched, int told);
   bool track_frame(VideoFrame& frame, const Identity& identity);
+  void finish(VideoFrame& frame, AlignResult result, int shown);
   void search_frame(VideoFrame& frame, const std::optional<Identity>& seeded);
 };
 
-namespace {
-
-void tell(const Identity& identity, VideoFrame& frame) {
-  frame.ref_frame = identity.ref_frame;
+// The frame's result against reference frame `shown`, and what it shows
+// told on the aligned frame itself with `shown` expected: the same
+// whichever frames came before (a shard's frames tell what one run's do).
+void VideoAligner::State::finish(VideoFrame& frame, AlignResult result, int shown) {
+  const double expected = shown;
+  const Identity identity = index->identify(result.frames[result.best_slot.value_or(0)], &expected);
+  frame.ref_frame = shown;
   frame.ref_frames = identity.ref_frames;
   frame.mixed = identity.ref_frames.size() > 1;
   frame.sync_score = identity.sync_score;
+  frame.result = std::move(result);
 }
+
+namespace {
 
 // The points to follow on a frame showing `identity`: those in the bands
 // that show its middle frame alone. Bands whose rows were exposed while the
@@ -178,18 +193,38 @@ std::optional<Identity> VideoAligner::State::seeded_identity(const cv::Mat& capt
   return identity;
 }
 
-bool VideoAligner::State::track_frame(VideoFrame& frame, const Identity& identity) {
-  auto it = points.find(identity.ref_frame);
+const std::vector<cv::Point2f>& VideoAligner::State::points_of(int n) {
+  auto it = points.find(n);
   if (it == points.end()) {
     keep_latest(points, 16);
-    it = points.emplace(identity.ref_frame, track_points(plane(identity.ref_frame))).first;
+    it = points.emplace(n, track_points(plane(n))).first;
   }
+  return it->second;
+}
+
+int VideoAligner::State::settled(const cv::Mat& capture, const AlignResult& result, int searched,
+                                 int told) {
+  int best = searched;
+  double best_agreement = edge_agreement(capture, *result.corners, plane(searched));
+  for (int c = std::max(index->first(), told - kSettle); c <= std::min(index->last(), told + kSettle); ++c) {
+    if (c == searched) continue;
+    const auto moved = moved_corners(plane(searched), plane(c), points_of(searched), *result.corners);
+    if (!moved) continue;
+    const double agreement = edge_agreement(capture, *moved, plane(c));
+    if (agreement > best_agreement) {
+      best_agreement = agreement;
+      best = c;
+    }
+  }
+  return best;
+}
+
+bool VideoAligner::State::track_frame(VideoFrame& frame, const Identity& identity) {
   std::optional<AlignResult> result =
       track(frame.capture, plane(identity.ref_frame),
-            points_in_frame(it->second, identity, height), corners, options.align);
+            points_in_frame(points_of(identity.ref_frame), identity, height), corners, options.align);
   if (!result) return false;
-  tell(identity, frame);
-  frame.result = std::move(*result);
+  finish(frame, std::move(*result), identity.ref_frame);
   return true;
 }
 
@@ -197,14 +232,13 @@ void VideoAligner::State::search_frame(VideoFrame& frame, const std::optional<Id
   if (seeded) {
     AlignResult result = align(frame.capture, reference(seeded->ref_frame), options.align);
     if (result.status == "aligned") {
-      tell(*seeded, frame);
-      frame.result = std::move(result);
+      finish(frame, std::move(result), seeded->ref_frame);
       return;
     }
   }
   // No telling from where the screen was: found against the frame the
-  // clock expects, told on what was found, and searched again against the
-  // frame told when it differs.
+  // clock expects, told on what was found and along the screen's edges,
+  // and searched again against the frame told when it differs.
   std::map<int, std::pair<AlignResult, Identity>> tried;
   int next = predicted(frame.capture_frame);
   const int middle = (index->first() + index->last()) / 2;
@@ -217,13 +251,12 @@ void VideoAligner::State::search_frame(VideoFrame& frame, const std::optional<Id
       continue;
     }
     const Identity identity = index->identify(result.frames[*result.best_slot], clock ? &*clock : nullptr);
-    tried.emplace(next, std::make_pair(std::move(result), identity));
-    next = identity.found ? identity.ref_frame : -1;
+    const int searched = next;
+    next = identity.found ? settled(frame.capture, result, searched, identity.ref_frame) : -1;
+    tried.emplace(searched, std::make_pair(std::move(result), identity));
     const auto shown = tried.find(next);
     if (shown != tried.end() && shown->second.second.found) {
-      tell(shown->second.second, frame);
-      frame.ref_frame = next;
-      frame.result = std::move(shown->second.first);
+      finish(frame, std::move(shown->second.first), next);
       return;
     }
   }

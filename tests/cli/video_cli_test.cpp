@@ -1,0 +1,133 @@
+// framealign-batch --video on short simulated clips of a screen playing a
+// panning reference video, 24 frames a second filmed at 30 through a
+// rolling shutter: what the summary tells of each frame against the
+// simulator's truth, a frame's folder against framealign's own on that
+// frame, shards and a rerun against one run, another video's frames.
+#include <cmath>
+#include <map>
+
+#include <opencv2/imgcodecs.hpp>
+#include <opencv2/imgproc.hpp>
+#include <opencv2/videoio.hpp>
+
+#include "cli/batch_fixture.h"
+
+namespace {
+
+const std::string kSim = FRAMEALIGN_SIM;
+
+using Table = std::map<std::string, std::map<std::string, std::string>>;  // key column -> column -> value
+
+Table read_table(const std::string& path, const std::string& key) {
+  std::istringstream text(read_text(path));
+  std::string line;
+  std::getline(text, line);
+  const std::vector<std::string> columns = split(line, ',');
+  Table table;
+  while (std::getline(text, line)) {
+    std::vector<std::string> values = split(line, ',');
+    values.resize(columns.size());
+    std::map<std::string, std::string> row;
+    for (size_t i = 0; i < columns.size(); ++i) row[columns[i]] = values[i];
+    table[row[key]] = row;
+  }
+  return table;
+}
+
+class Video : public testing::Test {
+ protected:
+  static void SetUpTestSuite() {
+    for (const char* seed : {"4", "9"}) {
+      const ToolRun sim = run_tool({"--video", "--out", std::string("clip") + seed, "--seed", seed, "--width", "640",
+                                    "--height", "360", "--capture-width", "960", "--capture-height", "540",
+                                    "--seconds", "0.5", "--reference-frames", "16", "--drift", "4"},
+                                   dir_, kSim);
+      ASSERT_EQ(sim.exit_code, 0) << sim.err;
+    }
+  }
+  static ToolRun batch(const std::string& root, std::vector<std::string> more) {
+    std::vector<std::string> a = {"--video", "clip4/capture.mp4", "--reference-file", "clip4/reference.yuv",
+                                  "--width", "640", "--height", "360", "--result-root", root};
+    a.insert(a.end(), more.begin(), more.end());
+    return run_tool(a, dir_, kBatch);
+  }
+  static inline TempDir dir_;
+};
+
+TEST_F(Video, TrackedFramesTellTheTruth) {
+  const ToolRun run = batch("fast", {"--fast"});
+  ASSERT_EQ(run.exit_code, 0) << run.err;
+  const Table truth = read_table(dir_.file("clip4/truth.csv"), "capture_frame");
+  const Table summary = read_table(dir_.file("fast/summary.csv"), "capture_frame");
+  ASSERT_EQ(summary.size(), truth.size());
+  int mixed_right = 0;
+  for (const auto& [frame, want] : truth) {
+    const auto& got = summary.at(frame);
+    EXPECT_EQ(got.at("id"), "capture_" + std::string(6 - frame.size(), '0') + frame);
+    EXPECT_EQ(got.at("status"), "aligned") << frame;
+    EXPECT_EQ(got.at("ref_frame"), want.at("ref_frame")) << frame;
+    mixed_right += got.at("mixed") == want.at("mixed");
+    if (want.at("mixed") == "1") continue;
+    // Tracked from the frame before (a mixed frame may need the search).
+    if (frame != "0") EXPECT_EQ(got.at("path"), "fast") << frame;
+    // The screen is about as wide in the capture as in the reference.
+    for (const char* c : {"x1", "y1", "x2", "y2", "x3", "y3", "x4", "y4"}) {
+      EXPECT_NEAR(std::stod(got.at(c)), std::stod(want.at(c)), 1.0) << frame << " " << c;
+    }
+  }
+  EXPECT_GE(mixed_right, static_cast<int>(truth.size()) - 1);
+}
+
+// Without --fast each frame gets framealign's own search against the frame
+// told, so its folder is framealign's on that frame stored as a PNG; shards
+// and a gathering run give the summary of one run, and a rerun finds
+// everything done.
+TEST_F(Video, FramesAreFramealignsOwnAndShardsAddUp) {
+  ASSERT_EQ(batch("one", {"--frames", "2:5"}).exit_code, 0);
+  for (const char* shard : {"1/2", "2/2"}) {
+    const ToolRun part = batch("sharded", {"--frames", "2:5", "--shard", shard});
+    ASSERT_EQ(part.exit_code, 0) << part.err;
+  }
+  const ToolRun gather = batch("sharded", {"--frames", "2:5"});
+  EXPECT_NE(gather.err.find("4 of 4 captures recorded: 4 aligned, 0 not_found, 0 error; 0 run now"),
+            std::string::npos) << gather.err;
+  EXPECT_EQ(summary(dir_.file("sharded/summary.csv")), summary(dir_.file("one/summary.csv")));
+
+  cv::VideoCapture video(dir_.file("clip4/capture.mp4"));
+  cv::Mat frame, grey;
+  for (int i = 0; i <= 3; ++i) video.read(frame);
+  cv::cvtColor(frame, grey, cv::COLOR_BGR2GRAY);
+  cv::imwrite(dir_.file("frame3.png"), grey);
+  const std::string shown = read_table(dir_.file("one/summary.csv"), "id").at("capture_000003").at("ref_frame");
+  const ToolRun own = run_tool({"--input-file", "./frame3.png", "--reference-file", "clip4/reference.yuv", "--width",
+                                "640", "--height", "360", "--frame-number", shown, "--result-folder", "own"},
+                               dir_, FRAMEALIGN_BINARY);
+  ASSERT_EQ(own.exit_code, 0) << own.err;
+  EXPECT_TRUE(read_folder(dir_.file("own")) == read_folder(dir_.file("one/capture_000003")));
+}
+
+TEST_F(Video, OtherVideosAndMissingOnesAreSaidSo) {
+  std::filesystem::copy_file(dir_.file("clip9/capture.mp4"), dir_.file("other.mp4"));
+  const std::vector<std::string> common = {"--reference-file", "clip4/reference.yuv", "--width", "640",
+                                           "--height", "360", "--frames", "0:1", "--result-root"};
+  std::vector<std::string> a = {"--video", "other.mp4", "--video", "gone.mp4"};
+  a.insert(a.end(), common.begin(), common.end());
+  a.push_back("other");
+  const ToolRun run = run_tool(a, dir_, kBatch);
+  EXPECT_EQ(run.exit_code, 1) << run.err;
+  const Table rows = read_table(dir_.file("other/summary.csv"), "id");
+  EXPECT_EQ(rows.at("other_000000").at("status"), "not_found");
+  EXPECT_EQ(rows.at("other_000001").at("ref_frame"), "");
+  EXPECT_EQ(rows.at("gone").at("status"), "error");
+  EXPECT_EQ(rows.at("gone").at("message"), "Cannot read the capture video gone.mp4");
+
+  // Two videos of one name would give their frames the same ids.
+  std::vector<std::string> clash = {"--video", "clip4/capture.mp4", "--video", "clip9/capture.mp4"};
+  clash.insert(clash.end(), common.begin(), common.end());
+  clash.push_back("clash");
+  const ToolRun refused = run_tool(clash, dir_, kBatch);
+  EXPECT_EQ(refused.exit_code, 2);
+  EXPECT_NE(refused.err.find("would give their frames the same ids"), std::string::npos) << refused.err;
+}
+
+}  // namespace
