@@ -43,5 +43,8 @@ pybind11::array_t<uint8_t> to_array(const cv::Mat& picture);
 // framealign.Result.
 void bind_result(pybind11::module_& m);
 
+// framealign.align_video, VideoFrames and VideoFrame.
+void bind_video(pybind11::module_& m);
+
 // The variants of align()'s `outputs`, validated as framealign's --output.
 std::vector<int> output_list(const pybind11::object& outputs);

@@ -180,6 +180,7 @@ PYBIND11_MODULE(framealign, m) {
   py::register_exception<framealign::Error>(m, "Error", PyExc_RuntimeError);
   bind_reference(m);
   bind_result(m);
+  bind_video(m);
 
   m.def("read_capture", [](const std::filesystem::path& path, int width, int height) {
           cv::Mat picture;
@@ -244,5 +245,5 @@ def by_name(function):
         for a, d in zip(tree.args, defaults)])
     return named
 )", scope);
-  for (const char* name : {"read_capture", "align", "warp_by_corners"}) m.attr(name) = scope["by_name"](m.attr(name));
+  for (const char* name : {"read_capture", "align", "warp_by_corners", "align_video"}) m.attr(name) = scope["by_name"](m.attr(name));
 }

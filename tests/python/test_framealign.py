@@ -1,4 +1,5 @@
 """The Python module on simulator captures, against the command-line program."""
+import csv
 import os
 import pathlib
 import pickle
@@ -141,6 +142,30 @@ class Module(unittest.TestCase):
         self.assertEqual(results[0].score, self.result.score)
         self.assertEqual(results[0].frames[0].tobytes(), self.result.frames[0].tobytes())
         self.assertIn("Failed to read image file", dask_align.row(paths[1], results[1])["message"])
+
+    def test_video_frames_are_the_batchs(self):
+        clip = f"{self.dir}/clip"
+        subprocess.run([f"{BUILD}/framealign-sim", "--video", "--out", clip, "--width", "640", "--height", "360",
+                        "--capture-width", "960", "--capture-height", "540", "--seconds", "0.3",
+                        "--reference-frames", "10"], check=True, stdout=subprocess.DEVNULL)
+        frames = list(framealign.align_video(f"{clip}/capture.mp4", f"{clip}/reference.yuv", 640, 360, frames=(1, 7)))
+        subprocess.run([f"{BUILD}/framealign-batch", "--video", f"{clip}/capture.mp4", "--reference-file",
+                        f"{clip}/reference.yuv", "--width", "640", "--height", "360", "--fast", "--frames", "1:7",
+                        "--result-root", f"{self.dir}/videos", "--quiet"], check=True)
+        rows = list(csv.DictReader(open(f"{self.dir}/videos/summary.csv")))
+        truth = {row["capture_frame"]: row for row in csv.DictReader(open(f"{clip}/truth.csv"))}
+        self.assertEqual([f.capture_frame for f in frames], list(range(1, 8)))
+        for frame, row in zip(frames, rows):
+            self.assertEqual(str(frame.ref_frame), row["ref_frame"])
+            self.assertEqual(str(frame.ref_frame), truth[row["capture_frame"]]["ref_frame"])
+            self.assertEqual(";".join(map(str, frame.ref_frames)), row["ref_frames"])
+            self.assertEqual(frame.mixed, row["mixed"] == "1")
+            self.assertEqual(frame.result.path, row["path"])
+            np.testing.assert_allclose(frame.result.corners.ravel(), [float(row[c]) for c in
+                                       ("x1", "y1", "x2", "y2", "x3", "y3", "x4", "y4")], atol=1e-5)
+        self.assertEqual(frames[0].capture.shape, (540, 960))
+        with self.assertRaises(framealign.Error):
+            framealign.align_video(f"{clip}/capture.mp4", f"{clip}/reference.yuv", 640, 360, reference_frames=(5, 40))
 
 
 if __name__ == "__main__":

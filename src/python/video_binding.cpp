@@ -1,0 +1,95 @@
+// framealign.align_video and what it yields: the C++ VideoAligner's frames
+// as a Python iterator, one VideoFrame per captured frame.
+#include <pybind11/stl.h>
+#include <pybind11/stl/filesystem.h>
+
+#include <filesystem>
+#include <memory>
+
+#include "bindings.h"
+#include "framealign/video.h"
+
+namespace py = pybind11;
+using framealign::VideoFrame;
+
+namespace {
+
+// "A:B" as a pair of frame numbers, or None for every frame.
+void take_range(const py::object& range, const char* name, int& first, int& last) {
+  if (range.is_none()) return;
+  const auto pair = range.cast<std::pair<int, int>>();
+  if (pair.first < 0 || pair.second < pair.first) {
+    throw py::value_error(std::string(name) + " must be (A, B) with 0 <= A <= B");
+  }
+  first = pair.first;
+  last = pair.second;
+}
+
+class VideoFrames {
+ public:
+  VideoFrames(const std::string& path, const std::string& reference, int width, int height,
+              const framealign::VideoOptions& options)
+      : aligner_(std::make_unique<framealign::VideoAligner>(path, reference, width, height, options)) {}
+
+  VideoFrame next() {
+    VideoFrame frame;
+    bool more;
+    {
+      py::gil_scoped_release release;
+      more = aligner_->next(frame);
+    }
+    if (!more) throw py::stop_iteration();
+    return frame;
+  }
+  int frame_count() const { return aligner_->frame_count(); }
+
+ private:
+  std::unique_ptr<framealign::VideoAligner> aligner_;
+};
+
+}  // namespace
+
+void bind_video(py::module_& m) {
+  py::class_<VideoFrame>(m, "VideoFrame", "One captured frame of a video and what became of it.")
+      .def_readonly("capture_frame", &VideoFrame::capture_frame, "its index in the capture video, from 0")
+      .def_readonly("ref_frame", &VideoFrame::ref_frame,
+                    "the reference frame at the screen's middle; -1 when none of those given is shown")
+      .def_readonly("ref_frames", &VideoFrame::ref_frames, "every reference frame on the screen, top to bottom")
+      .def_readonly("mixed", &VideoFrame::mixed, "more than one reference frame on the screen")
+      .def_readonly("sync_score", &VideoFrame::sync_score,
+                    "mean over the screen's bands of 1 - correlation with the frames told; 0 is perfect")
+      .def_readonly("result", &VideoFrame::result, "the frame's Result, against ref_frame")
+      .def_property_readonly("capture", [](const VideoFrame& f) { return to_array(f.capture); },
+                             "the frame as aligned, height x width uint8")
+      .def("__repr__", [](const VideoFrame& f) {
+        return "<framealign.VideoFrame " + std::to_string(f.capture_frame) + " " + f.result.status +
+               " ref_frame=" + std::to_string(f.ref_frame) + (f.mixed ? " mixed" : "") + ">";
+      });
+  py::class_<VideoFrames>(m, "VideoFrames", "The frames of a capture video, aligned one by one.")
+      .def("__iter__", [](VideoFrames& self) -> VideoFrames& { return self; })
+      .def("__next__", &VideoFrames::next)
+      .def_property_readonly("frame_count", &VideoFrames::frame_count,
+                             "frames the capture video says it holds (an estimate for some files)");
+
+  m.def("align_video", [](const std::filesystem::path& path, const std::filesystem::path& reference, int width,
+                          int height, bool refine, bool fast, const py::object& reference_frames,
+                          const py::object& frames, bool advanced, const py::object& outputs, bool jpeg_output) {
+          framealign::VideoOptions options;
+          options.align.refine = refine || fast;
+          options.align.fast = fast;
+          options.align.advanced = advanced;
+          options.align.jpeg_output = jpeg_output;
+          const std::vector<int> variants = output_list(outputs);
+          if (!variants.empty()) options.align.outputs = variants;
+          take_range(reference_frames, "reference_frames", options.first_reference, options.last_reference);
+          take_range(frames, "frames", options.first_frame, options.last_frame);
+          return VideoFrames(path.string(), reference.string(), width, height, options);
+        },
+        py::arg("path"), py::arg("reference"), py::arg("width") = 1920, py::arg("height") = 1080,
+        py::arg("refine") = true, py::arg("fast") = true, py::arg("reference_frames") = py::none(),
+        py::arg("frames") = py::none(), py::arg("advanced") = false, py::arg("outputs") = py::list(),
+        py::arg("jpeg_output") = false,
+        "Aligns every frame of a capture video against a raw 4:2:0 reference video of width x height, "
+        "yielding a VideoFrame per captured frame; reference_frames and frames are (A, B) ranges, both "
+        "included. With fast, the screen is tracked from frame to frame.");
+}
