@@ -138,7 +138,8 @@ struct VideoAligner::State {
   const std::vector<cv::Point2f>& points_of(int n);
   // The frame shown, of those near `told`, for a screen found against frame
   // `searched` (see settle.h).
-  int settled(const cv::Mat& capture, const AlignResult& result, int searched, int told);
+  int settled(const cv::Mat& capture, const AlignResult& result, int searched, int told,
+              int reach = kSettle);
   bool track_frame(VideoFrame& frame, const Identity& identity);
   void finish(VideoFrame& frame, AlignResult result, int shown);
   void search_frame(VideoFrame& frame, const std::optional<Identity>& seeded);
@@ -203,10 +204,10 @@ const std::vector<cv::Point2f>& VideoAligner::State::points_of(int n) {
 }
 
 int VideoAligner::State::settled(const cv::Mat& capture, const AlignResult& result, int searched,
-                                 int told) {
+                                 int told, int reach) {
   int best = searched;
   double best_agreement = edge_agreement(capture, *result.corners, plane(searched));
-  for (int c = std::max(index->first(), told - kSettle); c <= std::min(index->last(), told + kSettle); ++c) {
+  for (int c = std::max(index->first(), told - reach); c <= std::min(index->last(), told + reach); ++c) {
     if (c == searched) continue;
     const auto moved = moved_corners(plane(searched), plane(c), points_of(searched), *result.corners);
     if (!moved) continue;
@@ -224,6 +225,20 @@ bool VideoAligner::State::track_frame(VideoFrame& frame, const Identity& identit
       track(frame.capture, plane(identity.ref_frame),
             points_in_frame(points_of(identity.ref_frame), identity, height), corners, options.align);
   if (!result) return false;
+  // A seed a little off, where the video pans slowly, tells a neighbour
+  // of the frame shown, and tracking then follows that frame's content:
+  // the screen's edges tell.
+  const int shown = settled(frame.capture, *result, identity.ref_frame, identity.ref_frame, 1);
+  if (shown != identity.ref_frame) {
+    const auto moved = moved_corners(plane(identity.ref_frame), plane(shown),
+                                     points_of(identity.ref_frame), *result->corners);
+    std::optional<AlignResult> again =
+        moved ? track(frame.capture, plane(shown), points_of(shown), *moved, options.align) : std::nullopt;
+    if (again) {
+      finish(frame, std::move(*again), shown);
+      return true;
+    }
+  }
   finish(frame, std::move(*result), identity.ref_frame);
   return true;
 }
