@@ -152,8 +152,9 @@ int default_jobs() {
   return std::max(1, std::min(framealign::usable_cpu_count(), by_memory));
 }
 
-int run_batch(const BatchOptions& options) {
+int run_batch(const BatchOptions& given) {
   const auto start = Clock::now();
+  BatchOptions options = given;
   std::vector<CaptureJob> all;
   try {
     all = options.list.empty() ? capture_jobs(options.inputs, options.defaults)
@@ -162,8 +163,12 @@ int run_batch(const BatchOptions& options) {
     std::cerr << "framealign-batch: " << e.what() << "\n";
     return 2;
   }
+  // A video's frames are shared out among shards, not the video itself.
+  const std::vector<CaptureJob> videos = video_jobs(all, options);
+  all.erase(std::remove_if(all.begin(), all.end(), [](const CaptureJob& job) { return job.video; }), all.end());
+  options.video_columns = !videos.empty();
   std::string clash = options.capture_cache ? shared_capture_cache(all) : "";
-  if (clash.empty()) clash = shared_video_stem(options.videos);
+  if (clash.empty()) clash = shared_video_id(videos);
   if (!clash.empty()) {
     std::cerr << "framealign-batch: " << clash << "\n";
     return 2;
@@ -183,7 +188,7 @@ int run_batch(const BatchOptions& options) {
   if (options.shards == 1 && !report.enabled()) std::cerr << "framealign-batch: " << report.why() << "\n";
 
   const std::vector<std::string> columns =
-      summary_columns(options.refine, options.fast, !options.videos.empty());
+      summary_columns(options.refine, options.fast, options.video_columns);
   std::map<std::string, SummaryRow> rows;
   const std::vector<const CaptureJob*> pending = still_to_run(jobs, options, columns, *root, rows);
 
@@ -203,7 +208,7 @@ int run_batch(const BatchOptions& options) {
   };
   const std::map<std::string, SummaryRow> recorded = rows;
   size_t run = run_pending(pending, options, *root, report, journal, record);
-  run += run_videos(options, *root, report, journal, recorded, record, [] { return g_signal != 0; });
+  run += run_videos(videos, options, *root, report, journal, recorded, record, [] { return g_signal != 0; });
 
   std::vector<SummaryRow> summary;
   std::map<std::string, int> counts;
@@ -213,7 +218,7 @@ int run_batch(const BatchOptions& options) {
     if (it != rows.end()) summary.push_back(it->second);
   }
   const size_t pictures = summary.size();
-  for (SummaryRow& row : video_rows(options, rows)) summary.push_back(std::move(row));
+  for (SummaryRow& row : video_rows(videos, options, rows)) summary.push_back(std::move(row));
   for (const SummaryRow& row : summary) {
     ++counts[row.status];
     if (options.fast) ++counts["path " + row.values.at(path_value)];

@@ -14,7 +14,7 @@
 
 namespace {
 
-const char* const kColumns[] = {"input", "id", "reference", "width", "height", "frame_number"};
+const char* const kColumns[] = {"input", "id", "reference", "width", "height", "frame_number", "video"};
 
 // A whole decimal number in [lo, hi], nothing before or after it.
 bool parse_int(const std::string& text, long lo, long hi, int& value) {
@@ -134,6 +134,9 @@ std::vector<CaptureJob> read_capture_list(const std::string& path, const Referen
     number("width", 1, 65535, job.reference.width);
     number("height", 1, 65535, job.reference.height);
     number("frame_number", -1, INT_MAX, job.reference.frame_number);
+    int video = 0;
+    number("video", 0, 1, video);
+    job.video = video == 1;
     job.id = value("id").empty() ? default_id(job.input) : value("id");
     jobs.push_back(job);
   }

@@ -24,6 +24,7 @@ struct CaptureJob {
   std::string id;       // the result folder's name; default: the input's stem
   std::string input;    // the capture's path
   ReferenceFrame reference;
+  bool video = false;   // a capture video: `id` names its frames <id>_<frame>
 };
 
 // A list that cannot be run: `what()` names the file and line.
@@ -33,7 +34,8 @@ class ListError : public std::runtime_error {
 };
 
 // Reads a CSV list with a header row. Column "input" is required; "id",
-// "reference", "width", "height" and "frame_number" are optional, and an
+// "reference", "width", "height", "frame_number" and "video" (1: the input
+// is a capture video) are optional, and an
 // empty value takes the default: the input's stem for the id, `defaults`
 // for the rest. Throws ListError for a file that
 // cannot be read, malformed CSV, an unknown column, a missing value, a

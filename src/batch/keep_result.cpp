@@ -14,7 +14,7 @@ double seconds_since(std::chrono::steady_clock::time_point start) {
 // seconds and message.
 std::vector<std::string> with_video(std::vector<std::string> values, const BatchOptions& options,
                                     const std::vector<std::string>& video) {
-  if (!options.videos.empty()) {
+  if (options.video_columns) {
     std::vector<std::string> columns = video;
     columns.resize(kVideoColumns);
     values.insert(values.end() - 2, columns.begin(), columns.end());

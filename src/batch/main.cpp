@@ -23,7 +23,7 @@ struct CommandLine {
 
 void declare_options(CLI::App& app, BatchOptions& options, CommandLine& line) {
   app.add_option("--list", options.list, "CSV list of captures: column input, optional id, "
-                 "reference, width, height, frame_number");
+                 "reference, width, height, frame_number, video (1: a capture video)");
   app.add_option("inputs", options.inputs, "Captures, when there is no list");
   app.add_option("--result-root", options.result_root, "A folder <id> per capture, summary.csv")
       ->required();

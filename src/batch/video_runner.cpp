@@ -18,10 +18,10 @@ namespace fs = std::filesystem;
 
 namespace {
 
-std::string frame_id(const std::string& video, int frame) {
+std::string frame_id(const CaptureJob& video, int frame) {
   char digits[16];
   std::snprintf(digits, sizeof(digits), "_%06d", frame);
-  return fs::path(video).stem().string() + digits;
+  return video.id + digits;
 }
 
 // Whether captured frame `frame` is in this run's share.
@@ -31,10 +31,10 @@ bool in_share(const BatchOptions& options, int frame) {
 }
 
 bool done(const BatchOptions& options, const std::map<std::string, SummaryRow>& recorded,
-          ResultRoot& root, const std::string& video, int frame) {
+          ResultRoot& root, const CaptureJob& video, int frame) {
   const std::string id = frame_id(video, frame);
   const auto it = recorded.find(id);
-  return !options.force && it != recorded.end() && it->second.input == video &&
+  return !options.force && it != recorded.end() && it->second.input == video.input &&
          it->second.status != "error" && root.has_result(id);
 }
 
@@ -48,8 +48,8 @@ std::vector<std::string> video_values(const framealign::VideoFrame& frame) {
 }
 
 // One video, frame after frame. A video that cannot be opened gives one
-// error row under its stem.
-std::size_t run_video(const std::string& video, const BatchOptions& options, ResultRoot& root,
+// error row under its id.
+std::size_t run_video(const CaptureJob& video, const BatchOptions& options, ResultRoot& root,
                       const Report& report, Journal& journal,
                       const std::map<std::string, SummaryRow>& recorded,
                       const std::function<void(const SummaryRow&)>& record,
@@ -65,10 +65,11 @@ std::size_t run_video(const std::string& video, const BatchOptions& options, Res
   std::unique_ptr<framealign::VideoAligner> aligner;
   const auto opened = std::chrono::steady_clock::now();
   try {
-    aligner = std::make_unique<framealign::VideoAligner>(video, options.defaults.path, options.defaults.width,
-                                                         options.defaults.height, video_options);
+    aligner = std::make_unique<framealign::VideoAligner>(video.input, video.reference.path,
+                                                         video.reference.width, video.reference.height,
+                                                         video_options);
   } catch (const std::exception& e) {
-    const SummaryRow row = error_row(fs::path(video).stem().string(), video, options, opened, e.what());
+    const SummaryRow row = error_row(video.id, video.input, options, opened, e.what());
     journal.append(row);
     record(row);
     return 0;
@@ -87,7 +88,7 @@ std::size_t run_video(const std::string& video, const BatchOptions& options, Res
       failure = std::current_exception();
       frame.capture_frame = aligner->last_read();
     }
-    const SummaryRow row = keep_result(frame_id(video, frame.capture_frame), video, options, root, report,
+    const SummaryRow row = keep_result(frame_id(video, frame.capture_frame), video.input, options, root, report,
                                        start, [&] {
                                          if (failure) std::rethrow_exception(failure);
                                          return Made{frame.result, frame.capture, frame.reference,
@@ -95,7 +96,7 @@ std::size_t run_video(const std::string& video, const BatchOptions& options, Res
                                        });
     journal.append(row);
     record(row);
-    progress.finished(row, video, std::stod(row.values[row.values.size() - 2]));
+    progress.finished(row, video.input, std::stod(row.values[row.values.size() - 2]));
     ++run;
   }
   progress.end();
@@ -104,26 +105,36 @@ std::size_t run_video(const std::string& video, const BatchOptions& options, Res
 
 }  // namespace
 
-std::string shared_video_stem(const std::vector<std::string>& videos) {
-  std::map<std::string, std::string> by_stem;
-  for (const std::string& video : videos) {
-    const auto [it, fresh] = by_stem.emplace(fs::path(video).stem().string(), video);
-    if (!fresh && it->second != video) {
-      return "the videos " + it->second + " and " + video + " would give their frames the same ids (" +
-             it->first + "_NNNNNN); rename one";
+std::vector<CaptureJob> video_jobs(const std::vector<CaptureJob>& listed, const BatchOptions& options) {
+  std::vector<CaptureJob> videos;
+  for (const CaptureJob& job : listed) {
+    if (job.video) videos.push_back(job);
+  }
+  int line = 0;
+  for (const std::string& path : options.videos) {
+    const bool named = std::any_of(videos.begin(), videos.end(),
+                                   [&](const CaptureJob& v) { return v.line < 0 && v.input == path; });
+    if (!named) videos.push_back(CaptureJob{--line, fs::path(path).stem().string(), path, options.defaults, true});
+  }
+  return videos;
+}
+
+std::string shared_video_id(const std::vector<CaptureJob>& videos) {
+  std::map<std::string, std::string> by_id;
+  for (const CaptureJob& video : videos) {
+    const auto [it, fresh] = by_id.emplace(video.id, video.input);
+    if (!fresh) {
+      return "the videos " + it->second + " and " + video.input + " would give their frames the same ids (" +
+             it->first + "_NNNNNN); give one another id";
     }
   }
   return "";
 }
 
-std::size_t run_videos(const BatchOptions& options, ResultRoot& root, const Report& report,
-                       Journal& journal, const std::map<std::string, SummaryRow>& recorded,
+std::size_t run_videos(const std::vector<CaptureJob>& videos, const BatchOptions& options, ResultRoot& root,
+                       const Report& report, Journal& journal, const std::map<std::string, SummaryRow>& recorded,
                        const std::function<void(const SummaryRow&)>& record,
                        const std::function<bool()>& stopped) {
-  std::vector<std::string> videos;
-  for (const std::string& video : options.videos) {
-    if (std::find(videos.begin(), videos.end(), video) == videos.end()) videos.push_back(video);
-  }
   std::atomic<std::size_t> next{0}, run{0};
   std::atomic<bool> failed{false};
   std::mutex failure_lock;
@@ -149,17 +160,15 @@ std::size_t run_videos(const BatchOptions& options, ResultRoot& root, const Repo
   return run;
 }
 
-std::vector<SummaryRow> video_rows(const BatchOptions& options,
+std::vector<SummaryRow> video_rows(const std::vector<CaptureJob>& videos, const BatchOptions& options,
                                    const std::map<std::string, SummaryRow>& rows) {
   std::vector<SummaryRow> kept;
-  std::set<std::string> seen;
-  for (const std::string& video : options.videos) {
-    if (!seen.insert(video).second) continue;
-    const std::string stem = fs::path(video).stem().string();
+  for (const CaptureJob& video : videos) {
+    const std::string& stem = video.id;
     // Ids of one video sort by frame: the numbers have six digits.
     for (auto it = rows.lower_bound(stem); it != rows.end() && it->first.compare(0, stem.size(), stem) == 0; ++it) {
       const std::string& id = it->first;
-      if (it->second.input != video) continue;
+      if (it->second.input != video.input) continue;
       if (id == stem) {
         kept.push_back(it->second);  // the video could not be read
         continue;

@@ -4,6 +4,7 @@
 // simulator's truth, a frame's folder against framealign's own on that
 // frame, shards and a rerun against one run, another video's frames.
 #include <cmath>
+#include <fstream>
 #include <map>
 
 #include <opencv2/imgcodecs.hpp>
@@ -112,14 +113,16 @@ TEST_F(Video, OtherVideosAndMissingOnesAreSaidSo) {
   std::filesystem::copy_file(dir_.file("clip9/capture.mp4"), dir_.file("other.mp4"));
   const std::vector<std::string> common = {"--reference-file", "clip4/reference.yuv", "--width", "640",
                                            "--height", "360", "--frames", "0:1", "--result-root"};
-  std::vector<std::string> a = {"--video", "other.mp4", "--video", "gone.mp4"};
+  // A video from a list, under an id of its own, and one named on the command line.
+  std::ofstream(dir_.file("videos.csv")) << "input,id,video\nother.mp4,elsewhere,1\n";
+  std::vector<std::string> a = {"--list", "videos.csv", "--video", "gone.mp4"};
   a.insert(a.end(), common.begin(), common.end());
   a.push_back("other");
   const ToolRun run = run_tool(a, dir_, kBatch);
   EXPECT_EQ(run.exit_code, 1) << run.err;
   const Table rows = read_table(dir_.file("other/summary.csv"), "id");
-  EXPECT_EQ(rows.at("other_000000").at("status"), "not_found");
-  EXPECT_EQ(rows.at("other_000001").at("ref_frame"), "");
+  EXPECT_EQ(rows.at("elsewhere_000000").at("status"), "not_found");
+  EXPECT_EQ(rows.at("elsewhere_000001").at("ref_frame"), "");
   EXPECT_EQ(rows.at("gone").at("status"), "error");
   EXPECT_EQ(rows.at("gone").at("message"), "Cannot read the capture video gone.mp4");
 
