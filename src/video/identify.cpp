@@ -19,9 +19,11 @@ constexpr int kBandWidth = 320;
 constexpr int kBands = 20;
 constexpr int kWindow = 4;  // frames either side of the first look's best
 // The price of one more frame on the screen, in units of a band's
-// 1 - correlation: noise moves a band's correlation by less than a
-// hundredth, a pan of a pixel per frame by several.
-constexpr double kChangePrice = 0.03;
+// 1 - correlation: a band's correlation moves by a few thousandths with the
+// camera's noise, and a ghost of the next frame at a fifth of the light
+// (rows exposed while the screen changed) gains several times as much
+// over a few bands (bench/RESULTS.md, "Videos").
+constexpr double kChangePrice = 0.01;
 // The price, per band, of a frame one further from where the screen's clock
 // expects it than the frames it shows in half a frame's time: about what a
 // pan of a pixel per frame costs, so that the clock decides only between
@@ -33,8 +35,9 @@ constexpr double kMinimumCorrelation = 0.6;
 constexpr double kFlatBand = 1.5;
 constexpr double kFlatCost = 0.5;  // a flat band's cost, the same for every frame
 constexpr double kUnseen = 2.0;    // the cost of a state the band cannot be in
-// A blend counts when each frame gives at least this share of it.
-constexpr double kLeastShare = 0.15;
+// A blend counts when each frame gives at least this share of it: below a
+// tenth, the camera's noise and the codec make ghosts of frames not shown.
+constexpr double kLeastShare = 0.1;
 
 cv::Size scaled(const cv::Size& frame, int width, int multiple) {
   const int rows = static_cast<int>(std::lround(double(width) * frame.height / frame.width / multiple));

@@ -1,0 +1,135 @@
+// What a framealign::VideoAligner keeps between frames: the capture video,
+// the reference video's frames as they are needed, and where the screen and
+// the screen's clock were last seen.
+#pragma once
+
+#include <algorithm>
+#include <cmath>
+#include <deque>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include <opencv2/videoio.hpp>
+
+#include "framealign/video.h"
+#include "io/readers.h"
+#include "video/identify.h"
+
+namespace framealign {
+
+// A band at most this far (1 - correlation) from its frame, or twice as far
+// as the cleanest band, shows that frame alone.
+constexpr double kCleanBand = 0.01;
+// The screen's clock is fitted to this many frames lately shown, once at
+// least kClockLeast of them span as many captured frames.
+constexpr std::size_t kClockFrames = 48;
+constexpr std::size_t kClockLeast = 6;
+// A screen found from scratch may have been pulled by up to this many
+// frames of the video's motion.
+constexpr int kSettle = 3;
+
+// Keeps at most `most` entries, dropping the smallest keys first (a video
+// moves forward through its reference).
+template <typename T>
+void keep_latest(std::map<int, T>& entries, std::size_t most) {
+  while (entries.size() > most) entries.erase(entries.begin());
+}
+
+struct VideoAligner::State {
+  cv::VideoCapture video;
+  std::string reference_path;
+  int width = 0, height = 0;
+  VideoOptions options;
+  int next_index = 0;
+  std::unique_ptr<FrameIndex> index;
+  std::map<int, cv::Mat> planes;
+  std::map<int, std::vector<cv::Point2f>> points;
+  std::map<int, Reference> references;
+  // Where the screen was last seen, and the reference frames lately shown
+  // by captured frame, the screen's clock.
+  bool tracking = false;
+  std::array<double, 8> corners{};
+  int last_index = -1, last_ref = -1;
+  std::deque<std::pair<int, int>> shown;
+  double rate = 1.0;
+  std::optional<double> clock;  // the frame the clock expects now
+
+  cv::Mat plane(int n) {
+    auto it = planes.find(n);
+    if (it != planes.end()) return it->second;
+    cv::Mat frame(height, width, CV_8UC1);
+    extract_frame_from_yuv420_file(reference_path, frame.data, width, height, n);
+    keep_latest(planes, 16);
+    return planes[n] = frame;
+  }
+
+  const Reference& reference(int n) {
+    auto it = references.find(n);
+    if (it != references.end()) return it->second;
+    keep_latest(references, 2);
+    return references.emplace(n, Reference::from_yuv(reference_path, width, height, n)).first->second;
+  }
+
+  // The clock: reference frame = offset + rate x captured frame, fitted by
+  // least squares to the frames lately shown, once they span enough frames.
+  void read_clock(int capture_frame) {
+    clock.reset();
+    if (shown.size() < kClockLeast || shown.back().first - shown.front().first < int(kClockLeast)) return;
+    double mean_k = 0.0, mean_r = 0.0, kk = 0.0, kr = 0.0;
+    for (const auto& [k, r] : shown) {
+      mean_k += k;
+      mean_r += r;
+    }
+    mean_k /= shown.size();
+    mean_r /= shown.size();
+    for (const auto& [k, r] : shown) {
+      kk += (k - mean_k) * (k - mean_k);
+      kr += (k - mean_k) * (r - mean_r);
+    }
+    rate = kr / kk;
+    std::vector<double> offsets;
+    for (const auto& [k, r] : shown) offsets.push_back(r - rate * k);
+    std::nth_element(offsets.begin(), offsets.begin() + offsets.size() / 2, offsets.end());
+    clock = offsets[offsets.size() / 2] + rate * capture_frame;
+  }
+
+  int predicted(int capture_frame) const {
+    const int first = index->first(), last = index->last();
+    if (last_ref < 0) return first;
+    const int guess = clock ? static_cast<int>(std::lround(*clock))
+                            : last_ref + static_cast<int>(std::lround(rate * (capture_frame - last_index)));
+    return std::clamp(guess, first, last);
+  }
+
+  void remember(const VideoFrame& frame) {
+    if (frame.ref_frame < 0 || !frame.result.corners) {
+      tracking = false;
+      return;
+    }
+    shown.emplace_back(frame.capture_frame, frame.ref_frame);
+    if (shown.size() > kClockFrames) shown.pop_front();
+    tracking = true;
+    corners = *frame.result.corners;
+    last_index = frame.capture_frame;
+    last_ref = frame.ref_frame;
+  }
+
+  // What a frame shows, told on the capture warped by where the screen was
+  // last seen: the screen moves little from frame to frame, while a
+  // geometry found on the frame itself is pulled by the video's own motion
+  // (a pan) towards whichever frame it was found against.
+  std::optional<Identity> seeded_identity(const cv::Mat& capture);
+  const std::vector<cv::Point2f>& points_of(int n);
+  // The frame shown, of those near `told`, for a screen found against frame
+  // `searched` (see settle.h).
+  int settled(const cv::Mat& capture, const AlignResult& result, int searched, int told,
+              int reach = kSettle);
+  bool track_frame(VideoFrame& frame, const Identity& identity);
+  void finish(VideoFrame& frame, AlignResult result, int shown);
+  void search_frame(VideoFrame& frame, const std::optional<Identity>& seeded);
+};
+
+}  // namespace framealign
