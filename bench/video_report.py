@@ -61,7 +61,7 @@ def score(folder):
         if g is None:
             continue
         s["right"] += g["ref_frame"] == t["ref_frame"]
-        s["fast"] += g.get("path") == "fast"
+        s["fast"] += g.get("path") == "tracked"
         tm, gm = t["mixed"] == "1", g["mixed"] == "1"
         s["tp"] += tm and gm
         s["fp"] += gm and not tm

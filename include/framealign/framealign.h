@@ -185,7 +185,8 @@ struct FRAMEALIGN_API AlignResult {
   // of `corners` (of the mirrored capture when the advanced pre-pass
   // mirrored it). None when not found or unrectified.
   std::optional<Mapping> mapping;
-  // With fast: "fast" when the quick path was verified, else "full".
+  // With fast: "fast" when the quick path was verified, else "full"; a
+  // frame of a video tracked from the frame before (VideoAligner): "tracked".
   std::string path;
   // The aligned frames, one per result slot (reference size, CV_8UC1), as
   // the result folder holds them.

@@ -28,7 +28,8 @@ namespace framealign {
 struct VideoOptions {
   // How each frame is aligned. With `fast`, the screen is tracked: the
   // corners found on one frame seed the next, verified as the quick path
-  // is, and a frame that fails verification gets the full search (a cut, a
+  // is (result.path "tracked"), and a frame that fails verification gets
+  // the quick path and then the full search as align() runs them (a cut, a
   // pan, a lost screen). Without it, every frame gets the full search, as
   // framealign would run it on that frame.
   AlignOptions align;

@@ -26,6 +26,11 @@ constexpr float kRoundTrip = 0.5f;
 // most of them kept by the refinement, an estimate within a pixel.
 constexpr int kMinimumPairs = 100;
 constexpr double kMinimumCoverage = 0.35;
+// Of a frame whose points were picked from part of it (the bands of a mixed
+// frame that show one reference frame), the pairs must cover this share of
+// that part, and that part this share of the frame; the estimate over the
+// whole frame says what the rest costs.
+constexpr double kLeastPart = 0.15;
 constexpr double kMinimumAgreement = 0.5;
 
 // `warped` brought to the reference's mean and contrast, so that the
@@ -64,7 +69,7 @@ PointPairs follow(const cv::Mat& reference, const cv::Mat& warped,
 
 // The search's score for the followed pairs: their displacement score
 // times the match term over their number and spread.
-double tracked_score(const PointPairs& pairs, int width, int height) {
+double tracked_score(const PointPairs& pairs, double offered, int width, int height) {
   RectifiedMatches as_matches;
   std::vector<cv::KeyPoint> reference_points;
   std::vector<cv::Point2f> spread;
@@ -75,7 +80,7 @@ double tracked_score(const PointPairs& pairs, int width, int height) {
     spread.emplace_back(pairs.reference[i]);
   }
   const double coverage = calculateConvexHullArea(spread) / (double(width) * height);
-  if (coverage < kMinimumCoverage) return kFailedScore;
+  if (offered < kLeastPart || coverage < kMinimumCoverage * std::min(1.0, offered)) return kFailedScore;
   const double match_score = 100.0 / std::pow(pairs.input.size() * coverage * width * height, 0.333);
   return rectification_score(as_matches, reference_points) * match_score;
 }
@@ -103,7 +108,8 @@ bool tracked_rectified_img(const cv::Mat& image, const cv::Mat& reference,
   if (matched.empty()) return false;
   const PointPairs pairs = follow(reference, matched, points);
   if (pairs.input.size() < static_cast<std::size_t>(kMinimumPairs)) return false;
-  const double followed_score = tracked_score(pairs, width, height);
+  const double offered = calculateConvexHullArea(points) / (double(width) * height);
+  const double followed_score = tracked_score(pairs, offered, width, height);
   if (!(followed_score < kFailedScore)) return false;
 
   const RefinedCorners refined = refine_corners(PointPairs{}, pairs, seed, width, height, image.size());

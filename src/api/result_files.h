@@ -29,7 +29,7 @@ AlignResult result_of(const AlignmentSlots& slots, const cv::Mat& input, int wid
 
 // A frame of a filmed screen aligned by tracking from `seed` (see
 // tracked_rectified_img) against `reference`, whose track_points are
-// `points`: a result as the quick path gives it, with path "fast"; none
+// `points`: a result as the quick path gives it, with path "tracked"; none
 // when not verified.
 std::optional<AlignResult> track(const cv::Mat& capture, const cv::Mat& reference,
                                  const std::vector<cv::Point2f>& points,

@@ -238,7 +238,12 @@ int run_batch(const BatchOptions& given) {
                summary.size(), jobs.size() + summary.size() - pictures, counts["aligned"], counts["not_found"], counts["error"],
                run, seconds, run == 0 ? 0.0 : seconds / run);
   if (options.fast) {
-    std::fprintf(stderr, "paths: %d fast, %d full\n", counts["path fast"], counts["path full"]);
+    if (counts["path tracked"] > 0) {
+      std::fprintf(stderr, "paths: %d tracked, %d fast, %d full\n", counts["path tracked"], counts["path fast"],
+                   counts["path full"]);
+    } else {
+      std::fprintf(stderr, "paths: %d fast, %d full\n", counts["path fast"], counts["path full"]);
+    }
   }
   return status;
 }

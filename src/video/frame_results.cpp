@@ -41,7 +41,7 @@ std::optional<AlignResult> track(const cv::Mat& capture, const cv::Mat& referenc
   std::memcpy(slots.aligned[1], slots.aligned[0], luma_plane_size(width, height));
   apply_output_variant(slots.aligned[1], width, height, kEnhancedCopyVariant);
   slots.count = 2;
-  slots.report.path = "fast";
+  slots.report.path = "tracked";
   slots.report.scores = {slots.score};
   slots.report.est_error_px = {estimate};
   slots.report.refined = {true};
