@@ -139,6 +139,51 @@ std::vector<const CaptureJob*> still_to_run(const std::vector<CaptureJob>& jobs,
   return pending;
 }
 
+// Writes the summary (and the report) of `jobs` and `videos` from `rows`,
+// says the counts, and returns the exit status.
+int finish_run(const BatchOptions& options, const std::vector<CaptureJob>& jobs,
+               const std::vector<CaptureJob>& videos, const std::map<std::string, SummaryRow>& rows,
+               const std::vector<std::string>& columns, const Report& report, size_t run,
+               Clock::time_point start) {
+  const fs::path root_path(options.result_root);
+  std::vector<SummaryRow> summary;
+  std::map<std::string, int> counts;
+  const size_t path_value = std::find(columns.begin(), columns.end(), "path") - columns.begin() - 3;
+  for (const CaptureJob& job : jobs) {
+    const auto it = rows.find(job.id);
+    if (it != rows.end()) summary.push_back(it->second);
+  }
+  const size_t pictures = summary.size();
+  for (SummaryRow& row : video_rows(videos, options, rows)) summary.push_back(std::move(row));
+  for (const SummaryRow& row : summary) {
+    ++counts[row.status];
+    if (options.fast) ++counts["path " + row.values.at(path_value)];
+  }
+  write_summary((root_path / ("summary" + shard_tag(options) + ".csv")).string(), columns, summary);
+  try {
+    report.write(columns, summary);
+  } catch (const std::exception& e) {
+    std::cerr << "framealign-batch: " << e.what() << "\n";  // summary.csv stands
+  }
+  const double seconds = seconds_since(start);
+  const int status = g_signal != 0 ? 128 + g_signal : counts["error"] > 0 ? 1 : 0;
+  if (options.verbosity == 0) return status;
+  std::fprintf(stderr,
+               "%zu of %zu captures recorded: %d aligned, %d not_found, %d error; %zu run now in "
+               "%.1f s, %.1f s per capture\n",
+               summary.size(), jobs.size() + summary.size() - pictures, counts["aligned"], counts["not_found"], counts["error"],
+               run, seconds, run == 0 ? 0.0 : seconds / run);
+  if (options.fast) {
+    if (counts["path tracked"] > 0) {
+      std::fprintf(stderr, "paths: %d tracked, %d fast, %d full\n", counts["path tracked"], counts["path fast"],
+                   counts["path full"]);
+    } else {
+      std::fprintf(stderr, "paths: %d fast, %d full\n", counts["path fast"], counts["path full"]);
+    }
+  }
+  return status;
+}
+
 }  // namespace
 
 int default_jobs() {
@@ -210,40 +255,5 @@ int run_batch(const BatchOptions& given) {
   size_t run = run_pending(pending, options, *root, report, journal, record);
   run += run_videos(videos, options, *root, report, journal, recorded, record, [] { return g_signal != 0; });
 
-  std::vector<SummaryRow> summary;
-  std::map<std::string, int> counts;
-  const size_t path_value = std::find(columns.begin(), columns.end(), "path") - columns.begin() - 3;
-  for (const CaptureJob& job : jobs) {
-    const auto it = rows.find(job.id);
-    if (it != rows.end()) summary.push_back(it->second);
-  }
-  const size_t pictures = summary.size();
-  for (SummaryRow& row : video_rows(videos, options, rows)) summary.push_back(std::move(row));
-  for (const SummaryRow& row : summary) {
-    ++counts[row.status];
-    if (options.fast) ++counts["path " + row.values.at(path_value)];
-  }
-  write_summary((root_path / ("summary" + shard_tag(options) + ".csv")).string(), columns, summary);
-  try {
-    report.write(columns, summary);
-  } catch (const std::exception& e) {
-    std::cerr << "framealign-batch: " << e.what() << "\n";  // summary.csv stands
-  }
-  const double seconds = seconds_since(start);
-  const int status = g_signal != 0 ? 128 + g_signal : counts["error"] > 0 ? 1 : 0;
-  if (options.verbosity == 0) return status;
-  std::fprintf(stderr,
-               "%zu of %zu captures recorded: %d aligned, %d not_found, %d error; %zu run now in "
-               "%.1f s, %.1f s per capture\n",
-               summary.size(), jobs.size() + summary.size() - pictures, counts["aligned"], counts["not_found"], counts["error"],
-               run, seconds, run == 0 ? 0.0 : seconds / run);
-  if (options.fast) {
-    if (counts["path tracked"] > 0) {
-      std::fprintf(stderr, "paths: %d tracked, %d fast, %d full\n", counts["path tracked"], counts["path fast"],
-                   counts["path full"]);
-    } else {
-      std::fprintf(stderr, "paths: %d fast, %d full\n", counts["path fast"], counts["path full"]);
-    }
-  }
-  return status;
+  return finish_run(options, jobs, videos, rows, columns, report, run, start);
 }
