@@ -13,7 +13,7 @@ endfunction()
 set(prefix "${WORK_DIR}/prefix")
 run(${CMAKE_COMMAND} --install "${BUILD_DIR}" --prefix "${prefix}")
 foreach(installed bin/framealign bin/framealign-sim include/framealign/framealign.h
-        include/framealign/version.h lib/libframealign.a lib/libframealign.so.1.3
+        include/framealign/version.h include/framealign/video.h lib/libframealign.a lib/libframealign.so.1.3
         share/man/man1/framealign.1 share/man/man1/framealign-batch.1 share/man/man1/framealign-sim.1
         share/man/man1/framealign-ref.1 bin/framealign-ref
         share/doc/framealign/examples/dask_align.py share/doc/framealign/examples/parallel.sh
@@ -30,7 +30,7 @@ if(NOT page MATCHES "Exit status: 0 every capture" OR NOT page MATCHES "A folder
 endif()
 run(bash -c "source '${prefix}/share/bash-completion/completions/framealign-batch' && COMP_WORDS=(x --ref) \
 COMP_CWORD=1 && _framealign '${prefix}/bin/framealign-batch' && echo \${COMPREPLY[*]}")
-if(NOT last_output STREQUAL "--reference-file --refine\n")
+if(NOT last_output STREQUAL "--reference-file --reference-frames --refine\n")
   message(FATAL_ERROR "completion of --ref offered: ${last_output}")
 endif()
 file(GLOB_RECURSE internal "${prefix}/include/align/*" "${prefix}/include/io/*")
