@@ -27,6 +27,7 @@
 #include "batch/result_root.h"
 #include "batch/summary.h"
 #include "batch/video_runner.h"
+#include "batch/workers.h"
 #include "framealign/framealign.h"
 
 namespace fs = std::filesystem;
@@ -77,37 +78,27 @@ size_t run_pending(const std::vector<const CaptureJob*>& pending, const BatchOpt
                    const std::function<void(const SummaryRow&)>& record) {
   References references(pending);
   Progress progress(static_cast<int>(pending.size()), options.verbosity);
-  std::atomic<size_t> next{0};
-  std::atomic<bool> failed{false};
-  std::mutex failure_lock;
-  std::exception_ptr failure;
-  auto work = [&] {
-    try {
-      for (size_t i; g_signal == 0 && !failed && (i = next++) < pending.size();) {
-        const SummaryRow row = run_capture(*pending[i], options, references, root, report);
-        references.done(pending[i]->reference);
-        journal.append(row);
-        record(row);
-        progress.finished(row, pending[i]->input, std::stod(row.values[row.values.size() - 2]));
-      }
-    } catch (...) {
-      std::lock_guard<std::mutex> guard(failure_lock);
-      if (!failure) failure = std::current_exception();
-      failed = true;
-    }
-  };
   const int workers = std::min<int>(options.jobs > 0 ? options.jobs : default_jobs(),
                                     std::max<size_t>(pending.size(), 1));
   if (options.verbosity == 2) {
     std::fprintf(stderr, "framealign-batch: %zu captures to run, --jobs %d (%s)\n", pending.size(), workers,
                  options.jobs > 0 ? "given" : "from the usable CPUs and the memory");
   }
-  std::vector<std::thread> threads;
-  for (int t = 0; t < workers; ++t) threads.emplace_back(work);
-  for (std::thread& thread : threads) thread.join();
-  progress.end();
-  if (failure) std::rethrow_exception(failure);
-  return std::min<size_t>(next, pending.size());
+  const auto run_one = [&](size_t i, const std::function<bool()>&) {
+    const SummaryRow row = run_capture(*pending[i], options, references, root, report);
+    references.done(pending[i]->reference);
+    journal.append(row);
+    record(row);
+    progress.finished(row, pending[i]->input, std::stod(row.values[row.values.size() - 2]));
+  };
+  try {
+    const size_t run = run_on_workers(pending.size(), workers, [] { return g_signal != 0; }, run_one);
+    progress.end();
+    return run;
+  } catch (...) {
+    progress.end();
+    throw;
+  }
 }
 
 // The captures of `jobs` still to run; `rows` receives what earlier runs

@@ -12,6 +12,7 @@
 #include "batch/keep_result.h"
 #include "batch/progress.h"
 #include "batch/result_row.h"
+#include "batch/workers.h"
 #include "framealign/video.h"
 
 namespace fs = std::filesystem;
@@ -135,28 +136,12 @@ std::size_t run_videos(const std::vector<CaptureJob>& videos, const BatchOptions
                        const Report& report, Journal& journal, const std::map<std::string, SummaryRow>& recorded,
                        const std::function<void(const SummaryRow&)>& record,
                        const std::function<bool()>& stopped) {
-  std::atomic<std::size_t> next{0}, run{0};
-  std::atomic<bool> failed{false};
-  std::mutex failure_lock;
-  std::exception_ptr failure;
-  auto work = [&] {
-    try {
-      for (std::size_t i; !stopped() && !failed && (i = next++) < videos.size();) {
-        run += run_video(videos[i], options, root, report, journal, recorded, record,
-                         [&] { return failed || stopped(); });
-      }
-    } catch (...) {
-      std::lock_guard<std::mutex> guard(failure_lock);
-      if (!failure) failure = std::current_exception();
-      failed = true;
-    }
-  };
+  std::atomic<std::size_t> run{0};
   const int workers = std::min<int>(options.jobs > 0 ? options.jobs : default_jobs(),
                                     static_cast<int>(videos.size()));
-  std::vector<std::thread> threads;
-  for (int t = 0; t < workers; ++t) threads.emplace_back(work);
-  for (std::thread& thread : threads) thread.join();
-  if (failure) std::rethrow_exception(failure);
+  run_on_workers(videos.size(), workers, stopped, [&](std::size_t i, const std::function<bool()>& halted) {
+    run += run_video(videos[i], options, root, report, journal, recorded, record, halted);
+  });
   return run;
 }
 

@@ -64,11 +64,7 @@ int VideoAligner::frame_count() const {
 int VideoAligner::last_read() const { return state_->next_index - 1; }
 
 void VideoAligner::seed(int capture_frame, int ref_frame, const std::array<double, 8>& corners) {
-  State& s = *state_;
-  s.tracking = true;
-  s.corners = corners;
-  s.last_index = capture_frame;
-  s.last_ref = ref_frame;
+  state_->seen(capture_frame, ref_frame, corners);
 }
 
 bool VideoAligner::next(VideoFrame& frame) {

@@ -52,7 +52,6 @@ struct VideoAligner::State {
   // by captured frame, the screen's clock.
   bool tracking = false;
   std::array<double, 8> corners{};
-  int last_index = -1, last_ref = -1;
   std::deque<std::pair<int, int>> shown;
   double rate = 1.0;
   std::optional<double> clock;  // the frame the clock expects now
@@ -98,7 +97,8 @@ struct VideoAligner::State {
 
   int predicted(int capture_frame) const {
     const int first = index->first(), last = index->last();
-    if (last_ref < 0) return first;
+    if (shown.empty()) return first;
+    const auto [last_index, last_ref] = shown.back();
     const int guess = clock ? static_cast<int>(std::lround(*clock))
                             : last_ref + static_cast<int>(std::lround(rate * (capture_frame - last_index)));
     return std::clamp(guess, first, last);
@@ -109,12 +109,16 @@ struct VideoAligner::State {
       tracking = false;
       return;
     }
-    shown.emplace_back(frame.capture_frame, frame.ref_frame);
+    seen(frame.capture_frame, frame.ref_frame, *frame.result.corners);
+  }
+
+  // The screen seen at `corners` on captured frame `capture_frame`, showing
+  // reference frame `ref_frame`.
+  void seen(int capture_frame, int ref_frame, const std::array<double, 8>& at) {
+    shown.emplace_back(capture_frame, ref_frame);
     if (shown.size() > kClockFrames) shown.pop_front();
     tracking = true;
-    corners = *frame.result.corners;
-    last_index = frame.capture_frame;
-    last_ref = frame.ref_frame;
+    corners = at;
   }
 
   // What a frame shows, told on the capture warped by where the screen was
