@@ -176,15 +176,24 @@ bool quick_rectified_img(const cv::Mat& image, const cv::Mat& reference,
 // the frame.
 std::vector<cv::Point2f> track_points(const cv::Mat& reference);
 
+// Points of a reference frame to follow into a frame of a filmed screen.
+// A frame read while the screen changed shows different reference frames
+// in different bands; each band's points are followed against its own.
+struct TrackGroup {
+  cv::Mat reference;  // CV_8UC1, the frame's size
+  std::vector<cv::Point2f> points;
+};
+
 // A frame of a filmed screen aligned from `seed`, the corners of the frame
-// before: the capture warped by them, `points` of the reference followed
-// into it by Lucas-Kanade, the refinement over the pairs that come back.
+// before: the capture warped by them, each group's points followed into it
+// by Lucas-Kanade against the group's reference, the refinement over all
+// the pairs that come back. The first group's reference sets the exposure.
 // True, with the outputs written as quick_rectified_img writes them, only
 // when verified as the quick path is; false leaves them alone.
-bool tracked_rectified_img(const cv::Mat& image, const cv::Mat& reference,
-                           const std::vector<cv::Point2f>& points, const double* seed,
-                           unsigned char* aligned, double* pts, double* content_pts,
-                           double* score, double* est_error_px, Mapping* mapping);
+bool tracked_rectified_img(const cv::Mat& image, const std::vector<TrackGroup>& groups,
+                           const double* seed, unsigned char* aligned, double* pts,
+                           double* content_pts, double* score, double* est_error_px,
+                           Mapping* mapping);
 
 // ---- Warps ------------------------------------------------------------------
 

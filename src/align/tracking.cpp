@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstring>
+#include <stdexcept>
 
 #include <opencv2/imgproc.hpp>
 #include <opencv2/video/tracking.hpp>
@@ -94,19 +95,30 @@ std::vector<cv::Point2f> track_points(const cv::Mat& reference) {
   return points;
 }
 
-bool tracked_rectified_img(const cv::Mat& image, const cv::Mat& reference,
-                           const std::vector<cv::Point2f>& points, const double* seed,
-                           unsigned char* aligned, double* pts, double* content_pts,
-                           double* score, double* est_error_px, Mapping* mapping) {
-  const int width = reference.cols, height = reference.rows;
+bool tracked_rectified_img(const cv::Mat& image, const std::vector<TrackGroup>& groups,
+                           const double* seed, unsigned char* aligned, double* pts,
+                           double* content_pts, double* score, double* est_error_px,
+                           Mapping* mapping) {
+  if (groups.empty()) return false;
+  const int width = groups[0].reference.cols, height = groups[0].reference.rows;
   if (!check_ref_pts_sanity(seed, image.cols, image.rows)) return false;
   cv::Mat warped(height, width, CV_8UC1);
   double polygon[20];
   std::fill(polygon, polygon + 20, -1.0);
   warp_to_frame(image, width, height, seed, warped.data, polygon);
-  const cv::Mat matched = matched_exposure(warped, reference);
+  const cv::Mat matched = matched_exposure(warped, groups[0].reference);
   if (matched.empty()) return false;
-  const PointPairs pairs = follow(reference, matched, points);
+  PointPairs pairs;
+  std::vector<cv::Point2f> points;
+  for (const TrackGroup& group : groups) {
+    if (group.reference.size() != groups[0].reference.size()) {
+      throw std::invalid_argument("tracked frames differ in size");
+    }
+    const PointPairs found = follow(group.reference, matched, group.points);
+    pairs.reference.insert(pairs.reference.end(), found.reference.begin(), found.reference.end());
+    pairs.input.insert(pairs.input.end(), found.input.begin(), found.input.end());
+    points.insert(points.end(), group.points.begin(), group.points.end());
+  }
   if (pairs.input.size() < static_cast<std::size_t>(kMinimumPairs)) return false;
   const double offered = calculateConvexHullArea(points) / (double(width) * height);
   const double followed_score = tracked_score(pairs, offered, width, height);

@@ -28,11 +28,9 @@ AlignResult result_of(const AlignmentSlots& slots, const cv::Mat& input, int wid
                       const AlignOptions& options);
 
 // A frame of a filmed screen aligned by tracking from `seed` (see
-// tracked_rectified_img) against `reference`, whose track_points are
-// `points`: a result as the quick path gives it, with path "tracked"; none
-// when not verified.
-std::optional<AlignResult> track(const cv::Mat& capture, const cv::Mat& reference,
-                                 const std::vector<cv::Point2f>& points,
+// tracked_rectified_img) against the groups' reference frames: a result as
+// the quick path gives it, with path "tracked"; none when not verified.
+std::optional<AlignResult> track(const cv::Mat& capture, const std::vector<TrackGroup>& groups,
                                  const std::array<double, 8>& seed, const AlignOptions& options);
 
 // What a search that found nothing gives for `capture` against a width x

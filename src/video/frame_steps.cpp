@@ -5,6 +5,7 @@
 
 #include "align/internal.h"
 #include "api/result_files.h"
+#include "video/screen_edges.h"
 #include "video/settle.h"
 #include "video/video_state.h"
 
@@ -23,33 +24,35 @@ void VideoAligner::State::finish(VideoFrame& frame, AlignResult result, int show
   frame.result = std::move(result);
 }
 
-namespace {
-
-// The points to follow on a frame showing `identity`: those in the bands
-// that show its middle frame alone. Bands whose rows were exposed while the
-// screen changed show a blend of two frames, moved against each other by
-// the video's own motion; they match their frame worse than the clean ones.
-std::vector<cv::Point2f> points_in_frame(const std::vector<cv::Point2f>& points,
-                                         const Identity& identity, int height) {
+// The points to follow on a frame showing `identity`: each band that shows
+// one frame alone gives that frame's points in it, the middle frame's
+// first. Bands whose rows were exposed while the screen changed show a
+// blend of two frames, moved against each other by the video's own
+// motion; they match any one frame worse than the clean ones.
+std::vector<TrackGroup> VideoAligner::State::groups_of(const Identity& identity) {
   const std::size_t bands = identity.band_frames.size();
   double cleanest = 1.0;
-  for (std::size_t b = 0; b < bands; ++b) {
-    if (identity.band_frames[b] == identity.ref_frame && identity.band_costs[b] >= 0.0) {
-      cleanest = std::min(cleanest, identity.band_costs[b]);
-    }
+  for (double cost : identity.band_costs) {
+    if (cost >= 0.0) cleanest = std::min(cleanest, cost);
   }
   const double clean = std::max(kCleanBand, 2.0 * cleanest);
-  std::vector<cv::Point2f> kept;
-  for (const cv::Point2f& p : points) {
-    const std::size_t b = std::min(bands - 1, static_cast<std::size_t>(p.y * bands / height));
-    if (identity.band_frames[b] == identity.ref_frame && identity.band_costs[b] <= clean) {
-      kept.push_back(p);
-    }
+  std::vector<int> frames = {identity.ref_frame};
+  for (int f : identity.ref_frames) {
+    if (f != identity.ref_frame) frames.push_back(f);
   }
-  return kept;
+  std::vector<TrackGroup> groups;
+  for (int f : frames) {
+    TrackGroup group{plane(f), {}};
+    for (const cv::Point2f& p : points_of(f)) {
+      const std::size_t b = std::min(bands - 1, static_cast<std::size_t>(p.y * bands / height));
+      if (identity.band_frames[b] == f && identity.band_costs[b] >= 0.0 && identity.band_costs[b] <= clean) {
+        group.points.push_back(p);
+      }
+    }
+    if (!group.points.empty()) groups.push_back(std::move(group));
+  }
+  return groups;
 }
-
-}  // namespace
 
 std::optional<Identity> VideoAligner::State::seeded_identity(const cv::Mat& capture) {
   if (!tracking) return std::nullopt;
@@ -86,9 +89,7 @@ int VideoAligner::State::settled(const cv::Mat& capture, const AlignResult& resu
 }
 
 bool VideoAligner::State::track_frame(VideoFrame& frame, const Identity& identity) {
-  std::optional<AlignResult> result =
-      track(frame.capture, plane(identity.ref_frame),
-            points_in_frame(points_of(identity.ref_frame), identity, height), corners, options.align);
+  std::optional<AlignResult> result = track(frame.capture, groups_of(identity), corners, options.align);
   if (!result) return false;
   // A seed a little off, where the video pans slowly, tells a neighbour
   // of the frame shown, and tracking then follows that frame's content:
@@ -98,7 +99,8 @@ bool VideoAligner::State::track_frame(VideoFrame& frame, const Identity& identit
     const auto moved = moved_corners(plane(identity.ref_frame), plane(shown),
                                      points_of(identity.ref_frame), *result->corners);
     std::optional<AlignResult> again =
-        moved ? track(frame.capture, plane(shown), points_of(shown), *moved, options.align) : std::nullopt;
+        moved ? track(frame.capture, {TrackGroup{plane(shown), points_of(shown)}}, *moved, options.align)
+              : std::nullopt;
     if (again) {
       finish(frame, std::move(*again), shown);
       return true;
@@ -106,6 +108,19 @@ bool VideoAligner::State::track_frame(VideoFrame& frame, const Identity& identit
   }
   finish(frame, std::move(*result), identity.ref_frame);
   return true;
+}
+
+void VideoAligner::State::true_to_edges(VideoFrame& frame) {
+  if (!frame.result.corners) return;
+  const auto edges = corners_from_edges(frame.capture, *frame.result.corners, width, height);
+  if (!edges || corners_apart(*edges, *frame.result.corners) <= kEdgeAgreement) return;
+  const double shown = frame.ref_frame;
+  const Identity identity = index->identify(warp_by_corners(frame.capture, *edges, width, height),
+                                            clock ? &*clock : frame.ref_frame >= 0 ? &shown : nullptr);
+  if (!identity.found) return;
+  std::optional<AlignResult> result = track(frame.capture, groups_of(identity), *edges, options.align);
+  if (!result || corners_apart(*result->corners, *edges) > kEdgeAgreement) return;
+  finish(frame, std::move(*result), identity.ref_frame);
 }
 
 void VideoAligner::State::search_frame(VideoFrame& frame, const std::optional<Identity>& seeded) {

@@ -94,6 +94,7 @@ bool VideoAligner::next(VideoFrame& frame) {
     as_error([&] {
       const std::optional<Identity> seeded = s.seeded_identity(frame.capture);
       if (!(o.align.fast && seeded && s.track_frame(frame, *seeded))) s.search_frame(frame, seeded);
+      if (o.align.fast) s.true_to_edges(frame);
       return 0;
     });
     s.remember(frame);

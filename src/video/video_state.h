@@ -15,6 +15,7 @@
 #include <opencv2/videoio.hpp>
 
 #include "framealign/video.h"
+#include "align/internal.h"
 #include "io/readers.h"
 #include "video/identify.h"
 
@@ -30,6 +31,9 @@ constexpr std::size_t kClockLeast = 6;
 // A screen found from scratch may have been pulled by up to this many
 // frames of the video's motion.
 constexpr int kSettle = 3;
+// Corners found from the content and from the screen's edges agree within
+// this many pixels, or the content pulled the geometry.
+constexpr double kEdgeAgreement = 1.0;
 
 // Keeps at most `most` entries, dropping the smallest keys first (a video
 // moves forward through its reference).
@@ -131,7 +135,14 @@ struct VideoAligner::State {
   // `searched` (see settle.h).
   int settled(const cv::Mat& capture, const AlignResult& result, int searched, int told,
               int reach = kSettle);
+  std::vector<TrackGroup> groups_of(const Identity& identity);
   bool track_frame(VideoFrame& frame, const Identity& identity);
+  // A geometry fitted to the content of a frame that shows two frames of a
+  // pan shears to fit both, and the frame then reads as one: the screen's
+  // edges, which the video does not move, tell. Where they disagree, the
+  // frame is told on the edges' geometry and tracked from there, each band
+  // against its own frame.
+  void true_to_edges(VideoFrame& frame);
   void finish(VideoFrame& frame, AlignResult result, int shown);
   void search_frame(VideoFrame& frame, const std::optional<Identity>& seeded);
 };
