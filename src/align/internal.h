@@ -184,16 +184,27 @@ struct TrackGroup {
   std::vector<cv::Point2f> points;
 };
 
+// What a tracked frame must show to be taken (pairs followed and kept by
+// the refinement, the refinement's estimate of its error over the whole
+// frame in pixels), and pairs known besides those it follows (`anchors`,
+// in the frame the seed warps to, as the followed pairs are).
+struct TrackTerms {
+  int least_pairs = 100;
+  double most_error = kQuickMaxError;
+  PointPairs anchors;
+};
+
 // A frame of a filmed screen aligned from `seed`, the corners of the frame
 // before: the capture warped by them, each group's points followed into it
 // by Lucas-Kanade against the group's reference, the refinement over all
 // the pairs that come back. The first group's reference sets the exposure.
 // True, with the outputs written as quick_rectified_img writes them, only
-// when verified as the quick path is; false leaves them alone.
+// when verified as the quick path is (within `terms`); false leaves them
+// alone.
 bool tracked_rectified_img(const cv::Mat& image, const std::vector<TrackGroup>& groups,
-                           const double* seed, unsigned char* aligned, double* pts,
-                           double* content_pts, double* score, double* est_error_px,
-                           Mapping* mapping);
+                           const double* seed, const TrackTerms& terms, unsigned char* aligned,
+                           double* pts, double* content_pts, double* score,
+                           double* est_error_px, Mapping* mapping);
 
 // ---- Warps ------------------------------------------------------------------
 

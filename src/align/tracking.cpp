@@ -23,9 +23,9 @@ constexpr int kTrackPoints = 1500;
 // A followed point counts when following it back lands this close (pixels)
 // to where it started.
 constexpr float kRoundTrip = 0.5f;
-// Verification, as the quick path's: enough pairs spread over the frame,
-// most of them kept by the refinement, an estimate within a pixel.
-constexpr int kMinimumPairs = 100;
+// Verification, as the quick path's: enough pairs (least_pairs) spread
+// over the frame, most of them kept by the refinement, an estimate within
+// a pixel.
 constexpr double kMinimumCoverage = 0.35;
 // Of a frame whose points were picked from part of it (the bands of a mixed
 // frame that show one reference frame), the pairs must cover this share of
@@ -96,9 +96,9 @@ std::vector<cv::Point2f> track_points(const cv::Mat& reference) {
 }
 
 bool tracked_rectified_img(const cv::Mat& image, const std::vector<TrackGroup>& groups,
-                           const double* seed, unsigned char* aligned, double* pts,
-                           double* content_pts, double* score, double* est_error_px,
-                           Mapping* mapping) {
+                           const double* seed, const TrackTerms& terms, unsigned char* aligned,
+                           double* pts, double* content_pts, double* score,
+                           double* est_error_px, Mapping* mapping) {
   if (groups.empty()) return false;
   const int width = groups[0].reference.cols, height = groups[0].reference.rows;
   if (!check_ref_pts_sanity(seed, image.cols, image.rows)) return false;
@@ -119,15 +119,18 @@ bool tracked_rectified_img(const cv::Mat& image, const std::vector<TrackGroup>& 
     pairs.input.insert(pairs.input.end(), found.input.begin(), found.input.end());
     points.insert(points.end(), group.points.begin(), group.points.end());
   }
-  if (pairs.input.size() < static_cast<std::size_t>(kMinimumPairs)) return false;
+  if (pairs.input.size() < static_cast<std::size_t>(terms.least_pairs)) return false;
   const double offered = calculateConvexHullArea(points) / (double(width) * height);
   const double followed_score = tracked_score(pairs, offered, width, height);
   if (!(followed_score < kFailedScore)) return false;
 
-  const RefinedCorners refined = refine_corners(PointPairs{}, pairs, seed, width, height, image.size());
-  if (!refined.accepted || refined.frame_pairs < kMinimumPairs ||
-      refined.frame_pairs < kMinimumAgreement * pairs.input.size() ||
-      !(refined.est_error_px <= kQuickMaxError)) {
+  PointPairs all = pairs;
+  all.reference.insert(all.reference.end(), terms.anchors.reference.begin(), terms.anchors.reference.end());
+  all.input.insert(all.input.end(), terms.anchors.input.begin(), terms.anchors.input.end());
+  const RefinedCorners refined = refine_corners(PointPairs{}, all, seed, width, height, image.size());
+  if (!refined.accepted || refined.frame_pairs < terms.least_pairs ||
+      refined.frame_pairs < kMinimumAgreement * all.input.size() ||
+      !(refined.est_error_px <= terms.most_error)) {
     return false;
   }
   std::fill(polygon, polygon + 20, -1.0);

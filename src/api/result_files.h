@@ -31,7 +31,8 @@ AlignResult result_of(const AlignmentSlots& slots, const cv::Mat& input, int wid
 // tracked_rectified_img) against the groups' reference frames: a result as
 // the quick path gives it, with path "tracked"; none when not verified.
 std::optional<AlignResult> track(const cv::Mat& capture, const std::vector<TrackGroup>& groups,
-                                 const std::array<double, 8>& seed, const AlignOptions& options);
+                                 const std::array<double, 8>& seed, const AlignOptions& options,
+                                 const TrackTerms& terms = TrackTerms());
 
 // What a search that found nothing gives for `capture` against a width x
 // height reference.

@@ -24,7 +24,8 @@ AlignmentSlots empty_slots(int width, int height, int count) {
 }  // namespace
 
 std::optional<AlignResult> track(const cv::Mat& capture, const std::vector<TrackGroup>& groups,
-                                 const std::array<double, 8>& seed, const AlignOptions& options) {
+                                 const std::array<double, 8>& seed, const AlignOptions& options,
+                                 const TrackTerms& terms) {
   if (groups.empty()) return std::nullopt;
   const int width = groups[0].reference.cols, height = groups[0].reference.rows;
   const cv::Mat input = capture.isContinuous() ? capture : capture.clone();
@@ -32,7 +33,7 @@ std::optional<AlignResult> track(const cv::Mat& capture, const std::vector<Track
   double estimate = 0.0;
   Mapping mapping;
   const bool verified = as_error([&] {
-    return tracked_rectified_img(input, groups, seed.data(), slots.aligned[0],
+    return tracked_rectified_img(input, groups, seed.data(), terms, slots.aligned[0],
                                  slots.pts[0], slots.content_pts[0], &slots.score, &estimate,
                                  &mapping);
   });

@@ -45,7 +45,7 @@ std::vector<TrackGroup> VideoAligner::State::groups_of(const Identity& identity)
     TrackGroup group{plane(f), {}};
     for (const cv::Point2f& p : points_of(f)) {
       const std::size_t b = std::min(bands - 1, static_cast<std::size_t>(p.y * bands / height));
-      if (identity.band_frames[b] == f && identity.band_costs[b] >= 0.0 && identity.band_costs[b] <= clean) {
+      if (identity.band_frames[b] == f && identity.band_costs[b] <= clean) {
         group.points.push_back(p);
       }
     }
@@ -112,14 +112,15 @@ bool VideoAligner::State::track_frame(VideoFrame& frame, const Identity& identit
 
 void VideoAligner::State::true_to_edges(VideoFrame& frame) {
   if (!frame.result.corners) return;
-  const auto edges = corners_from_edges(frame.capture, *frame.result.corners, width, height);
-  if (!edges || corners_apart(*edges, *frame.result.corners) <= kEdgeAgreement) return;
+  const std::optional<ScreenEdges> edges = screen_edges(frame.capture, *frame.result.corners, width, height);
+  if (!edges || corners_apart(edges->corners, *frame.result.corners) <= kEdgeAgreement) return;
   const double shown = frame.ref_frame;
-  const Identity identity = index->identify(warp_by_corners(frame.capture, *edges, width, height),
+  const Identity identity = index->identify(warp_by_corners(frame.capture, edges->corners, width, height),
                                             clock ? &*clock : frame.ref_frame >= 0 ? &shown : nullptr);
   if (!identity.found) return;
-  std::optional<AlignResult> result = track(frame.capture, groups_of(identity), *edges, options.align);
-  if (!result || corners_apart(*result->corners, *edges) > kEdgeAgreement) return;
+  const TrackTerms terms{kEdgeTrackedPairs, kQuickMaxError, edges->anchors};
+  std::optional<AlignResult> result = track(frame.capture, groups_of(identity), edges->corners, options.align, terms);
+  if (!result || corners_apart(*result->corners, edges->corners) > kEdgeAgreement) return;
   finish(frame, std::move(*result), identity.ref_frame);
 }
 

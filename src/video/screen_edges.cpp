@@ -63,7 +63,8 @@ std::optional<double> step_in(const std::vector<double>& profile) {
 }
 
 struct Line {
-  cv::Point3d homogeneous;  // a x + b y + c = 0
+  cv::Point3d homogeneous;          // a x + b y + c = 0
+  std::vector<cv::Point2d> points;  // the edge's points that lie on it
 };
 
 // A line through `points` by total least squares, refitted without the
@@ -79,7 +80,7 @@ std::optional<Line> fit_line(std::vector<cv::Point2d> points, std::size_t least)
     // line far enough to shed good points with it.
     const auto worst = std::max_element(points.begin(), points.end(),
                                         [&off](const auto& a, const auto& b) { return off(a) < off(b); });
-    if (off(*worst) <= kLineFit) return Line{line};
+    if (off(*worst) <= kLineFit) return Line{line, std::move(points)};
     points.erase(worst);
   }
   return std::nullopt;
@@ -118,32 +119,49 @@ cv::Point2d meet(const Line& a, const Line& b) {
 
 }  // namespace
 
-std::optional<std::array<double, 8>> corners_from_edges(const cv::Mat& capture,
-                                                        const std::array<double, 8>& near,
-                                                        int width, int height) {
+std::optional<ScreenEdges> screen_edges(const cv::Mat& capture, const std::array<double, 8>& near,
+                                        int width, int height) {
   double frame[8];
   frame_corners(width, height, frame);
   const cv::Matx33d to_capture(
       cv::getPerspectiveTransform(corner_points(frame), corner_points(near.data()), cv::DECOMP_LU));
   // The outline runs along the outer sides of the edge pixels.
   const double x0 = -0.5, y0 = -0.5, x1 = width - 0.5, y1 = height - 0.5;
-  const auto top = edge_of(capture, to_capture, {x0, y0}, {x1, y0}, {0, 1});
-  const auto bottom = edge_of(capture, to_capture, {x0, y1}, {x1, y1}, {0, -1});
-  const auto left = edge_of(capture, to_capture, {x0, y0}, {x0, y1}, {1, 0});
-  const auto right = edge_of(capture, to_capture, {x1, y0}, {x1, y1}, {-1, 0});
-  if (!top || !bottom || !left || !right) return std::nullopt;
+  const std::optional<Line> sides[4] = {edge_of(capture, to_capture, {x0, y0}, {x1, y0}, {0, 1}),
+                                        edge_of(capture, to_capture, {x0, y1}, {x1, y1}, {0, -1}),
+                                        edge_of(capture, to_capture, {x0, y0}, {x0, y1}, {1, 0}),
+                                        edge_of(capture, to_capture, {x1, y0}, {x1, y1}, {-1, 0})};
+  for (const auto& side : sides) {
+    if (!side) return std::nullopt;
+  }
+  const Line &top = *sides[0], &bottom = *sides[1], &left = *sides[2], &right = *sides[3];
   const std::vector<cv::Point2f> outline = {{float(x0), float(y0)}, {float(x1), float(y0)},
                                             {float(x0), float(y1)}, {float(x1), float(y1)}};
-  const std::vector<cv::Point2f> met = {meet(*top, *left), meet(*top, *right), meet(*bottom, *left),
-                                        meet(*bottom, *right)};
+  const std::vector<cv::Point2f> met = {meet(top, left), meet(top, right), meet(bottom, left),
+                                        meet(bottom, right)};
   const cv::Matx33d frame_to_capture(cv::getPerspectiveTransform(outline, met, cv::DECOMP_LU));
-  std::array<double, 8> corners;
+  auto apply = [](const cv::Matx33d& h, cv::Point2d p) {
+    const cv::Vec3d q = h * cv::Vec3d(p.x, p.y, 1.0);
+    return cv::Point2d(q[0] / q[2], q[1] / q[2]);
+  };
+  ScreenEdges edges;
   for (int i = 0; i < 4; ++i) {
-    const cv::Vec3d q = frame_to_capture * cv::Vec3d(frame[2 * i], frame[2 * i + 1], 1.0);
-    corners[2 * i] = q[0] / q[2];
-    corners[2 * i + 1] = q[1] / q[2];
+    const cv::Point2d c = apply(frame_to_capture, {frame[2 * i], frame[2 * i + 1]});
+    edges.corners[2 * i] = c.x;
+    edges.corners[2 * i + 1] = c.y;
   }
-  return corners;
+  // Each edge point, in the frame the edges' own corners warp to, and the
+  // point of the outline it shows: the same, moved onto the outline.
+  const cv::Matx33d to_frame = frame_to_capture.inv();
+  const double across[4] = {y0, y1, x0, x1};
+  for (int side = 0; side < 4; ++side) {
+    for (const cv::Point2d& q : sides[side]->points) {
+      const cv::Point2d at = apply(to_frame, q);
+      edges.anchors.input.push_back(at);
+      edges.anchors.reference.push_back(side < 2 ? cv::Point2d(at.x, across[side]) : cv::Point2d(across[side], at.y));
+    }
+  }
+  return edges;
 }
 
 double corners_apart(const std::array<double, 8>& a, const std::array<double, 8>& b) {

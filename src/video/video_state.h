@@ -33,7 +33,11 @@ constexpr std::size_t kClockLeast = 6;
 constexpr int kSettle = 3;
 // Corners found from the content and from the screen's edges agree within
 // this many pixels, or the content pulled the geometry.
-constexpr double kEdgeAgreement = 1.0;
+constexpr double kEdgeAgreement = 0.5;
+// Pairs followed that a frame tracked from the edges' geometry needs (the
+// clean bands of a mixed frame may hold few points; the edges' points,
+// fitted with them, hold the rest of the frame).
+constexpr int kEdgeTrackedPairs = 40;
 
 // Keeps at most `most` entries, dropping the smallest keys first (a video
 // moves forward through its reference).

@@ -131,7 +131,9 @@ class Module(unittest.TestCase):
         start = time.monotonic()
         with self.assertRaises(KeyboardInterrupt):
             framealign.align(capture, ref, advanced=True)
-        self.assertLess(time.monotonic() - start, 3.0)
+        # Stopped well before the end (left alone, this search runs for many
+        # seconds more); the bound leaves room for a busy machine.
+        self.assertLess(time.monotonic() - start, 8.0)
 
     def test_dask_example_on_a_local_cluster(self):
         from dask.distributed import Client, LocalCluster
