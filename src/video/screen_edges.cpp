@@ -11,6 +11,7 @@
 
 #include <opencv2/imgproc.hpp>
 
+#include "align/align.h"
 #include "align/plane_io.h"
 
 namespace framealign {
@@ -28,8 +29,8 @@ constexpr double kLineFit = 0.75;    // pixels off the line that a point may lie
 
 // The capture's grey at `p`, bilinear; none outside it.
 std::optional<double> grey_at(const cv::Mat& capture, cv::Point2d p) {
+  if (!(p.x >= 0.0 && p.y >= 0.0 && p.x < capture.cols - 1.0 && p.y < capture.rows - 1.0)) return std::nullopt;
   const int x = static_cast<int>(std::floor(p.x)), y = static_cast<int>(std::floor(p.y));
-  if (x < 0 || y < 0 || x + 1 >= capture.cols || y + 1 >= capture.rows) return std::nullopt;
   const double fx = p.x - x, fy = p.y - y;
   const unsigned char* a = capture.ptr<unsigned char>(y) + x;
   const unsigned char* b = capture.ptr<unsigned char>(y + 1) + x;
@@ -150,6 +151,11 @@ std::optional<ScreenEdges> screen_edges(const cv::Mat& capture, const std::array
     edges.corners[2 * i] = c.x;
     edges.corners[2 * i + 1] = c.y;
   }
+  // Lines that meet nowhere near, or a view no camera gives.
+  for (double v : edges.corners) {
+    if (!std::isfinite(v)) return std::nullopt;
+  }
+  if (!check_ref_pts_sanity(edges.corners.data(), capture.cols, capture.rows)) return std::nullopt;
   // Each edge point, in the frame the edges' own corners warp to, and the
   // point of the outline it shows: the same, moved onto the outline.
   const cv::Matx33d to_frame = frame_to_capture.inv();

@@ -3,6 +3,8 @@
 // corners a shear of a pan step off at the bottom, as a fit to a frame
 // showing two frames of a pan gives them, back to the truth; nothing where
 // an edge cannot be seen.
+#include <cmath>
+
 #include <opencv2/imgproc.hpp>
 
 #include <gtest/gtest.h>
@@ -60,6 +62,12 @@ TEST(screen_edges, FindTheScreenWhereItsContentCannot) {
     if (found) {
       EXPECT_LT(corners_apart(found->corners, truth), 0.35) << c.name;
     }
+    // Corners that are no screen at all.
+    std::array<double, 8> nowhere;
+    nowhere.fill(std::nan(""));
+    EXPECT_FALSE(screen_edges(shot.picture, nowhere, kWidth, kHeight)) << c.name;
+    nowhere.fill(10.0);
+    EXPECT_FALSE(screen_edges(shot.picture, nowhere, kWidth, kHeight)) << c.name;
   }
 }
 
