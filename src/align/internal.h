@@ -203,8 +203,8 @@ struct TrackTerms {
 // alone.
 bool tracked_rectified_img(const cv::Mat& image, const std::vector<TrackGroup>& groups,
                            const double* seed, const TrackTerms& terms, unsigned char* aligned,
-                           double* pts, double* content_pts, double* score,
-                           double* est_error_px, Mapping* mapping);
+                           double* pts, double* content_pts, double* score, double* est_error_px,
+                           Mapping* mapping);
 
 // ---- Warps ------------------------------------------------------------------
 

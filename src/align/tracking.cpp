@@ -23,7 +23,7 @@ constexpr int kTrackPoints = 1500;
 // A followed point counts when following it back lands this close (pixels)
 // to where it started.
 constexpr float kRoundTrip = 0.5f;
-// Verification, as the quick path's: enough pairs (least_pairs) spread
+// Verification, as the quick path's: enough pairs (TrackTerms) spread
 // over the frame, most of them kept by the refinement, an estimate within
 // a pixel.
 constexpr double kMinimumCoverage = 0.35;
@@ -97,8 +97,8 @@ std::vector<cv::Point2f> track_points(const cv::Mat& reference) {
 
 bool tracked_rectified_img(const cv::Mat& image, const std::vector<TrackGroup>& groups,
                            const double* seed, const TrackTerms& terms, unsigned char* aligned,
-                           double* pts, double* content_pts, double* score,
-                           double* est_error_px, Mapping* mapping) {
+                           double* pts, double* content_pts, double* score, double* est_error_px,
+                           Mapping* mapping) {
   if (groups.empty()) return false;
   const int width = groups[0].reference.cols, height = groups[0].reference.rows;
   if (!check_ref_pts_sanity(seed, image.cols, image.rows)) return false;
@@ -125,9 +125,11 @@ bool tracked_rectified_img(const cv::Mat& image, const std::vector<TrackGroup>& 
   if (!(followed_score < kFailedScore)) return false;
 
   PointPairs all = pairs;
-  all.reference.insert(all.reference.end(), terms.anchors.reference.begin(), terms.anchors.reference.end());
+  all.reference.insert(all.reference.end(), terms.anchors.reference.begin(),
+                       terms.anchors.reference.end());
   all.input.insert(all.input.end(), terms.anchors.input.begin(), terms.anchors.input.end());
-  const RefinedCorners refined = refine_corners(PointPairs{}, all, seed, width, height, image.size());
+  const RefinedCorners refined =
+      refine_corners(PointPairs{}, all, seed, width, height, image.size());
   if (!refined.accepted || refined.frame_pairs < terms.least_pairs ||
       refined.frame_pairs < kMinimumAgreement * all.input.size() ||
       !(refined.est_error_px <= terms.most_error)) {

@@ -33,9 +33,8 @@ std::optional<AlignResult> track(const cv::Mat& capture, const std::vector<Track
   double estimate = 0.0;
   Mapping mapping;
   const bool verified = as_error([&] {
-    return tracked_rectified_img(input, groups, seed.data(), terms, slots.aligned[0],
-                                 slots.pts[0], slots.content_pts[0], &slots.score, &estimate,
-                                 &mapping);
+    return tracked_rectified_img(input, groups, seed.data(), terms, slots.aligned[0], slots.pts[0],
+                                 slots.content_pts[0], &slots.score, &estimate, &mapping);
   });
   if (!verified) return std::nullopt;
   // The enhanced copy, as every search result has it.

@@ -89,7 +89,8 @@ int VideoAligner::State::settled(const cv::Mat& capture, const AlignResult& resu
 }
 
 bool VideoAligner::State::track_frame(VideoFrame& frame, const Identity& identity) {
-  std::optional<AlignResult> result = track(frame.capture, groups_of(identity), corners, options.align);
+  std::optional<AlignResult> result =
+      track(frame.capture, groups_of(identity), corners, options.align);
   if (!result) return false;
   // A seed a little off, where the video pans slowly, tells a neighbour
   // of the frame shown, and tracking then follows that frame's content:
@@ -99,7 +100,8 @@ bool VideoAligner::State::track_frame(VideoFrame& frame, const Identity& identit
     const auto moved = moved_corners(plane(identity.ref_frame), plane(shown),
                                      points_of(identity.ref_frame), *result->corners);
     std::optional<AlignResult> again =
-        moved ? track(frame.capture, {TrackGroup{plane(shown), points_of(shown)}}, *moved, options.align)
+        moved ? track(frame.capture, {TrackGroup{plane(shown), points_of(shown)}}, *moved,
+                      options.align)
               : std::nullopt;
     if (again) {
       finish(frame, std::move(*again), shown);
@@ -112,14 +114,18 @@ bool VideoAligner::State::track_frame(VideoFrame& frame, const Identity& identit
 
 void VideoAligner::State::true_to_edges(VideoFrame& frame) {
   if (!frame.result.corners) return;
-  const std::optional<ScreenEdges> edges = screen_edges(frame.capture, *frame.result.corners, width, height);
+  const std::optional<ScreenEdges> edges =
+      screen_edges(frame.capture, *frame.result.corners, width, height);
   if (!edges || corners_apart(edges->corners, *frame.result.corners) <= kEdgeAgreement) return;
-  const double shown = frame.ref_frame;
-  const Identity identity = index->identify(warp_by_corners(frame.capture, edges->corners, width, height),
-                                            clock ? &*clock : frame.ref_frame >= 0 ? &shown : nullptr);
+  // Told with the clock's frame expected, or else the frame found.
+  const double found = frame.ref_frame;
+  const double* expected = clock ? &*clock : frame.ref_frame >= 0 ? &found : nullptr;
+  const Identity identity =
+      index->identify(warp_by_corners(frame.capture, edges->corners, width, height), expected);
   if (!identity.found) return;
   const TrackTerms terms{kEdgeTrackedPairs, kQuickMaxError, edges->anchors};
-  std::optional<AlignResult> result = track(frame.capture, groups_of(identity), edges->corners, options.align, terms);
+  std::optional<AlignResult> result =
+      track(frame.capture, groups_of(identity), edges->corners, options.align, terms);
   if (!result || corners_apart(*result->corners, edges->corners) > kEdgeAgreement) return;
   finish(frame, std::move(*result), identity.ref_frame);
 }

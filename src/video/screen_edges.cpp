@@ -18,10 +18,10 @@ namespace framealign {
 
 namespace {
 
-constexpr int kSamples = 120;       // profiles across each side
-constexpr double kReach = 8.0;      // capture pixels either side of the expected edge
-constexpr double kStep = 0.25;      // between a profile's samples, capture pixels
-constexpr double kBezelSpan = 2.0;  // the profile's outer end, taken as bezel
+constexpr int kSamples = 120;        // profiles across each side
+constexpr double kReach = 8.0;       // capture pixels either side of the expected edge
+constexpr double kStep = 0.25;       // between a profile's samples, capture pixels
+constexpr double kBezelSpan = 2.0;   // the profile's outer end, taken as bezel
 constexpr double kFlatBezel = 10.0;  // grey levels the bezel may wander
 constexpr double kLeastStep = 20.0;  // grey levels between bezel and content
 constexpr double kLeastSeen = 0.12;  // share of a side's profiles that must find the edge
@@ -29,7 +29,8 @@ constexpr double kLineFit = 0.75;    // pixels off the line that a point may lie
 
 // The capture's grey at `p`, bilinear; none outside it.
 std::optional<double> grey_at(const cv::Mat& capture, cv::Point2d p) {
-  if (!(p.x >= 0.0 && p.y >= 0.0 && p.x < capture.cols - 1.0 && p.y < capture.rows - 1.0)) return std::nullopt;
+  if (!(p.x >= 0.0 && p.y >= 0.0 && p.x < capture.cols - 1.0 && p.y < capture.rows - 1.0))
+    return std::nullopt;
   const int x = static_cast<int>(std::floor(p.x)), y = static_cast<int>(std::floor(p.y));
   const double fx = p.x - x, fy = p.y - y;
   const unsigned char* a = capture.ptr<unsigned char>(y) + x;
@@ -52,12 +53,15 @@ std::optional<double> step_in(const std::vector<double>& profile) {
   if (departs <= bezel_end || departs + 3 * pixel >= n) return std::nullopt;
   // The steepest rise (a pixel's difference) from a pixel before the
   // departure to two after it.
-  auto slope = [&profile, pixel](int i) { return std::abs(profile[i + pixel / 2] - profile[i - pixel / 2]); };
+  auto slope = [&profile, pixel](int i) {
+    return std::abs(profile[i + pixel / 2] - profile[i - pixel / 2]);
+  };
   int steepest = std::max(departs - pixel, pixel / 2 + 1);
   for (int i = steepest; i <= departs + 2 * pixel; ++i) {
     if (slope(i) > slope(steepest)) steepest = i;
   }
-  if (std::abs(profile[std::min(n - 1, steepest + 3 * pixel / 2)] - bezel) < kLeastStep) return std::nullopt;
+  if (std::abs(profile[std::min(n - 1, steepest + 3 * pixel / 2)] - bezel) < kLeastStep)
+    return std::nullopt;
   const double a = slope(steepest - 1), b = slope(steepest), c = slope(steepest + 1);
   const double offset = a - 2 * b + c < 0.0 ? 0.5 * (a - c) / (a - 2 * b + c) : 0.0;
   return -kReach + kStep * (steepest + offset);
@@ -76,11 +80,14 @@ std::optional<Line> fit_line(std::vector<cv::Point2d> points, std::size_t least)
     const std::vector<cv::Point2f> as_float(points.begin(), points.end());
     cv::fitLine(as_float, fit, cv::DIST_L2, 0, 0.01, 0.01);
     const cv::Point3d line(fit[1], -fit[0], fit[0] * fit[3] - fit[1] * fit[2]);
-    auto off = [&line](const cv::Point2d& p) { return std::abs(line.x * p.x + line.y * p.y + line.z); };
+    auto off = [&line](const cv::Point2d& p) {
+      return std::abs(line.x * p.x + line.y * p.y + line.z);
+    };
     // The farthest point goes first: one stray step must not drag the
     // line far enough to shed good points with it.
-    const auto worst = std::max_element(points.begin(), points.end(),
-                                        [&off](const auto& a, const auto& b) { return off(a) < off(b); });
+    const auto worst =
+        std::max_element(points.begin(), points.end(),
+                         [&off](const auto& a, const auto& b) { return off(a) < off(b); });
     if (off(*worst) <= kLineFit) return Line{line, std::move(points)};
     points.erase(worst);
   }
@@ -136,8 +143,10 @@ std::optional<ScreenEdges> screen_edges(const cv::Mat& capture, const std::array
     if (!side) return std::nullopt;
   }
   const Line &top = *sides[0], &bottom = *sides[1], &left = *sides[2], &right = *sides[3];
-  const std::vector<cv::Point2f> outline = {{float(x0), float(y0)}, {float(x1), float(y0)},
-                                            {float(x0), float(y1)}, {float(x1), float(y1)}};
+  const std::vector<cv::Point2f> outline = {{float(x0), float(y0)},
+                                            {float(x1), float(y0)},
+                                            {float(x0), float(y1)},
+                                            {float(x1), float(y1)}};
   const std::vector<cv::Point2f> met = {meet(top, left), meet(top, right), meet(bottom, left),
                                         meet(bottom, right)};
   const cv::Matx33d frame_to_capture(cv::getPerspectiveTransform(outline, met, cv::DECOMP_LU));
@@ -164,7 +173,8 @@ std::optional<ScreenEdges> screen_edges(const cv::Mat& capture, const std::array
     for (const cv::Point2d& q : sides[side]->points) {
       const cv::Point2d at = apply(to_frame, q);
       edges.anchors.input.push_back(at);
-      edges.anchors.reference.push_back(side < 2 ? cv::Point2d(at.x, across[side]) : cv::Point2d(across[side], at.y));
+      edges.anchors.reference.push_back(side < 2 ? cv::Point2d(at.x, across[side])
+                                                 : cv::Point2d(across[side], at.y));
     }
   }
   return edges;
@@ -172,7 +182,8 @@ std::optional<ScreenEdges> screen_edges(const cv::Mat& capture, const std::array
 
 double corners_apart(const std::array<double, 8>& a, const std::array<double, 8>& b) {
   double most = 0.0;
-  for (int i = 0; i < 4; ++i) most = std::max(most, std::hypot(a[2 * i] - b[2 * i], a[2 * i + 1] - b[2 * i + 1]));
+  for (int i = 0; i < 4; ++i)
+    most = std::max(most, std::hypot(a[2 * i] - b[2 * i], a[2 * i + 1] - b[2 * i + 1]));
   return most;
 }
 

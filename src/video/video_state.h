@@ -14,8 +14,8 @@
 
 #include <opencv2/videoio.hpp>
 
-#include "framealign/video.h"
 #include "align/internal.h"
+#include "framealign/video.h"
 #include "io/readers.h"
 #include "video/identify.h"
 

@@ -46,17 +46,21 @@ class Video : public testing::Test {
         {"--seed", "9", "--reference-frames", "16"},
         {"--seed", "6", "--reference-frames", "36", "--display-fps", "60", "--readout", "0.8"}};
     for (const std::vector<std::string>& clip : clips) {
-      std::vector<std::string> a = {"--video", "--out", "clip" + clip[1], "--width", "640", "--height", "360",
-                                    "--capture-width", "960", "--capture-height", "540", "--seconds", "0.5",
-                                    "--drift", "4"};
+      std::vector<std::string> a = {"--video", "--out", "clip" + clip[1], "--width", "640",
+                                    "--height", "360", "--capture-width", "960",
+                                    "--capture-height", "540", "--seconds", "0.5", "--drift", "4"};
       a.insert(a.end(), clip.begin(), clip.end());
       const ToolRun sim = run_tool(a, dir_, kSim);
       ASSERT_EQ(sim.exit_code, 0) << sim.err;
     }
   }
-  static ToolRun batch(const std::string& root, std::vector<std::string> more, const std::string& clip = "clip4") {
-    std::vector<std::string> a = {"--video", clip + "/capture.mp4", "--reference-file", clip + "/reference.yuv",
-                                  "--width", "640", "--height", "360", "--result-root", root};
+  static ToolRun batch(const std::string& root, std::vector<std::string> more,
+                       const std::string& clip = "clip4") {
+    std::vector<std::string> a = {"--video",          clip + "/capture.mp4",
+                                  "--reference-file", clip + "/reference.yuv",
+                                  "--width",          "640",
+                                  "--height",         "360",
+                                  "--result-root",    root};
     a.insert(a.end(), more.begin(), more.end());
     return run_tool(a, dir_, kBatch);
   }
@@ -71,7 +75,8 @@ TEST_F(Video, TrackedFramesTellTheTruth) {
     const ToolRun run = batch(std::string("fast_") + clip, {"--fast"}, clip);
     ASSERT_EQ(run.exit_code, 0) << run.err;
     const Table truth = read_table(dir_.file(std::string(clip) + "/truth.csv"), "capture_frame");
-    const Table summary = read_table(dir_.file(std::string("fast_") + clip + "/summary.csv"), "capture_frame");
+    const Table summary =
+        read_table(dir_.file(std::string("fast_") + clip + "/summary.csv"), "capture_frame");
     ASSERT_EQ(summary.size(), truth.size()) << clip;
     int frames_right = 0, tracked = 0;
     for (const auto& [frame, want] : truth) {
@@ -81,8 +86,10 @@ TEST_F(Video, TrackedFramesTellTheTruth) {
       EXPECT_EQ(got.at("status"), "aligned") << at;
       EXPECT_EQ(got.at("ref_frame"), want.at("ref_frame")) << at;
       std::vector<std::string> shown = split(got.at("ref_frames"), ';');
-      std::sort(shown.begin(), shown.end(), [](const auto& a, const auto& b) { return std::stoi(a) < std::stoi(b); });
-      frames_right += shown == split(want.at("ref_frames"), ';') && got.at("mixed") == want.at("mixed");
+      std::sort(shown.begin(), shown.end(),
+                [](const auto& a, const auto& b) { return std::stoi(a) < std::stoi(b); });
+      frames_right +=
+          shown == split(want.at("ref_frames"), ';') && got.at("mixed") == want.at("mixed");
       tracked += got.at("path") == "tracked";
       // The screen is about as wide in the capture as in the reference.
       for (const char* c : {"x1", "y1", "x2", "y2", "x3", "y3", "x4", "y4"}) {

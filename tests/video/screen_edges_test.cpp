@@ -40,7 +40,8 @@ TEST(screen_edges, FindTheScreenWhereItsContentCannot) {
   for (const Case& c : cases) {
     cv::Mat frame = make_reference_frame(kWidth, kHeight, 40 + c.seed);
     if (c.dark_border > 0) {
-      cv::rectangle(frame, {0, 0}, {kWidth - 1, kHeight - 1}, cv::Scalar(18), int(2 * c.dark_border));
+      cv::rectangle(frame, {0, 0}, {kWidth - 1, kHeight - 1}, cv::Scalar(18),
+                    int(2 * c.dark_border));
     }
     CaptureSettings settings;
     settings.capture_width = 960;
