@@ -1,4 +1,6 @@
 // framealign-sim: synthetic captures with known corners.
+#include <sched.h>
+
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
@@ -57,6 +59,30 @@ int fail(const std::string& message) {
 
 // Films the reference video and writes reference.yuv, the capture video
 // and truth.csv; returns the exit status.
+// The writer, opened while this thread may run on one CPU only: x264 sizes
+// its pool of encoding threads by the CPUs it may use, and with more than
+// one its output is not always the same from run to run on a busy machine.
+// One thread gives the same clip for the same seed every time.
+bool open_writer(cv::VideoWriter& writer, const std::string& video, bool h264, const SimOptions& options) {
+  cpu_set_t all, one;
+  const bool pinned = sched_getaffinity(0, sizeof(all), &all) == 0;
+  if (pinned) {
+    CPU_ZERO(&one);
+    for (int c = 0; c < CPU_SETSIZE; ++c) {
+      if (CPU_ISSET(c, &all)) {
+        CPU_SET(c, &one);
+        break;
+      }
+    }
+    sched_setaffinity(0, sizeof(one), &one);
+  }
+  const int fourcc = h264 ? cv::VideoWriter::fourcc('a', 'v', 'c', '1') : cv::VideoWriter::fourcc('M', 'J', 'P', 'G');
+  const bool opened = writer.open(video, cv::CAP_FFMPEG, fourcc, options.filming.camera_fps,
+                                  cv::Size(options.capture.capture_width, options.capture.capture_height));
+  if (pinned) sched_setaffinity(0, sizeof(all), &all);
+  return opened;
+}
+
 int render_video(const SimOptions& options) {
   if (!options.reference.empty()) return fail("--video films its own reference video; --reference is for stills");
   const std::vector<cv::Mat> reference = make_reference_video(
@@ -74,9 +100,7 @@ int render_video(const SimOptions& options) {
   const bool h264 = options.codec == "h264";
   const std::string video = dir + (h264 ? "capture.mp4" : "capture.avi");
   cv::VideoWriter writer;
-  if (options.codec != "png" &&
-      !writer.open(video, cv::CAP_FFMPEG, h264 ? cv::VideoWriter::fourcc('a', 'v', 'c', '1') : cv::VideoWriter::fourcc('M', 'J', 'P', 'G'),
-                   options.filming.camera_fps, cv::Size(options.capture.capture_width, options.capture.capture_height))) {
+  if (options.codec != "png" && !open_writer(writer, video, h264, options)) {
     return fail("cannot write " + video + " (OpenCV's FFmpeg writer)");
   }
   std::string truth = "capture_frame,ref_frame,ref_frames,mixed,x1,y1,x2,y2,x3,y3,x4,y4\n";
