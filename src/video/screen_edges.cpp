@@ -53,7 +53,7 @@ std::optional<double> step_in(const std::vector<double>& profile) {
   if (departs <= bezel_end || departs + 3 * pixel >= n) return std::nullopt;
   // The steepest rise (a pixel's difference) from a pixel before the
   // departure to two after it.
-  auto slope = [&profile, pixel](int i) {
+  auto slope = [&](int i) {
     return std::abs(profile[i + pixel / 2] - profile[i - pixel / 2]);
   };
   int steepest = std::max(departs - pixel, pixel / 2 + 1);
