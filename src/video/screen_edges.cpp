@@ -1,6 +1,6 @@
 // Edges of a filmed screen found across each side of the screen where it is
 // expected to be: along a short profile across the side, from the bezel
-// inwards, the point halfway up the step from the bezel's grey to the
+// inwards, the steepest point of the step from the bezel's grey to the
 // content's; a straight line through those points; the corners where the
 // lines meet.
 #include "video/screen_edges.h"
