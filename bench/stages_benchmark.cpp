@@ -7,7 +7,10 @@
 #include <vector>
 
 #include "align/align.h"
-#include "align/internal.h"
+#include "align/matching.h"
+#include "align/scoring.h"
+#include "align/refinement.h"
+#include "align/warps.h"
 #include "sim/render.h"
 
 using namespace framealign;  // NOLINT(google-build-using-namespace)

@@ -1,5 +1,6 @@
-// Public interface of the alignment library: finds a known reference frame
-// inside a captured picture and warps the capture back onto the frame.
+// The alignment pipeline's stages under the names framealign's design gives
+// them: finds a known reference frame inside a captured picture and warps the
+// capture back onto the frame. Internal; the public API is framealign.h.
 //
 // Conventions used throughout:
 //  - A luma buffer is width x height bytes, one 8-bit sample per pixel, rows
@@ -24,8 +25,7 @@
 
 #include <opencv2/core.hpp>
 
-#include "align/plane_io.h"
-#include "align/search_request.h"
+#include "core/plane_io.h"
 #include "framealign/framealign.h"
 
 namespace framealign {
@@ -214,22 +214,21 @@ void align_frame(const std::vector<cv::DMatch>& matches,
 
 // ---- Search and driver ----------------------------------------------------
 //
-// Result slots: six frame buffers of width x height bytes, six corner rows
-// and six content polygons (unwritten values -1). A search fills slots
-// 0..k-1 with its k successful attempts and k..2k-1 with their enhanced
-// copies; corner rows of the copies are not written (the writer reads row
-// i mod k).
+// framealign's per-slot arrays: six frame buffers of width x height bytes,
+// six corner rows and six content polygons (unwritten values -1). A search
+// fills slots 0..k-1 with its k successful attempts and k..2k-1 with their
+// enhanced copies; corner rows of the copies are not written (the writer
+// reads row i mod k). These functions are the program's adapters over the
+// slot records of slots.h, which the library passes among its stages.
 
 // Runs the three preprocessing attempts in parallel (after the optional
 // advanced pre-pass), compacts the successful ones to the front and stores
 // the lowest score (kFailedScore when none succeeded). Returns their count k.
-// `report`, when given, receives the k scores in slot order.
 int get_rectified_imgs(const cv::Mat& image, int width, int height, const char* result_folder,
                        const unsigned char* reference, unsigned char** aligned,
                        double (*pts)[8], double (*content_pts)[20], double* best_score,
                        const FeatureLoadCallback& load, const FeatureSaveCallback& save,
-                       bool advanced, const SearchRequest& request = {},
-                       SearchReport* report = nullptr);
+                       bool advanced);
 
 // Fills the slots of the two modes that have a reference and no corners:
 // no rectification (the input as it lies, one slot) or the search; each
@@ -242,8 +241,7 @@ int generate_extraction_input(const char* result_folder, const cv::Mat& image,
                               int no_rectify, const double* pts_in, unsigned char** aligned,
                               double (*pts)[8], double (*content_pts)[20], double* best_score,
                               const FeatureLoadCallback& load, const FeatureSaveCallback& save,
-                              bool advanced, const SearchRequest& request = {},
-                              SearchReport* report = nullptr);
+                              bool advanced);
 
 // The whole alignment, as framealign runs it. Without reference and corners
 // it only caches the input's features (returns -1). With corners

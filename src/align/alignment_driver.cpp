@@ -1,17 +1,14 @@
-// The alignment driver: picks the mode (features only, corners given, no
-// rectification, search), owns the result slots, and hands them to the
-// results writer.
+// The alignment driver: follows the plan (features only, corners given, no
+// rectification, search), and hands the slots to the results writer.
+#include "align/alignment_driver.h"
+
 #include <algorithm>
-#include <cstring>
-#include <stdexcept>
-#include <string>
 #include <vector>
 
 #include <opencv2/core/utils/logger.hpp>
 
 #include "align/align.h"
-#include "align/internal.h"
-#include "align/parallel_for.h"
+#include "core/plane_io.h"
 
 namespace framealign {
 
@@ -50,79 +47,39 @@ std::vector<int> output_variants(const std::vector<int>& outputs) {
 
 // Corners given: the frame warped by them (padded to the crop aspect) in
 // every slot, one per output variant, each finished as its variant.
-int fill_corner_slots(const AlignmentJob& job, AlignmentSlots& slots) {
-  const int width = job.width, height = job.height;
+SlotSet corner_slots(const AlignmentJob& job) {
   int pad_x, pad_y;
-  crop_padding(width, height, job.crop_width, job.crop_height, &pad_x, &pad_y);
-  align_by_pts(job.input, width, height, pad_x, pad_y, job.pts, slots.aligned[0],
-               slots.content_pts[0]);
-
-  const std::vector<int> variants = output_variants(job.outputs);
-  const int n = static_cast<int>(variants.size());
-  const std::size_t frame_bytes = luma_plane_size(width, height);
-  const std::vector<unsigned char> plain(slots.aligned[0], slots.aligned[0] + frame_bytes);
-  parallel_for(
-      0, n,
-      [&](int i) {
-        std::memcpy(slots.aligned[i], plain.data(), frame_bytes);
-        apply_output_variant(slots.aligned[i], width, height, variants[i]);
-        std::copy(job.pts, job.pts + 8, slots.pts[i]);
-        if (i != 0) std::copy(slots.content_pts[0], slots.content_pts[0] + 20, slots.content_pts[i]);
-      },
-      n);
-  return n;
+  crop_padding(job.width, job.height, job.crop_width, job.crop_height, &pad_x, &pad_y);
+  Slot plain = Slot::blank(job.width, job.height);
+  std::copy(job.corners->begin(), job.corners->end(), plain.corners.begin());
+  align_by_pts(job.input, job.width, job.height, pad_x, pad_y, plain.corners.data(),
+               plain.frame.data, plain.polygon.data());
+  return SlotSet::variants(plain, output_variants(job.outputs));
 }
 
 }  // namespace
 
-AlignmentMode alignment_mode(const unsigned char* reference, bool corners_given,
-                             bool no_rectify) {
-  if (corners_given) return AlignmentMode::CORNERS_GIVEN;
-  if (reference == nullptr) return AlignmentMode::FEATURES_ONLY;
-  return no_rectify ? AlignmentMode::NO_RECTIFY : AlignmentMode::SEARCH;
+Plan AlignmentJob::plan() const {
+  return make_plan(!reference.empty(), corners.has_value(), no_rectify, refine, fast);
 }
 
-cv::Mat AlignmentSlots::frame(int i) const {
-  for (const cv::Mat& buffer : storage) {
-    if (buffer.data == aligned[i]) return buffer;
-  }
-  throw std::logic_error("result slot " + std::to_string(i) + " has no frame");
-}
-
-AlignmentSlots align_slots(const AlignmentJob& job) {
+Alignment run_alignment(const AlignmentJob& job) {
   // OpenCV's own warnings are noise here; a program that silenced its log
   // altogether keeps it silent.
   if (cv::utils::logging::getLogLevel() > cv::utils::logging::LOG_LEVEL_ERROR) {
     cv::utils::logging::setLogLevel(cv::utils::logging::LOG_LEVEL_ERROR);
   }
-
-  stop_if_asked(job.search.stop);
-  AlignmentSlots slots;
-  std::fill(&slots.content_pts[0][0], &slots.content_pts[0][0] + kSlots * 20, -1.0);
-  slots.mode = alignment_mode(job.reference, job.corners_given, job.no_rectify);
-  if (slots.mode == AlignmentMode::FEATURES_ONLY) {
-    generate_copy_features(job.input, job.load, job.save);
-    slots.score = -1.0;
-    return slots;
+  stop_if_asked(job.stop);
+  const Plan plan = job.plan();
+  switch (plan.mode) {
+    case AlignmentMode::FEATURES_ONLY:
+      generate_copy_features(job.input, job.load, job.save);
+      return Alignment{plan, -1.0, "", SlotSet()};
+    case AlignmentMode::CORNERS_GIVEN:
+      return Alignment{plan, 0.0, "", corner_slots(job)};
+    default:
+      return extraction_slots(job, plan);
   }
-
-  // Zeroed rather than left undefined, so that a slot an attempt failed to
-  // fill never carries stray memory into a score or a file.
-  luma_plane_size(job.width, job.height);  // refuses sizes a plane cannot have
-  for (int i = 0; i < kSlots; ++i) {
-    slots.storage.push_back(cv::Mat::zeros(job.height, job.width, CV_8UC1));
-    slots.aligned[i] = slots.storage.back().data;
-  }
-  if (slots.mode == AlignmentMode::CORNERS_GIVEN) {
-    slots.count = fill_corner_slots(job, slots);
-    slots.score = 0.0;
-  } else {
-    slots.count = generate_extraction_input(
-        nullptr, job.input, job.reference, job.width, job.height, job.no_rectify ? 1 : 0,
-        job.pts, slots.aligned, slots.pts, slots.content_pts, &slots.score, job.load, job.save,
-        job.advanced, job.search, &slots.report);
-  }
-  return slots;
 }
 
 double align_frame(const unsigned char* input, const unsigned char* reference, int width,
@@ -132,26 +89,29 @@ double align_frame(const unsigned char* input, const unsigned char* reference, i
                    bool advanced, const std::vector<int>& outputs, bool jpeg_output) {
   AlignmentJob job;
   job.input = cv::Mat(input_height, input_width, CV_8UC1, const_cast<unsigned char*>(input));
-  job.reference = reference;
+  if (reference != nullptr) {
+    luma_plane_size(width, height);  // refuses sizes a plane cannot have
+    job.reference = cv::Mat(height, width, CV_8UC1, const_cast<unsigned char*>(reference));
+  }
   job.width = width;
   job.height = height;
   job.crop_width = crop_width;
   job.crop_height = crop_height;
   job.no_rectify = no_rectify != 0;
   // framealign's corner array says "none given" by an 8th value of 0.
-  job.corners_given = pts[7] != 0.0;
-  std::copy(pts, pts + 8, job.pts);
+  if (pts[7] != 0.0) {
+    job.corners.emplace();
+    std::copy(pts, pts + 8, job.corners->begin());
+  }
   job.load = load;
   job.save = save;
   job.advanced = advanced;
   job.outputs = outputs;
-  const AlignmentSlots slots = align_slots(job);
-  if (slots.mode != AlignmentMode::FEATURES_ONLY && result_folder != nullptr) {
-    save_alignment_results(result_folder, input, slots.aligned, slots.pts, slots.content_pts,
-                           slots.count, width, height, input_width, input_height, slots.score,
-                           jpeg_output);
+  const Alignment alignment = run_alignment(job);
+  if (alignment.plan.mode != AlignmentMode::FEATURES_ONLY && result_folder != nullptr) {
+    write_result_folder(result_folder, job.input, alignment.slots, alignment.score, jpeg_output);
   }
-  return slots.score;
+  return alignment.score;
 }
 
 }  // namespace framealign

@@ -1,86 +1,93 @@
 // What the alignment driver hands a capture to when it has a reference and
 // no corners: the capture as it lies (no rectification), or the quick path
 // and the rectification search; every result gets its enhanced copy.
-#include <cmath>
 #include <cstring>
+#include <optional>
 #include <stdexcept>
 
-#include "align/align.h"
-#include "align/internal.h"
+#include "align/alignment_driver.h"
+#include "core/plane_io.h"
+#include "align/quick_path.h"
+#include "align/search.h"
+#include "align/warps.h"
 
 namespace framealign {
 
 namespace {
 
-void write_enhanced_copy(const unsigned char* from, unsigned char* to, int width, int height) {
-  std::memcpy(to, from, luma_plane_size(width, height));
-  apply_output_variant(to, width, height, kEnhancedCopyVariant);
-}
-
-// The quick path into slot 0; 1 when its answer was verified, else 0 with
-// the slots untouched.
-int quick_attempt(const cv::Mat& image, int width, int height, const unsigned char* reference,
-                  unsigned char** aligned, double (*pts)[8], double (*content_pts)[20],
-                  double* best_score, const FeatureLoadCallback& load,
-                  const FeatureSaveCallback& save, const SearchRequest& request,
-                  SearchReport& report) {
-  stop_if_asked(request.stop);
-  const cv::Mat ref(height, width, CV_8UC1, const_cast<unsigned char*>(reference));
+// The quick path's slot, when its answer was verified.
+std::optional<Slot> quick_attempt(const AlignmentJob& job) {
+  stop_if_asked(job.stop);
   QuickFeatures computed;
-  if (request.quick_reference == nullptr) computed = quick_features(ref);
+  if (job.quick_reference == nullptr) computed = quick_features(job.reference);
   std::vector<cv::KeyPoint> ref_keypoints;
   cv::Mat ref_descriptors;
-  get_keypoints_descriptors_ref(ref, ref_keypoints, ref_descriptors, load, save);
-  double score = kFailedScore, estimate = HUGE_VAL;
-  Mapping mapping;
-  if (!quick_rectified_img(image, ref, request.quick_reference ? *request.quick_reference : computed,
-                           ref_keypoints, ref_descriptors, aligned[0], pts[0], content_pts[0],
-                           &score, &estimate, &mapping)) {
-    return 0;
-  }
-  report.mappings = {mapping};
-  *best_score = score;
-  report.scores = {score};
-  report.est_error_px = {estimate};
-  report.refined = {true};
-  return 1;
+  get_keypoints_descriptors_ref(job.reference, ref_keypoints, ref_descriptors, job.load, job.save);
+  return quick_rectified_img(job.input, job.reference,
+                             job.quick_reference ? *job.quick_reference : computed, ref_keypoints,
+                             ref_descriptors);
 }
 
 }  // namespace
+
+Alignment extraction_slots(const AlignmentJob& job, const Plan& plan) {
+  if (plan.mode == AlignmentMode::NO_RECTIFY) {
+    Slot slot = Slot::blank(job.width, job.height);
+    copy_plane(job.input, slot.frame.data, job.width, job.height);
+    write_frame_polygon(job.width, job.height, slot.polygon.data());
+    // No score: the capture was not searched.
+    return Alignment{plan, 0.0, "", SlotSet::with_enhanced_copies({slot})};
+  }
+  if (plan.quick_first) {
+    if (std::optional<Slot> quick = quick_attempt(job)) {
+      const double score = quick->score;
+      return Alignment{plan, score, plan.path(true), SlotSet::with_enhanced_copies({*quick})};
+    }
+  }
+  SearchTerms terms;
+  terms.advanced = job.advanced;
+  terms.refine = plan.refine;
+  terms.stop = job.stop;
+  Found found = search_slots(job.input, job.reference, job.load, job.save, terms);
+  return Alignment{plan, found.best_score, plan.path(false),
+                   SlotSet::with_enhanced_copies(std::move(found.results))};
+}
 
 int generate_extraction_input(const char* result_folder, const cv::Mat& image,
                               const unsigned char* reference, int width, int height,
                               int no_rectify, const double* pts_in, unsigned char** aligned,
                               double (*pts)[8], double (*content_pts)[20], double* best_score,
                               const FeatureLoadCallback& load, const FeatureSaveCallback& save,
-                              bool advanced, const SearchRequest& request,
-                              SearchReport* report) {
+                              bool advanced) {
+  (void)result_folder;  // read by nothing the search calls
   if (pts_in[7] != 0.0 || reference == nullptr) {
     throw std::invalid_argument(
         "generate_extraction_input: given corners and a missing reference are the alignment "
         "driver's modes");
   }
-  int k = 1;
-  if (no_rectify != 0) {
-    copy_plane(image, aligned[0], width, height);
-    write_frame_polygon(width, height, content_pts[0]);
-  } else {
-    k = 0;
-    if (request.fast) {
-      SearchReport quick;
-      k = quick_attempt(image, width, height, reference, aligned, pts, content_pts, best_score,
-                        load, save, request, quick);
-      quick.path = k > 0 ? "fast" : "full";
-      if (report != nullptr) *report = quick;
-    }
-    if (k == 0) {
-      k = get_rectified_imgs(image, width, height, result_folder, reference, aligned, pts,
-                             content_pts, best_score, load, save, advanced, request, report);
-    }
-    if (k < 1) return 0;
+  AlignmentJob job;
+  job.input = image;
+  job.reference = cv::Mat(height, width, CV_8UC1, const_cast<unsigned char*>(reference));
+  job.width = width;
+  job.height = height;
+  job.no_rectify = no_rectify != 0;
+  job.advanced = advanced;
+  job.load = load;
+  job.save = save;
+  const Alignment alignment = extraction_slots(job, job.plan());
+  const SlotSet& slots = alignment.slots;
+  const int k = slots.size() / 2;
+  for (int i = 0; i < slots.size(); ++i) {
+    std::memcpy(aligned[i], slots[i].frame.data, luma_plane_size(width, height));
   }
-  for (int j = 0; j < k; ++j) write_enhanced_copy(aligned[j], aligned[k + j], width, height);
-  return 2 * k;
+  // The copies' rows are not written: the writer reads row i modulo k. Nor
+  // are the corners and score of a capture that was not searched.
+  for (int j = 0; j < k; ++j) {
+    std::copy(slots[j].polygon.begin(), slots[j].polygon.end(), content_pts[j]);
+    if (!job.no_rectify) std::copy(slots[j].corners.begin(), slots[j].corners.end(), pts[j]);
+  }
+  if (!job.no_rectify) *best_score = alignment.score;
+  return slots.size();
 }
 
 }  // namespace framealign

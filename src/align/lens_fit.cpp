@@ -11,7 +11,8 @@
 #include <cmath>
 
 #include "align/align.h"
-#include "align/internal.h"
+#include "align/refinement.h"
+#include "align/mapping.h"
 
 namespace framealign {
 

@@ -1,5 +1,7 @@
 // The mapping from reference to capture (a homography, then radial lens
 // distortion), its inverse, the warp of a capture through it, and its file.
+#include "align/mapping.h"
+
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
@@ -9,7 +11,7 @@
 #include <opencv2/imgproc.hpp>
 
 #include "align/align.h"
-#include "align/internal.h"
+#include "align/warps.h"
 #include "framealign/framealign.h"
 
 namespace framealign {

@@ -1,3 +1,5 @@
+#include "align/matching.h"
+
 #include <algorithm>
 #include <cmath>
 #include <exception>
@@ -8,7 +10,7 @@
 #include <opencv2/imgproc.hpp>
 
 #include "align/align.h"
-#include "align/internal.h"
+#include "align/refinement.h"
 
 namespace framealign {
 

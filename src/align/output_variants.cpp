@@ -1,10 +1,11 @@
 // Output variants: how an aligned frame is finished, and the --output lists
 // that name them.
+#include "align/output_variants.h"
+
 #include <cctype>
 #include <string>
 #include <vector>
 
-#include "align/internal.h"
 
 namespace framealign {
 

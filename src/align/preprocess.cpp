@@ -3,7 +3,7 @@
 #include <opencv2/imgproc.hpp>
 
 #include "align/align.h"
-#include "align/internal.h"
+#include "align/output_variants.h"
 
 namespace framealign {
 

@@ -2,16 +2,21 @@
 // and a robust fit, then the refinement at full resolution. Its answer is
 // taken only when the evidence for it is strong; otherwise the tuned search
 // runs as it would have without it.
+#include "align/quick_path.h"
+
 #include <algorithm>
 #include <cmath>
-#include <cstring>
 
 #include <opencv2/calib3d.hpp>
 #include <opencv2/features2d.hpp>
 #include <opencv2/imgproc.hpp>
 
 #include "align/align.h"
-#include "align/internal.h"
+#include "align/matching.h"
+#include "core/plane_io.h"
+#include "align/scoring.h"
+#include "align/verification.h"
+#include "align/warps.h"
 
 namespace framealign {
 
@@ -30,9 +35,7 @@ constexpr double kInlierThreshold = 3.0;
 // of the same video, mirrored and upside-down views) failed at least one
 // test and went to the search.
 constexpr int kMinimumInliers = 60;
-constexpr double kMinimumCoverage = 0.35;        // inliers' hull, share of the frame
-constexpr double kMinimumFrameAgreement = 0.5;   // aligned frame's matches kept by the refit
-constexpr int kMinimumFramePairs = 100;
+constexpr int kMinimumFramePairs = 100;  // aligned frame's pairs kept by the refit (and half)
 // The quick path takes only views of an upright frame: its top edge within
 // this many degrees of the capture's rows. A frame turned further, upside
 // down in particular, is left to the search.
@@ -68,12 +71,10 @@ void frame_seen_through(const cv::Mat& to_capture, int width, int height, double
 
 }  // namespace
 
-bool quick_rectified_img(const cv::Mat& image, const cv::Mat& reference,
-                         const QuickFeatures& reference_quick,
-                         const std::vector<cv::KeyPoint>& ref_keypoints,
-                         const cv::Mat& ref_descriptors, unsigned char* aligned, double* pts,
-                         double* content_pts, double* score, double* est_error_px,
-                         Mapping* mapping) {
+std::optional<Slot> quick_rectified_img(const cv::Mat& image, const cv::Mat& reference,
+                                        const QuickFeatures& reference_quick,
+                                        const std::vector<cv::KeyPoint>& ref_keypoints,
+                                        const cv::Mat& ref_descriptors) {
   const int width = reference.cols, height = reference.rows;
   const double scale = std::min(1.0, kQuickWidthRatio * width / image.cols);
   cv::Mat reduced;
@@ -83,12 +84,12 @@ bool quick_rectified_img(const cv::Mat& image, const cv::Mat& reference,
     reduced = image;
   }
   const QuickFeatures capture = quick_features(reduced);
-  if (capture.descriptors.empty() || reference_quick.descriptors.empty()) return false;
+  if (capture.descriptors.empty() || reference_quick.descriptors.empty()) return std::nullopt;
 
   cv::theRNG() = cv::RNG();  // FLANN's trees, as the search draws them
   const std::vector<cv::DMatch> matches =
       ratio_test_matches(reference_quick.descriptors, capture.descriptors);
-  if (matches.size() < static_cast<std::size_t>(kMinimumInliers)) return false;
+  if (matches.size() < static_cast<std::size_t>(kMinimumInliers)) return std::nullopt;
   std::vector<cv::Point2f> from, to;
   for (const cv::DMatch& m : matches) {
     from.push_back(reference_quick.keypoints[m.queryIdx].pt);
@@ -97,7 +98,7 @@ bool quick_rectified_img(const cv::Mat& image, const cv::Mat& reference,
   std::vector<unsigned char> inlier;
   const cv::Mat to_capture = cv::findHomography(from, to, cv::RANSAC, kInlierThreshold / scale,
                                                 inlier, 2000, 0.995);
-  if (to_capture.empty()) return false;
+  if (to_capture.empty()) return std::nullopt;
   std::vector<cv::Point2f> kept_reference;
   PointPairs pairs;  // all of them: the refinement gates them itself
   for (std::size_t j = 0; j < matches.size(); ++j) {
@@ -105,48 +106,30 @@ bool quick_rectified_img(const cv::Mat& image, const cv::Mat& reference,
     pairs.reference.emplace_back(from[j]);
     pairs.input.emplace_back(to[j]);
   }
-  const double coverage = calculateConvexHullArea(kept_reference) / (double(width) * height);
-  if (static_cast<int>(kept_reference.size()) < kMinimumInliers || coverage < kMinimumCoverage) {
-    return false;
+  const double covered = coverage(kept_reference, width, height);
+  if (static_cast<int>(kept_reference.size()) < kMinimumInliers || covered < kMinimumCoverage) {
+    return std::nullopt;
   }
 
   double corners[8];
   frame_seen_through(to_capture, width, height, corners);
-  if (!upright(corners) || !check_ref_pts_sanity(corners, image.cols, image.rows)) return false;
+  if (!upright(corners) || !check_ref_pts_sanity(corners, image.cols, image.rows)) return std::nullopt;
 
-  std::vector<unsigned char> plane(luma_plane_size(width, height));
-  double polygon[20];
-  std::fill(polygon, polygon + 20, -1.0);
-  warp_to_frame(image, width, height, corners, plane.data(), polygon);
+  Slot seen = Slot::blank(width, height);
+  warp_to_frame(image, width, height, corners, seen.frame.data, seen.polygon.data());
   cv::theRNG() = cv::RNG();
-  const RectifiedMatches rectified = match_rectified(plane.data(), ref_descriptors, width, height);
+  const RectifiedMatches rectified = match_rectified(seen.frame.data, ref_descriptors, width, height);
   // The search's score, with the quick fit's inliers in place of the grid's.
-  const double match_score =
-      100.0 / std::pow(static_cast<double>(kept_reference.size()) * coverage * width * height,
-                       0.333);
-  const double quick_score = rectification_score(rectified, ref_keypoints) * match_score;
-  if (!(quick_score < kFailedScore)) return false;
+  const double quick_score = rectification_score(rectified, ref_keypoints) *
+                             match_term(static_cast<double>(kept_reference.size()) * covered *
+                                        width * height);
+  if (!(quick_score < kFailedScore)) return std::nullopt;
 
   const RefinedCorners refined =
       refine_corners(pairs, matched_points(rectified.matches, ref_keypoints, rectified.keypoints),
                      corners, width, height, image.size());
-  if (!refined.accepted || refined.frame_pairs < kMinimumFramePairs ||
-      refined.frame_pairs < kMinimumFrameAgreement * rectified.matches.size() ||
-      !(refined.est_error_px <= kQuickMaxError)) {
-    return false;
-  }
-  std::fill(polygon, polygon + 20, -1.0);
-  warp_to_frame(image, width, height, refined.corners, plane.data(), polygon);
-  if (refined.mapping.has_lens()) {
-    warp_through_mapping(image, refined.mapping, width, height, plane.data());
-  }
-  *mapping = refined.mapping;
-  std::memcpy(aligned, plane.data(), plane.size());
-  std::copy(refined.corners, refined.corners + 8, pts);
-  std::copy(polygon, polygon + 20, content_pts);
-  *score = quick_score;
-  *est_error_px = refined.est_error_px;
-  return true;
+  return verified_slot(image, refined, rectified.matches.size(), Acceptance{kMinimumFramePairs},
+                       quick_score, width, height);
 }
 
 }  // namespace framealign

@@ -1,6 +1,8 @@
 // Sub-pixel refinement of a found frame and an estimate of its remaining
 // error, from the evidence the search already has: every ratio-test match of
 // the attempt, and the matches between its aligned frame and the reference.
+#include "align/refinement.h"
+
 #include <algorithm>
 #include <cmath>
 
@@ -8,7 +10,7 @@
 #include <opencv2/imgproc.hpp>
 
 #include "align/align.h"
-#include "align/internal.h"
+#include "align/mapping.h"
 
 namespace framealign {
 

@@ -1,4 +1,5 @@
 // The result folder: what the extraction step after the alignment reads.
+#include <algorithm>
 #include <cstdio>
 #include <stdexcept>
 #include <string>
@@ -8,7 +9,10 @@
 #include <opencv2/imgproc.hpp>
 
 #include "align/align.h"
-#include "align/parallel_for.h"
+#include "align/alignment_driver.h"
+#include "align/mapping.h"
+#include "core/parallel_for.h"
+#include "core/plane_io.h"
 
 namespace framealign {
 
@@ -36,27 +40,19 @@ void write_result_file(const std::string& path, const void* data, std::size_t si
 
 }  // namespace
 
-void save_alignment_results(const char* result_folder, const unsigned char* input,
-                            unsigned char* const* aligned, const double (*pts)[8],
-                            const double (*content_pts)[20], int count, int width, int height,
-                            int input_width, int input_height, double best_score,
-                            bool jpeg_output) {
-  const std::string folder = result_folder;
-  const cv::Mat input_plane(input_height, input_width, CV_8UC1, const_cast<unsigned char*>(input));
-  const std::size_t frame_bytes = static_cast<std::size_t>(width) * static_cast<std::size_t>(height);
-
+void write_result_folder(const std::string& folder, const cv::Mat& capture, const SlotSet& slots,
+                         double best_score, bool jpeg_output) {
   auto write_slot = [&](int i) {
-    // Point rows follow i modulo half the slot count: the enhanced copies in
-    // the back half share the corners of their originals.
-    const int row = count <= 1 ? 0 : i % (count / 2);
-    const std::string slot = std::to_string(i);
+    const Slot& slot = slots[i];
+    const int width = slot.frame.cols, height = slot.frame.rows;
+    const std::string name = std::to_string(i);
     if (jpeg_output) {
       cv::Mat outlined;
-      cv::cvtColor(input_plane, outlined, cv::COLOR_GRAY2BGR);
+      cv::cvtColor(capture, outlined, cv::COLOR_GRAY2BGR);
       cv::Point corner[4];
       for (int c = 0; c < 4; ++c) {
-        corner[c] = cv::Point(cvRound(static_cast<float>(pts[row][2 * c])),
-                              cvRound(static_cast<float>(pts[row][2 * c + 1])));
+        corner[c] = cv::Point(cvRound(static_cast<float>(slot.corners[2 * c])),
+                              cvRound(static_cast<float>(slot.corners[2 * c + 1])));
       }
       const cv::Scalar green(0, 255, 0);
       cv::line(outlined, corner[0], corner[1], green, 2, cv::LINE_8, 0);
@@ -65,30 +61,44 @@ void save_alignment_results(const char* result_folder, const unsigned char* inpu
       cv::line(outlined, corner[2], corner[3], green, 2, cv::LINE_8, 0);
       std::vector<unsigned char> jpeg;
       if (cv::imencode(".jpg", outlined, jpeg, kJpegQuality)) {
-        write_result_file(folder + "/in_" + slot + ".jpg", jpeg.data(), jpeg.size());
+        write_result_file(folder + "/in_" + name + ".jpg", jpeg.data(), jpeg.size());
       }
-      const cv::Mat frame(height, width, CV_8UC1, aligned[i]);
-      if (cv::imencode(".jpg", frame, jpeg, kJpegQuality)) {
-        write_result_file(folder + "/aligned_" + slot + ".jpg", jpeg.data(), jpeg.size());
+      if (cv::imencode(".jpg", slot.frame, jpeg, kJpegQuality)) {
+        write_result_file(folder + "/aligned_" + name + ".jpg", jpeg.data(), jpeg.size());
       }
     }
-    write_result_file(folder + "/aligned_" + slot + "__" + std::to_string(width) + "xx" +
+    write_result_file(folder + "/aligned_" + name + "__" + std::to_string(width) + "xx" +
                           std::to_string(height) + ".yuv",
-                      aligned[i], frame_bytes);
-    const std::string corners = format_values(pts[row], 8, "\n");
-    write_result_file(folder + "/pts_" + slot + ".txt", corners.data(), corners.size());
-    const std::string polygon = format_values(content_pts[row], 20, "\n");
-    write_result_file(folder + "/content_pts_" + slot + ".txt", polygon.data(), polygon.size());
+                      slot.frame.data, luma_plane_size(width, height));
+    const std::string corners = format_values(slot.corners.data(), 8, "\n");
+    write_result_file(folder + "/pts_" + name + ".txt", corners.data(), corners.size());
+    const std::string polygon = format_values(slot.polygon.data(), 20, "\n");
+    write_result_file(folder + "/content_pts_" + name + ".txt", polygon.data(), polygon.size());
+    if (slot.mapping) {
+      const std::string text = mapping_text(*slot.mapping);
+      write_result_file(folder + "/mapping_" + name + ".txt", text.data(), text.size());
+    }
   };
 
   // A slot that cannot be written ends the run with the first failure's
   // message, once every slot thread has ended.
-  parallel_for(0, count, write_slot, count);
+  parallel_for(0, slots.size(), write_slot, slots.size());
 
   char score[64];
   const int length = std::snprintf(score, sizeof(score), "%f\n", best_score);
   // Written last: its presence tells that the run finished.
   write_result_file(folder + "/best_result.txt", score, static_cast<std::size_t>(length));
+}
+
+void save_alignment_results(const char* result_folder, const unsigned char* input,
+                            unsigned char* const* aligned, const double (*pts)[8],
+                            const double (*content_pts)[20], int count, int width, int height,
+                            int input_width, int input_height, double best_score,
+                            bool jpeg_output) {
+  const cv::Mat capture(input_height, input_width, CV_8UC1, const_cast<unsigned char*>(input));
+  write_result_folder(result_folder, capture,
+                      SlotSet::from_rows(std::max(count, 0), aligned, pts, content_pts, width, height),
+                      best_score, jpeg_output);
 }
 
 }  // namespace framealign

@@ -1,9 +1,11 @@
 // How well an aligned frame lines up with the reference.
+#include "align/scoring.h"
+
 #include <algorithm>
 #include <cmath>
 
 #include "align/align.h"
-#include "align/internal.h"
+#include "align/matching.h"
 
 namespace framealign {
 

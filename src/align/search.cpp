@@ -1,6 +1,8 @@
 // The rectification search: reference features, the optional advanced
-// pre-pass, one match-warp-score attempt per pre-filter, and the compaction
-// of the successful attempts to the front of the result slots.
+// pre-pass, one match-warp-score attempt per pre-filter, and the successful
+// attempts in attempt order.
+#include "align/search.h"
+
 #include <algorithm>
 #include <cstring>
 #include <stdexcept>
@@ -9,8 +11,13 @@
 #include <opencv2/imgproc.hpp>
 
 #include "align/align.h"
-#include "align/internal.h"
-#include "align/parallel_for.h"
+#include "align/matching.h"
+#include "core/parallel_for.h"
+#include "core/plane_io.h"
+#include "align/refinement.h"
+#include "align/scoring.h"
+#include "core/stop.h"
+#include "align/verification.h"
 #include "framealign/framealign.h"
 
 namespace framealign {
@@ -43,15 +50,14 @@ SearchSchedule effective_schedule() {
 }
 
 // The attempts of one search. While they run, everything but the per-attempt
-// arrays and result slots is only read; attempt i writes only index i.
+// arrays is only read; attempt i writes only index i.
 struct Attempts {
   Attempts(const cv::Mat& image, int width, int height, const FeatureLoadCallback& load,
-           const FeatureSaveCallback& save, unsigned char** aligned, double (*pts)[8],
-           double (*content_pts)[20])
+           const FeatureSaveCallback& save)
       : work(image), width(width), height(height), sanity_width(image.cols),
-        sanity_height(image.rows), load(load), save(save), aligned(aligned), pts(pts),
-        content_pts(content_pts) {
+        sanity_height(image.rows), load(load), save(save) {
     frame_corners(width, height, ref_corners);
+    for (Slot& slot : slots) slot = Slot::blank(width, height);
   }
 
   cv::Mat work;  // the input, mirrored when the pre-pass says so
@@ -63,15 +69,11 @@ struct Attempts {
   bool affine = false;
   const FeatureLoadCallback& load;
   const FeatureSaveCallback& save;
-  unsigned char** aligned;
-  double (*pts)[8];
-  double (*content_pts)[20];
+  Slot slots[kAttempts];
   std::vector<cv::KeyPoint> keypoints[kAttempts];
   cv::Mat descriptors[kAttempts];
-  double scores[kAttempts] = {kFailedScore, kFailedScore, kFailedScore};
   bool refine = false;
   const std::atomic<bool>* stop = nullptr;
-  RefinedCorners refinements[kAttempts];
 
   // The input features of attempt i, from the cache or SIFT. Draws no
   // random numbers.
@@ -85,6 +87,7 @@ struct Attempts {
   void finish(int i) {
     stop_if_asked(stop);
     reset_thread_rng();
+    Slot& slot = slots[i];
     double match_score = 1.0;
     std::vector<cv::DMatch> all_matches;
     // Not caught: a failure to match at all ends the search.
@@ -94,81 +97,54 @@ struct Attempts {
     if (matches.size() <= 3) return;
     try {
       align_frame(matches, ref_keypoints, keypoints[i], work, width, height, ref_corners,
-                  aligned[i], pts[i], content_pts[i]);
+                  slot.frame.data, slot.corners.data(), slot.polygon.data());
       const RectifiedMatches rectified =
-          match_rectified(aligned[i], ref_descriptors, width, height);
+          match_rectified(slot.frame.data, ref_descriptors, width, height);
       // The product of both scores, deliberately: residual displacement
       // weighted by how many matches agreed and how much they covered.
       const double score = rectification_score(rectified, ref_keypoints) * match_score;
       if (!affine && score > 100.0 &&
-          !check_ref_pts_sanity(pts[i], sanity_width, sanity_height)) {
+          !check_ref_pts_sanity(slot.corners.data(), sanity_width, sanity_height)) {
         throw std::runtime_error("bad ref pts");
       }
-      scores[i] = score;
-      if (refine) refine_attempt(i, all_matches, rectified);
+      slot.score = score;
+      if (refine) refine_attempt(slot, all_matches, rectified, i);
     } catch (const std::exception&) {
       // The attempt failed; its slot keeps whatever was written.
     }
   }
 
-  // Replaces attempt i's geometry by the refined one, when it is accepted,
-  // and re-warps its slot; the score stays the one the search measured. A
-  // refinement that fails leaves the attempt as the search made it.
-  void refine_attempt(int i, const std::vector<cv::DMatch>& all_matches,
-                      const RectifiedMatches& rectified) {
+  // Finishes attempt i's slot by the refinement; the score stays the one
+  // the search measured. A refinement that fails leaves the attempt as the
+  // search made it, with no estimate (+inf).
+  void refine_attempt(Slot& slot, const std::vector<cv::DMatch>& all_matches,
+                      const RectifiedMatches& rectified, int i) {
+    RefinedCorners refined;
     try {
-      refinements[i] = refine_corners(matched_points(all_matches, ref_keypoints, keypoints[i]),
-                                      matched_points(rectified.matches, ref_keypoints,
-                                                     rectified.keypoints),
-                                      pts[i], width, height, work.size());
+      refined = refine_corners(matched_points(all_matches, ref_keypoints, keypoints[i]),
+                               matched_points(rectified.matches, ref_keypoints, rectified.keypoints),
+                               slot.corners.data(), width, height, work.size());
     } catch (const cv::Exception&) {
-      return;  // no estimate either: it stays +inf
+      refined = RefinedCorners();
     }
-    if (!refinements[i].accepted) return;
-    std::copy(refinements[i].corners, refinements[i].corners + 8, pts[i]);
-    warp_to_frame(work, width, height, pts[i], aligned[i], content_pts[i]);
-    const Mapping& mapping = refinements[i].mapping;
-    if (mapping.has_lens()) warp_through_mapping(work, mapping, width, height, aligned[i]);
+    apply_refinement(slot, work, refined);
   }
 
-  // Moves the successful attempts to the front, in attempt order, swapping
-  // slots (frames by pointer); returns their count and the lowest score.
-  int compact(double* best_score, SearchReport* report) {
-    double best = kFailedScore;
-    int k = 0;
-    for (int i = 0; i < kAttempts; ++i) {
-      if (!(scores[i] < kFailedScore)) continue;
-      best = std::min(best, scores[i]);
-      if (report != nullptr) {
-        report->scores.push_back(scores[i]);
-        if (refine) {
-          report->est_error_px.push_back(refinements[i].est_error_px);
-          report->refined.push_back(refinements[i].accepted);
-          report->mappings.push_back(refinements[i].accepted
-                                         ? refinements[i].mapping
-                                         : corners_mapping(pts[i], width, height, work.size()));
-        }
-      }
-      if (k != i) {
-        std::swap(aligned[k], aligned[i]);
-        std::swap_ranges(pts[k], pts[k] + 8, pts[i]);
-        std::swap_ranges(content_pts[k], content_pts[k] + 20, content_pts[i]);
-      }
-      ++k;
+  // The successful attempts, in attempt order, and the lowest score.
+  Found found() {
+    Found found;
+    for (Slot& slot : slots) {
+      if (!(slot.score < kFailedScore)) continue;
+      found.best_score = std::min(found.best_score, slot.score);
+      found.results.push_back(std::move(slot));
     }
-    *best_score = best;
-    return k;
+    return found;
   }
 };
-
 
 }  // namespace
 
 void set_search_schedule(SearchSchedule schedule) { g_schedule = schedule; }
-
-void stop_if_asked(const std::atomic<bool>* stop) {
-  if (stop != nullptr && stop->load()) throw Cancelled("the alignment was stopped");
-}
 
 MatchingMode choose_matching_mode(const cv::Mat& image, const cv::Mat& reference,
                                   const char* result_folder) {
@@ -217,17 +193,13 @@ MatchingMode choose_matching_mode(const cv::Mat& image, const cv::Mat& reference
   return mode;
 }
 
-int get_rectified_imgs(const cv::Mat& image, int width, int height, const char* result_folder,
-                       const unsigned char* reference, unsigned char** aligned,
-                       double (*pts)[8], double (*content_pts)[20], double* best_score,
-                       const FeatureLoadCallback& load, const FeatureSaveCallback& save,
-                       bool advanced, const SearchRequest& request, SearchReport* report) {
-  // Only read: the matrix wraps the caller's plane.
-  const cv::Mat ref(height, width, CV_8UC1, const_cast<unsigned char*>(reference));
-  Attempts attempts(image, width, height, load, save, aligned, pts, content_pts);
-  attempts.refine = request.refine || request.fast;
-  attempts.stop = request.stop;
-  stop_if_asked(request.stop);
+Found search_slots(const cv::Mat& image, const cv::Mat& ref, const FeatureLoadCallback& load,
+                   const FeatureSaveCallback& save, const SearchTerms& terms) {
+  const int width = ref.cols, height = ref.rows;
+  Attempts attempts(image, width, height, load, save);
+  attempts.refine = terms.refine;
+  attempts.stop = terms.stop;
+  stop_if_asked(terms.stop);
 
   auto reference_features = [&] {
     get_keypoints_descriptors_ref(ref, attempts.ref_keypoints, attempts.ref_descriptors, load,
@@ -237,8 +209,8 @@ int get_rectified_imgs(const cv::Mat& image, int width, int height, const char* 
   // The pipeline computes them while the first input features are extracted.
   if (schedule != SearchSchedule::PIPELINED) reference_features();
 
-  if (advanced) {
-    const MatchingMode mode = choose_matching_mode(image, ref, result_folder);
+  if (terms.advanced) {
+    const MatchingMode mode = choose_matching_mode(image, ref, nullptr);
     attempts.affine = mode.affine;
     // Into a picture of its own: `image` is the caller's buffer, which the
     // results writer outlines unmirrored.
@@ -265,7 +237,29 @@ int get_rectified_imgs(const cv::Mat& image, int width, int height, const char* 
         },
         kAttempts);
   }
-  return attempts.compact(best_score, report);
+  return attempts.found();
+}
+
+int get_rectified_imgs(const cv::Mat& image, int width, int height, const char* result_folder,
+                       const unsigned char* reference, unsigned char** aligned,
+                       double (*pts)[8], double (*content_pts)[20], double* best_score,
+                       const FeatureLoadCallback& load, const FeatureSaveCallback& save,
+                       bool advanced) {
+  (void)result_folder;  // read by nothing the search calls
+  // Only read: the matrix wraps the caller's plane.
+  const cv::Mat ref(height, width, CV_8UC1, const_cast<unsigned char*>(reference));
+  SearchTerms terms;
+  terms.advanced = advanced;
+  const Found found = search_slots(image, ref, load, save, terms);
+  const int k = static_cast<int>(found.results.size());
+  for (int i = 0; i < k; ++i) {
+    const Slot& slot = found.results[i];
+    std::memcpy(aligned[i], slot.frame.data, luma_plane_size(width, height));
+    std::copy(slot.corners.begin(), slot.corners.end(), pts[i]);
+    std::copy(slot.polygon.begin(), slot.polygon.end(), content_pts[i]);
+  }
+  *best_score = found.best_score;
+  return k;
 }
 
 }  // namespace framealign

@@ -4,16 +4,19 @@
 // Lucas-Kanade (both ways, kept only when they come back), and the
 // refinement corrects the corners from the followed pairs. No SIFT pass at
 // all: the answer is taken only when verified as the quick path's is.
+#include "align/tracking.h"
+
 #include <algorithm>
 #include <cmath>
-#include <cstring>
 #include <stdexcept>
 
 #include <opencv2/imgproc.hpp>
 #include <opencv2/video/tracking.hpp>
 
 #include "align/align.h"
-#include "align/internal.h"
+#include "align/scoring.h"
+#include "align/verification.h"
+#include "align/warps.h"
 
 namespace framealign {
 
@@ -24,15 +27,13 @@ constexpr int kTrackPoints = 1500;
 // to where it started.
 constexpr float kRoundTrip = 0.5f;
 // Verification, as the quick path's: enough pairs (TrackTerms) spread
-// over the frame, most of them kept by the refinement, an estimate within
-// a pixel.
-constexpr double kMinimumCoverage = 0.35;
+// over the frame (kMinimumCoverage), most of them kept by the refinement,
+// an estimate within a pixel.
 // Of a frame whose points were picked from part of it (the bands of a mixed
 // frame that show one reference frame), the pairs must cover this share of
 // that part, and that part this share of the frame; the estimate over the
 // whole frame says what the rest costs.
 constexpr double kLeastPart = 0.15;
-constexpr double kMinimumAgreement = 0.5;
 
 // `warped` brought to the reference's mean and contrast, so that the
 // exposure of the filming camera does not read as motion.
@@ -80,10 +81,10 @@ double tracked_score(const PointPairs& pairs, double offered, int width, int hei
     as_matches.matches.emplace_back(static_cast<int>(i), static_cast<int>(i), 0.0f);
     spread.emplace_back(pairs.reference[i]);
   }
-  const double coverage = calculateConvexHullArea(spread) / (double(width) * height);
-  if (offered < kLeastPart || coverage < kMinimumCoverage * std::min(1.0, offered)) return kFailedScore;
-  const double match_score = 100.0 / std::pow(pairs.input.size() * coverage * width * height, 0.333);
-  return rectification_score(as_matches, reference_points) * match_score;
+  const double covered = coverage(spread, width, height);
+  if (offered < kLeastPart || covered < kMinimumCoverage * std::min(1.0, offered)) return kFailedScore;
+  return rectification_score(as_matches, reference_points) *
+         match_term(pairs.input.size() * covered * width * height);
 }
 
 }  // namespace
@@ -95,19 +96,16 @@ std::vector<cv::Point2f> track_points(const cv::Mat& reference) {
   return points;
 }
 
-bool tracked_rectified_img(const cv::Mat& image, const std::vector<TrackGroup>& groups,
-                           const double* seed, const TrackTerms& terms, unsigned char* aligned,
-                           double* pts, double* content_pts, double* score, double* est_error_px,
-                           Mapping* mapping) {
-  if (groups.empty()) return false;
+std::optional<Slot> tracked_rectified_img(const cv::Mat& image, const std::vector<TrackGroup>& groups,
+                                          const double* seed, const TrackTerms& terms) {
+  if (groups.empty()) return std::nullopt;
   const int width = groups[0].reference.cols, height = groups[0].reference.rows;
-  if (!check_ref_pts_sanity(seed, image.cols, image.rows)) return false;
-  cv::Mat warped(height, width, CV_8UC1);
-  double polygon[20];
-  std::fill(polygon, polygon + 20, -1.0);
-  warp_to_frame(image, width, height, seed, warped.data, polygon);
+  if (!check_ref_pts_sanity(seed, image.cols, image.rows)) return std::nullopt;
+  Slot seen = Slot::blank(width, height);
+  warp_to_frame(image, width, height, seed, seen.frame.data, seen.polygon.data());
+  const cv::Mat& warped = seen.frame;
   const cv::Mat matched = matched_exposure(warped, groups[0].reference);
-  if (matched.empty()) return false;
+  if (matched.empty()) return std::nullopt;
   PointPairs pairs;
   std::vector<cv::Point2f> points;
   for (const TrackGroup& group : groups) {
@@ -119,10 +117,10 @@ bool tracked_rectified_img(const cv::Mat& image, const std::vector<TrackGroup>& 
     pairs.input.insert(pairs.input.end(), found.input.begin(), found.input.end());
     points.insert(points.end(), group.points.begin(), group.points.end());
   }
-  if (pairs.input.size() < static_cast<std::size_t>(terms.least_pairs)) return false;
-  const double offered = calculateConvexHullArea(points) / (double(width) * height);
+  if (pairs.input.size() < static_cast<std::size_t>(terms.acceptance.least_pairs)) return std::nullopt;
+  const double offered = coverage(points, width, height);
   const double followed_score = tracked_score(pairs, offered, width, height);
-  if (!(followed_score < kFailedScore)) return false;
+  if (!(followed_score < kFailedScore)) return std::nullopt;
 
   PointPairs all = pairs;
   all.reference.insert(all.reference.end(), terms.anchors.reference.begin(),
@@ -130,20 +128,8 @@ bool tracked_rectified_img(const cv::Mat& image, const std::vector<TrackGroup>& 
   all.input.insert(all.input.end(), terms.anchors.input.begin(), terms.anchors.input.end());
   const RefinedCorners refined =
       refine_corners(PointPairs{}, all, seed, width, height, image.size());
-  if (!refined.accepted || refined.frame_pairs < terms.least_pairs ||
-      refined.frame_pairs < kMinimumAgreement * all.input.size() ||
-      !(refined.est_error_px <= terms.most_error)) {
-    return false;
-  }
-  std::fill(polygon, polygon + 20, -1.0);
-  warp_to_frame(image, width, height, refined.corners, aligned, polygon);
-  if (refined.mapping.has_lens()) warp_through_mapping(image, refined.mapping, width, height, aligned);
-  *mapping = refined.mapping;
-  std::copy(refined.corners, refined.corners + 8, pts);
-  std::copy(polygon, polygon + 20, content_pts);
-  *score = followed_score;
-  *est_error_px = refined.est_error_px;
-  return true;
+  return verified_slot(image, refined, all.input.size(), terms.acceptance, followed_score, width,
+                       height);
 }
 
 }  // namespace framealign

@@ -1,4 +1,6 @@
 // Perspective warps onto the reference frame, and where content lands there.
+#include "align/warps.h"
+
 #include <algorithm>
 #include <cmath>
 #include <stdexcept>
@@ -7,7 +9,6 @@
 #include <opencv2/imgproc.hpp>
 
 #include "align/align.h"
-#include "align/internal.h"
 
 namespace framealign {
 

@@ -6,17 +6,15 @@
 #include <opencv2/imgproc.hpp>
 
 #include "align/align.h"
-#include "align/internal.h"
-#include "api/as_error.h"
+#include "align/alignment_driver.h"
+#include "align/mapping.h"
+#include "core/as_error.h"
 #include "api/result_files.h"
 #include "framealign/framealign.h"
 #include "io/feature_cache.h"
 #include "io/reference.h"
 
 namespace framealign {
-
-// What save() writes beyond the result's own fields: the slots as the
-// results writer takes them.
 
 namespace {
 
@@ -63,80 +61,73 @@ AlignmentJob make_job(const cv::Mat& input, const Reference::Data& reference,
                       const AlignOptions& options) {
   AlignmentJob job;
   job.input = input;
-  job.reference = reference.plane.data;
+  job.reference = reference.plane;
   job.width = reference.plane.cols;
   job.height = reference.plane.rows;
+  job.corners = options.corners;
   job.crop_width = options.crop_width;
   job.crop_height = options.crop_height;
+  job.outputs = options.outputs;
   job.no_rectify = options.no_rectify;
-  job.corners_given = options.corners.has_value();
-  if (options.corners) std::copy(options.corners->begin(), options.corners->end(), job.pts);
+  job.advanced = options.advanced;
+  job.refine = options.refine;
+  job.fast = options.fast;
   const std::string fingerprint = options.capture_cache.empty() ? "" : picture_fingerprint(input);
   job.load = reference_loader(reference, capture_cache_loader(options.capture_cache, fingerprint));
   job.save = capture_cache_saver(options.capture_cache, fingerprint);
-  job.advanced = options.advanced;
-  job.outputs = options.outputs;
-  job.search.refine = options.refine || options.fast;
-  job.search.fast = options.fast;
-  job.search.stop = options.stop;
-  if (options.fast) job.search.quick_reference = &reference.quick();
+  if (job.plan().quick_first) job.quick_reference = &reference.quick();
+  job.stop = options.stop;
   return job;
 }
 
-std::string status_of(const AlignmentSlots& slots) {
-  switch (slots.mode) {
-    case AlignmentMode::CORNERS_GIVEN:
-      return "aligned";
-    case AlignmentMode::NO_RECTIFY:
-      return "unrectified";
-    default:
-      return slots.score < kFailedScore ? "aligned" : "not_found";
-  }
-}
-
-// The fields a caller reads, from the slots and the search's report.
-void describe(const AlignmentSlots& slots, const AlignOptions& options, int width, int height,
+// The fields a caller reads, from the alignment's slots: those of the best
+// search result, or the corners given.
+void describe(const Alignment& alignment, const AlignOptions& options, int width, int height,
               cv::Size capture, AlignResult& result) {
-  result.status = status_of(slots);
-  result.score = slots.score;
-  result.path = slots.report.path;
-  const std::vector<double>& scores = slots.report.scores;
-  if (!scores.empty()) {
-    const int best =
-        static_cast<int>(std::min_element(scores.begin(), scores.end()) - scores.begin());
+  result.status = alignment.status();
+  result.score = alignment.score;
+  result.path = alignment.path;
+  const SlotSet& slots = alignment.slots;
+  if (alignment.plan.mode == AlignmentMode::SEARCH && !slots.empty()) {
+    // The results are the front half; their enhanced copies follow.
+    const int k = slots.size() / 2;
+    int best = 0;
+    for (int i = 0; i < k; ++i) {
+      result.slot_scores.push_back(slots[i].score);
+      if (slots[i].score < slots[best].score) best = i;
+    }
     result.best_slot = best;
-    result.slot_scores = scores;
-    result.corners.emplace();
-    std::copy(slots.pts[best], slots.pts[best] + 8, result.corners->begin());
-    if (!slots.report.est_error_px.empty()) result.est_error_px = slots.report.est_error_px[best];
-  } else if (slots.mode == AlignmentMode::CORNERS_GIVEN) {
+    result.corners = slots[best].corners;
+    result.est_error_px = slots[best].est_error_px;
+    result.mapping = slots[best].mapping;
+  } else if (alignment.plan.mode == AlignmentMode::CORNERS_GIVEN) {
     result.corners = options.corners;
   }
   if (result.corners) {
     const Mapping plain = corners_mapping(result.corners->data(), width, height, capture);
     result.homography = plain.homography;
-    const std::vector<Mapping>& mappings = slots.report.mappings;
-    result.mapping = result.best_slot && !mappings.empty() ? mappings[*result.best_slot] : plain;
+    if (!result.mapping) result.mapping = plain;
   }
 }
 
 }  // namespace
 
-AlignResult result_of(const AlignmentSlots& slots, const cv::Mat& input, int width, int height,
+Plan plan_of(const AlignOptions& options) {
+  return make_plan(true, options.corners.has_value(), options.no_rectify, options.refine,
+                   options.fast);
+}
+
+AlignResult result_of(const Alignment& alignment, const cv::Mat& input, int width, int height,
                       const AlignOptions& options) {
   AlignResult result;
-  describe(slots, options, width, height, input.size(), result);
+  describe(alignment, options, width, height, input.size(), result);
   auto files = std::make_shared<AlignResult::Files>();
   files->capture = input;
-  for (int i = 0; i < slots.count; ++i) files->frames.push_back(slots.frame(i));
-  std::copy(&slots.pts[0][0], &slots.pts[0][0] + kSlots * 8, &files->pts[0][0]);
-  std::copy(&slots.content_pts[0][0], &slots.content_pts[0][0] + kSlots * 20,
-            &files->content_pts[0][0]);
+  files->slots = alignment.slots;
   files->width = width;
   files->height = height;
   files->jpeg_output = options.jpeg_output;
-  files->mappings = slots.report.mappings;
-  result.frames = files->frames;
+  for (const Slot& slot : files->slots.slots()) result.frames.push_back(slot.frame);
   result.files = files;
   return result;
 }
@@ -150,28 +141,16 @@ AlignResult align(const cv::Mat& capture, const Reference& reference,
   const cv::Mat input = capture.isContinuous() && capture.u != nullptr ? capture : capture.clone();
   const Reference::Data& data = reference.data();
   const int width = data.plane.cols, height = data.plane.rows;
-  const AlignmentSlots slots = as_error([&] { return align_slots(make_job(input, data, options)); });
-  return result_of(slots, input, width, height, options);
+  const Alignment alignment =
+      as_error([&] { return run_alignment(make_job(input, data, options)); });
+  return result_of(alignment, input, width, height, options);
 }
 
 void AlignResult::save(const std::string& folder) const {
   if (!files) throw Error("this result holds nothing to save");
   as_error([&] {
     std::filesystem::create_directories(folder);
-    std::vector<unsigned char*> aligned;
-    for (const cv::Mat& frame : files->frames) aligned.push_back(frame.data);
-    const cv::Mat& capture = files->capture;
-    save_alignment_results(folder.c_str(), capture.data, aligned.data(), files->pts,
-                           files->content_pts, static_cast<int>(aligned.size()), files->width,
-                           files->height, capture.cols, capture.rows, score, files->jpeg_output);
-    const std::vector<Mapping>& mappings = files->mappings;
-    for (std::size_t i = 0; !mappings.empty() && i < aligned.size(); ++i) {
-      const std::string path = folder + "/mapping_" + std::to_string(i) + ".txt";
-      const std::string text = mapping_text(mappings[i % mappings.size()]);
-      if (!replace_file(path, text.data(), text.size())) {
-        throw std::runtime_error("Cannot write result file: " + path);
-      }
-    }
+    write_result_folder(folder, files->capture, files->slots, score, files->jpeg_output);
     return 0;
   });
 }

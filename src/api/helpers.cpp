@@ -1,14 +1,10 @@
 // The public helpers around align(): reading a capture, warping by corners,
-// naming output variants, and the process settings of programs that align.
-#include <malloc.h>
-#include <sched.h>
-
+// naming output variants.
 #include <algorithm>
-#include <thread>
 
 #include "align/align.h"
-#include "align/internal.h"
-#include "api/as_error.h"
+#include "align/output_variants.h"
+#include "core/as_error.h"
 #include "framealign/framealign.h"
 #include "io/readers.h"
 
@@ -50,26 +46,6 @@ std::vector<int> parse_outputs(const std::string& text) {
   // framealign's line, less its "Error: " prefix.
   if (!error.empty()) throw Error(error.substr(error.find(' ') + 1));
   return outputs;
-}
-
-int usable_cpu_count() {
-  cpu_set_t set;
-  CPU_ZERO(&set);
-  if (sched_getaffinity(0, sizeof(set), &set) == 0) return std::max(CPU_COUNT(&set), 1);
-  return std::max(static_cast<int>(std::thread::hardware_concurrency()), 1);
-}
-
-// A search allocates and frees SIFT pyramids of hundreds of megabytes per
-// layer. By default glibc maps each one freshly and unmaps it on free, so
-// every attempt pays for faulting gigabytes of zeroed pages again (on a
-// 4032 x 3024 capture more than half of the CPU time when three attempts
-// fault at once, two fifths with the pipelined search). Keeping freed memory
-// in one heap for reuse removes that; the peak stays that of the largest
-// live set.
-void keep_freed_memory_for_reuse() {
-  mallopt(M_ARENA_MAX, 1);
-  mallopt(M_MMAP_MAX, 0);
-  mallopt(M_TRIM_THRESHOLD, -1);
 }
 
 }  // namespace framealign

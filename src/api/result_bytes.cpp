@@ -9,7 +9,7 @@
 #include <string>
 
 #include "align/align.h"
-#include "align/internal.h"
+#include "align/slots.h"
 #include "api/result_files.h"
 #include "framealign/framealign.h"
 
@@ -17,7 +17,7 @@ namespace framealign {
 
 namespace {
 
-constexpr char kTag[] = "framealign result 1\n";
+constexpr char kTag[] = "framealign result 2\n";
 
 class Writer {
  public:
@@ -136,12 +136,14 @@ std::string AlignResult::to_bytes() const {
   w.value<std::int32_t>(files->width);
   w.value<std::int32_t>(files->height);
   w.value<std::uint8_t>(files->jpeg_output);
-  w.value<std::uint64_t>(files->frames.size());
-  for (const cv::Mat& frame : files->frames) w.picture(frame);
-  for (const auto& row : files->pts) for (double v : row) w.value(v);
-  for (const auto& row : files->content_pts) for (double v : row) w.value(v);
-  w.value<std::uint64_t>(files->mappings.size());
-  for (const Mapping& m : files->mappings) w.mapping(m);
+  // Of each slot, what its files hold.
+  w.value<std::uint64_t>(files->slots.size());
+  for (const Slot& slot : files->slots.slots()) {
+    w.picture(slot.frame);
+    for (double v : slot.corners) w.value(v);
+    for (double v : slot.polygon) w.value(v);
+    optional_field(w, slot.mapping, [&](const Mapping& m) { w.mapping(m); });
+  }
   return w.bytes_;
 }
 
@@ -177,16 +179,18 @@ AlignResult AlignResult::from_bytes(const std::string& bytes) {
     files->width = r.value<std::int32_t>();
     files->height = r.value<std::int32_t>();
     files->jpeg_output = r.flag();
-    files->frames.resize(r.size(kSlots));
-    for (cv::Mat& frame : files->frames) {
-      frame = r.picture();
-      if (frame.rows != files->height || frame.cols != files->width) Reader::fail("a frame of another size");
+    std::vector<Slot> slots(r.size(kSlots));
+    for (Slot& slot : slots) {
+      slot.frame = r.picture();
+      if (slot.frame.rows != files->height || slot.frame.cols != files->width) {
+        Reader::fail("a frame of another size");
+      }
+      for (double& v : slot.corners) v = r.value<double>();
+      for (double& v : slot.polygon) v = r.value<double>();
+      slot.mapping = optional_field<Mapping>(r, [&] { return r.mapping(); });
+      out.frames.push_back(slot.frame);
     }
-    for (auto& row : files->pts) for (double& v : row) v = r.value<double>();
-    for (auto& row : files->content_pts) for (double& v : row) v = r.value<double>();
-    files->mappings.resize(r.size(kSlots));
-    for (Mapping& m : files->mappings) m = r.mapping();
-    out.frames = files->frames;
+    files->slots = SlotSet(std::move(slots));
     out.files = files;
   }
   if (!r.at_end()) Reader::fail("bytes left over");

@@ -7,7 +7,7 @@
 #include <filesystem>
 #include <utility>
 
-#include "api/as_error.h"
+#include "core/as_error.h"
 #include "io/feature_cache.h"
 #include "io/readers.h"
 

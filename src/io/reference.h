@@ -9,6 +9,7 @@
 #include <opencv2/core.hpp>
 
 #include "align/align.h"
+#include "align/quick_path.h"
 #include "framealign/framealign.h"
 
 struct framealign::Reference::Data {

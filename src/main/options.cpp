@@ -5,7 +5,7 @@
 #include <iostream>
 #include <string>
 
-#include "align/internal.h"
+#include "align/output_variants.h"
 #include "framealign/version.h"
 
 namespace {

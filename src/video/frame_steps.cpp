@@ -3,8 +3,9 @@
 // from scratch when it cannot be, settled along the screen's edges.
 #include <utility>
 
-#include "align/internal.h"
-#include "api/result_files.h"
+#include "align/tracking.h"
+#include "align/verification.h"
+#include "video/frame_results.h"
 #include "video/screen_edges.h"
 #include "video/settle.h"
 #include "video/video_state.h"
@@ -123,7 +124,7 @@ void VideoAligner::State::true_to_edges(VideoFrame& frame) {
   const Identity identity =
       index->identify(warp_by_corners(frame.capture, edges->corners, width, height), expected);
   if (!identity.found) return;
-  const TrackTerms terms{kEdgeTrackedPairs, kQuickMaxError, edges->anchors};
+  const TrackTerms terms{{kEdgeTrackedPairs, kQuickMaxError}, edges->anchors};
   std::optional<AlignResult> result =
       track(frame.capture, groups_of(identity), edges->corners, options.align, terms);
   if (!result || corners_apart(*result->corners, edges->corners) > kEdgeAgreement) return;

@@ -12,7 +12,7 @@
 #include <opencv2/imgproc.hpp>
 
 #include "align/align.h"
-#include "align/plane_io.h"
+#include "core/plane_io.h"
 
 namespace framealign {
 

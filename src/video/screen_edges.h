@@ -10,7 +10,8 @@
 
 #include <opencv2/core.hpp>
 
-#include "align/internal.h"
+#include "align/refinement.h"
+#include "align/tracking.h"
 
 namespace framealign {
 

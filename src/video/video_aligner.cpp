@@ -5,8 +5,8 @@
 
 #include <opencv2/imgproc.hpp>
 
-#include "align/internal.h"
-#include "api/as_error.h"
+#include "api/result_files.h"
+#include "core/as_error.h"
 #include "video/video_state.h"
 
 namespace framealign {
@@ -91,10 +91,13 @@ bool VideoAligner::next(VideoFrame& frame) {
     // As framealign reads the frame stored as a PNG.
     cv::add(frame.capture, cv::Scalar(16), frame.capture, frame.capture != 0);
     s.read_clock(n);
+    // Tracking and the edges' check give quick answers: only where the
+    // plan takes the quick path first.
+    const bool quick = plan_of(o.align).quick_first;
     as_error([&] {
       const std::optional<Identity> seeded = s.seeded_identity(frame.capture);
-      if (!(o.align.fast && seeded && s.track_frame(frame, *seeded))) s.search_frame(frame, seeded);
-      if (o.align.fast) s.true_to_edges(frame);
+      if (!(quick && seeded && s.track_frame(frame, *seeded))) s.search_frame(frame, seeded);
+      if (quick) s.true_to_edges(frame);
       return 0;
     });
     s.remember(frame);

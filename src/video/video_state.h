@@ -14,7 +14,7 @@
 
 #include <opencv2/videoio.hpp>
 
-#include "align/internal.h"
+#include "align/tracking.h"
 #include "framealign/video.h"
 #include "io/readers.h"
 #include "video/identify.h"

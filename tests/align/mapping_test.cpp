@@ -7,7 +7,8 @@
 #include <opencv2/imgproc.hpp>
 
 #include "align/align.h"
-#include "align/internal.h"
+#include "align/refinement.h"
+#include "align/mapping.h"
 #include "sim/render.h"
 
 using namespace framealign;  // NOLINT(google-build-using-namespace)

@@ -4,7 +4,7 @@
 
 #include <gtest/gtest.h>
 
-#include "align/internal.h"
+#include "align/matching.h"
 #include "test_support.h"
 
 namespace {

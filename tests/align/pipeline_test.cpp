@@ -4,8 +4,9 @@
 #include <gtest/gtest.h>
 #include <opencv2/imgcodecs.hpp>
 
-#include "align/internal.h"
-#include "align/parallel_for.h"
+#include "align/search.h"
+#include "align/alignment_driver.h"
+#include "core/parallel_for.h"
 #include "test_support.h"
 
 namespace {
@@ -139,22 +140,19 @@ class MirroredSearch : public testing::Test {
         set_search_schedule(schedule);
         AlignmentJob job;
         job.input = given_.clone();
-        job.reference = reference_.data;
+        job.reference = reference_;
         job.width = 640;
         job.height = 360;
         job.advanced = true;
-        job.search.refine = refine;
-        const AlignmentSlots slots = align_slots(job);
+        job.refine = refine;
+        const Alignment alignment = run_alignment(job);
         TempDir dir;
-        save_alignment_results(dir.path().c_str(), job.input.data, slots.aligned, slots.pts, slots.content_pts,
-                               slots.count, 640, 360, 960, 720, slots.score, true);
+        write_result_folder(dir.path().string(), job.input, alignment.slots, alignment.score, true);
         inputs_.push_back(job.input);
         folders_.push_back(read_folder(dir.path().string()));
-        reports_.push_back(slots.report);
-        corners_.emplace_back();
-        for (size_t i = 0; i < slots.report.scores.size(); ++i) {
-          corners_.back().emplace_back(slots.pts[i], slots.pts[i] + 8);
-        }
+        // The search's results: the front half of the slots.
+        runs_.emplace_back(alignment.slots.slots().begin(),
+                           alignment.slots.slots().begin() + alignment.slots.size() / 2);
       }
     }
     set_search_schedule(SearchSchedule::AUTOMATIC);
@@ -166,34 +164,35 @@ class MirroredSearch : public testing::Test {
   static inline cv::Mat reference_, given_;
   static inline std::vector<cv::Mat> inputs_;
   static inline std::vector<Folder> folders_;  // plain on both schedules, then refined
-  static inline std::vector<SearchReport> reports_;
-  static inline std::vector<std::vector<std::vector<double>>> corners_;  // per run, per slot
+  static inline std::vector<std::vector<Slot>> runs_;  // the search's results, per run
 };
 
 TEST_F(MirroredSearch, SchedulesWriteIdenticalResults) {
   EXPECT_GE(folders_[0].size(), 9u);  // an attempt succeeded, with previews
   EXPECT_TRUE(folders_[0] == folders_[1]);
   EXPECT_TRUE(folders_[2] == folders_[3]);
-  EXPECT_EQ(reports_[2].est_error_px, reports_[3].est_error_px);
+  ASSERT_EQ(runs_[2].size(), runs_[3].size());
+  for (size_t i = 0; i < runs_[2].size(); ++i) EXPECT_EQ(runs_[2][i].est_error_px, runs_[3][i].est_error_px);
 }
 
 // Refinement changes the geometry, not the search's scores: every attempt,
 // more than a pixel off here, ends well below one, with an estimate that
 // does not understate its error.
 TEST_F(MirroredSearch, RefinementBringsEveryAttemptBelowAPixel) {
-  const SearchReport &plain = reports_[0], &refined = reports_[2];
-  EXPECT_EQ(refined.scores, plain.scores);
-  EXPECT_TRUE(plain.est_error_px.empty());
-  ASSERT_EQ(refined.est_error_px.size(), refined.scores.size());
+  const std::vector<Slot> &plain = runs_[0], &refined = runs_[2];
+  ASSERT_EQ(refined.size(), plain.size());
   double worst_plain = 0.0;
-  for (size_t i = 0; i < refined.scores.size(); ++i) {
-    worst_plain = std::max(worst_plain, corner_error(kCorners, corners_[0][i].data(), 640, 360).max);
+  for (size_t i = 0; i < refined.size(); ++i) {
+    EXPECT_EQ(refined[i].score, plain[i].score);
+    EXPECT_FALSE(plain[i].est_error_px);
+    worst_plain = std::max(worst_plain, corner_error(kCorners, plain[i].corners.data(), 640, 360).max);
     EXPECT_LT(worst_plain, 2.0) << "corners located on the unmirrored capture";
-    const double error = corner_error(kCorners, corners_[2][i].data(), 640, 360).max;
-    EXPECT_TRUE(refined.refined[i]);
+    const double error = corner_error(kCorners, refined[i].corners.data(), 640, 360).max;
+    EXPECT_TRUE(refined[i].refined);
+    ASSERT_TRUE(refined[i].est_error_px);
     EXPECT_LT(error, 0.3) << i;
-    EXPECT_GE(refined.est_error_px[i], error) << i;
-    EXPECT_LT(refined.est_error_px[i], 1.0) << i;
+    EXPECT_GE(*refined[i].est_error_px, error) << i;
+    EXPECT_LT(*refined[i].est_error_px, 1.0) << i;
   }
   EXPECT_GT(worst_plain, 1.0);
 }

@@ -4,7 +4,7 @@
 #include <opencv2/imgproc.hpp>
 
 #include "align/align.h"
-#include "align/internal.h"
+#include "align/refinement.h"
 #include "sim/render.h"
 
 using namespace framealign;  // NOLINT(google-build-using-namespace)

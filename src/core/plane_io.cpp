@@ -8,7 +8,7 @@
 #include <stdexcept>
 #include <string>
 
-#include "align/align.h"
+#include "core/plane_io.h"
 
 namespace framealign {
 

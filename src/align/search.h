@@ -1,0 +1,69 @@
+// The rectification search's schedule and its advanced pre-pass.
+#pragma once
+
+#include <atomic>
+#include <cstddef>
+#include <vector>
+
+#include <opencv2/core.hpp>
+
+#include "align/align.h"
+#include "align/slots.h"
+
+namespace framealign {
+
+// How the advanced pre-pass says the full-size attempts should match.
+struct MatchingMode {
+  bool affine = false;                // affine-simulating SIFT
+  bool mirror = false;                // on the input mirrored left-right
+  std::size_t trial_matches[3] = {};  // inliers of the plain, affine and mirrored trial
+};
+
+// The advanced pre-pass: plain, affine and mirrored trials, one after another
+// on the calling thread, on copies of both pictures scaled to a height of 360
+// (less for small references). A later trial wins with more than 10 matches
+// and more than twice the kept trial's.
+MatchingMode choose_matching_mode(const cv::Mat& image, const cv::Mat& reference,
+                                  const char* result_folder);
+
+// How the search runs its attempts. Results are byte-identical either way.
+enum class SearchSchedule {
+  // Pipelined with fewer than 6 usable CPUs (the affinity mask), else one
+  // thread per attempt.
+  AUTOMATIC,
+  // Every attempt on a thread of its own, all at once: three SIFT pyramids
+  // of the input in memory together.
+  ONE_THREAD_PER_ATTEMPT,
+  // One thread extracts the attempts' input features one after another,
+  // using OpenCV's own parallelism, while the calling thread matches, warps
+  // and scores each attempt as soon as its features are there: one large
+  // pyramid at a time, both cores busy.
+  PIPELINED,
+};
+
+// Chooses the schedule of later searches; not to be called while one runs.
+void set_search_schedule(SearchSchedule schedule);
+
+// How one search runs beyond its pictures and caches.
+struct SearchTerms {
+  bool advanced = false;  // the advanced pre-pass first
+  // Refine each successful attempt's geometry below a pixel before its
+  // frame is warped (the scores stay the search's), and estimate its error.
+  bool refine = false;
+  const std::atomic<bool>* stop = nullptr;  // see stop_if_asked
+};
+
+// What a search found: its successful attempts in attempt order, and the
+// lowest of their scores (kFailedScore when none succeeded).
+struct Found {
+  std::vector<Slot> results;
+  double best_score = kFailedScore;
+};
+
+// The rectification search of `image` for the width x height `reference`
+// (CV_8UC1, only read): reference features through `load` and `save`, the
+// advanced pre-pass when asked, one match-warp-score attempt per pre-filter.
+Found search_slots(const cv::Mat& image, const cv::Mat& reference, const FeatureLoadCallback& load,
+                   const FeatureSaveCallback& save, const SearchTerms& terms);
+
+}  // namespace framealign

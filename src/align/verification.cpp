@@ -1,0 +1,58 @@
+#include "align/verification.h"
+
+#include <algorithm>
+#include <cmath>
+
+#include "align/align.h"
+#include "align/mapping.h"
+#include "align/warps.h"
+
+namespace framealign {
+
+namespace {
+
+// The capture warped by the refined geometry into `slot`, which takes it
+// on: corners, mapping, estimate.
+void warp_refined(const cv::Mat& image, const RefinedCorners& refined, Slot& slot) {
+  const int width = slot.frame.cols, height = slot.frame.rows;
+  slot.mapping = refined.mapping;
+  slot.refined = true;
+  std::copy(refined.corners, refined.corners + 8, slot.corners.begin());
+  warp_to_frame(image, width, height, refined.corners, slot.frame.data, slot.polygon.data());
+  if (refined.mapping.has_lens()) {
+    warp_through_mapping(image, refined.mapping, width, height, slot.frame.data);
+  }
+}
+
+}  // namespace
+
+double match_term(double pairs_by_area) { return 100.0 / std::pow(pairs_by_area, 0.333); }
+
+double coverage(const std::vector<cv::Point2f>& points, int width, int height) {
+  return calculateConvexHullArea(points) / (double(width) * height);
+}
+
+std::optional<Slot> verified_slot(const cv::Mat& image, const RefinedCorners& refined,
+                                  std::size_t offered, const Acceptance& acceptance, double score,
+                                  int width, int height) {
+  if (!refined.accepted || refined.frame_pairs < acceptance.least_pairs ||
+      refined.frame_pairs < 0.5 * offered || !(refined.est_error_px <= acceptance.most_error)) {
+    return std::nullopt;
+  }
+  Slot slot = Slot::blank(width, height);
+  warp_refined(image, refined, slot);
+  slot.score = score;
+  slot.est_error_px = refined.est_error_px;
+  return slot;
+}
+
+void apply_refinement(Slot& slot, const cv::Mat& image, const RefinedCorners& refined) {
+  slot.est_error_px = refined.est_error_px;
+  if (refined.accepted) {
+    warp_refined(image, refined, slot);
+  } else {
+    slot.mapping = corners_mapping(slot.corners.data(), slot.frame.cols, slot.frame.rows, image.size());
+  }
+}
+
+}  // namespace framealign
