@@ -132,6 +132,10 @@ struct AlignOptions {
   // capture, takes about a second for 12 MP), and align then throws
   // Cancelled.
   const std::atomic<bool>* stop = nullptr;
+
+  // Whether a found frame is refined, and so carries est_error_px: asked
+  // for by `refine`, or by `fast`, which implies it.
+  bool refines() const;
 };
 
 // ---- Where the reference lies in the capture --------------------------------

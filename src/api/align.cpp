@@ -112,6 +112,8 @@ void describe(const Alignment& alignment, const AlignOptions& options, int width
 
 }  // namespace
 
+bool AlignOptions::refines() const { return plan_of(*this).refine; }
+
 Plan plan_of(const AlignOptions& options) {
   return make_plan(true, options.corners.has_value(), options.no_rectify, options.refine,
                    options.fast);

@@ -19,12 +19,14 @@
 
 #include <opencv2/core.hpp>
 
+#include "batch/batch_run.h"
 #include "batch/keep_result.h"
 #include "batch/progress.h"
 #include "batch/result_row.h"
 #include "batch/references.h"
 #include "batch/report.h"
 #include "batch/result_root.h"
+#include "batch/say.h"
 #include "batch/summary.h"
 #include "batch/video_runner.h"
 #include "batch/workers.h"
@@ -48,9 +50,9 @@ double seconds_since(Clock::time_point start) {
 }
 
 // Aligns one capture and keeps its result.
-SummaryRow run_capture(const CaptureJob& job, const BatchOptions& options,
-                       References& references, ResultRoot& root, const Report& report) {
-  return keep_result(job.id, job.input, options, root, report, Clock::now(), [&] {
+SummaryRow run_capture(const BatchRun& run, const CaptureJob& job, References& references) {
+  const BatchOptions& options = run.options;
+  return keep_result(run, job.id, job.input, Clock::now(), [&] {
     const framealign::Reference reference = references.get(job.reference);
     Made made;
     made.capture = framealign::read_capture(job.input, job.reference.width, job.reference.height);
@@ -69,32 +71,30 @@ std::string shard_tag(const BatchOptions& options) {
 }
 
 // Runs the pending captures on `options.jobs` workers (or default_jobs()),
-// each taking the next capture until none is left or a signal came; the
-// capture in flight always finishes. Every row is journalled, then handed
-// to `record`. A failure to journal stops every worker after its capture
+// each taking the next capture until none is left or the run is stopped;
+// the capture in flight always finishes. Every row is kept (journalled,
+// then recorded). A failure to journal stops every worker after its capture
 // and is thrown on. Returns how many captures were run.
-size_t run_pending(const std::vector<const CaptureJob*>& pending, const BatchOptions& options,
-                   ResultRoot& root, const Report& report, Journal& journal,
-                   const std::function<void(const SummaryRow&)>& record) {
+size_t run_pending(const BatchRun& run, const std::vector<const CaptureJob*>& pending) {
+  const BatchOptions& options = run.options;
   References references(pending);
   Progress progress(static_cast<int>(pending.size()), options.verbosity);
   const int workers = std::min<int>(options.jobs > 0 ? options.jobs : default_jobs(),
                                     std::max<size_t>(pending.size(), 1));
   if (options.verbosity == 2) {
-    std::fprintf(stderr, "framealign-batch: %zu captures to run, --jobs %d (%s)\n", pending.size(), workers,
-                 options.jobs > 0 ? "given" : "from the usable CPUs and the memory");
+    say(std::to_string(pending.size()) + " captures to run, --jobs " + std::to_string(workers) + " (" +
+        (options.jobs > 0 ? "given" : "from the usable CPUs and the memory") + ")");
   }
   const auto run_one = [&](size_t i, const std::function<bool()>&) {
-    const SummaryRow row = run_capture(*pending[i], options, references, root, report);
+    const SummaryRow row = run_capture(run, *pending[i], references);
     references.done(pending[i]->reference);
-    journal.append(row);
-    record(row);
+    run.keep(row);
     progress.finished(row, pending[i]->input, std::stod(row.values[row.values.size() - 2]));
   };
   try {
-    const size_t run = run_on_workers(pending.size(), workers, [] { return g_signal != 0; }, run_one);
+    const size_t count = run_on_workers(pending.size(), workers, run.stopped, run_one);
     progress.end();
-    return run;
+    return count;
   } catch (...) {
     progress.end();
     throw;
@@ -111,7 +111,7 @@ std::vector<const CaptureJob*> still_to_run(const std::vector<CaptureJob>& jobs,
                                             std::map<std::string, SummaryRow>& rows) {
   std::vector<std::string> warnings;
   rows = read_recorded_rows(options.result_root, columns, warnings);
-  for (const std::string& warning : warnings) std::cerr << "framealign-batch: " << warning << "\n";
+  for (const std::string& warning : warnings) say(warning);
   std::set<std::string> recorded;
   for (const auto& [id, row] : rows) {
     if (row.status != "error") recorded.insert(id);  // its folder was the batch's result
@@ -154,7 +154,7 @@ int finish_run(const BatchOptions& options, const std::vector<CaptureJob>& jobs,
   try {
     report.write(columns, summary);
   } catch (const std::exception& e) {
-    std::cerr << "framealign-batch: " << e.what() << "\n";  // summary.csv stands
+    say(e.what());  // summary.csv stands
   }
   const double seconds = seconds_since(start);
   const int status = g_signal != 0 ? 128 + g_signal : counts["error"] > 0 ? 1 : 0;
@@ -177,6 +177,16 @@ int finish_run(const BatchOptions& options, const std::vector<CaptureJob>& jobs,
 
 }  // namespace
 
+framealign::AlignOptions align_options_of(const BatchOptions& options) {
+  framealign::AlignOptions align;
+  align.advanced = options.advanced;
+  align.refine = options.refine;
+  align.fast = options.fast;
+  align.jpeg_output = options.jpeg_output;
+  if (!options.outputs.empty()) align.outputs = options.outputs;
+  return align;
+}
+
 int default_jobs() {
   long long available_kb = 0;
   std::ifstream meminfo("/proc/meminfo");
@@ -196,7 +206,7 @@ int run_batch(const BatchOptions& given) {
     all = options.list.empty() ? capture_jobs(options.inputs, options.defaults)
                                : read_capture_list(options.list, options.defaults);
   } catch (const ListError& e) {
-    std::cerr << "framealign-batch: " << e.what() << "\n";
+    say(e.what());
     return 2;
   }
   // A video's frames are shared out among shards, not the video itself.
@@ -206,7 +216,7 @@ int run_batch(const BatchOptions& given) {
   std::string clash = options.capture_cache ? shared_capture_cache(all) : "";
   if (clash.empty()) clash = shared_video_id(videos);
   if (!clash.empty()) {
-    std::cerr << "framealign-batch: " << clash << "\n";
+    say(clash);
     return 2;
   }
   const std::vector<CaptureJob> jobs = shard_of(all, options.shard, options.shards);
@@ -214,17 +224,17 @@ int run_batch(const BatchOptions& given) {
   try {
     root = std::make_unique<ResultRoot>(options.result_root, shard_tag(options));
   } catch (const RootError& e) {
-    std::cerr << "framealign-batch: " << e.what() << "\n";
+    say(e.what());
     return 2;
   }
   framealign::keep_freed_memory_for_reuse();
   // The report belongs to the whole list: a shard leaves it to the run
   // that gathers the shards.
   const Report report(options.shards == 1 ? options.result_root : "");
-  if (options.shards == 1 && !report.enabled()) std::cerr << "framealign-batch: " << report.why() << "\n";
+  if (options.shards == 1 && !report.enabled()) say(report.why());
 
   const std::vector<std::string> columns =
-      summary_columns(options.refine, options.fast, options.video_columns);
+      summary_columns(align_options_of(options).refines(), options.fast, options.video_columns);
   std::map<std::string, SummaryRow> rows;
   const std::vector<const CaptureJob*> pending = still_to_run(jobs, options, columns, *root, rows);
 
@@ -243,8 +253,9 @@ int run_batch(const BatchOptions& given) {
     rows[row.id] = row;
   };
   const std::map<std::string, SummaryRow> recorded = rows;
-  size_t run = run_pending(pending, options, *root, report, journal, record);
-  run += run_videos(videos, options, *root, report, journal, recorded, record, [] { return g_signal != 0; });
+  const BatchRun run{options, *root, report, journal, recorded, record, [] { return g_signal != 0; }};
+  size_t count = run_pending(run, pending);
+  count += run_videos(run, videos);
 
-  return finish_run(options, jobs, videos, rows, columns, report, run, start);
+  return finish_run(options, jobs, videos, rows, columns, report, count, start);
 }

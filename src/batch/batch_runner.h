@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "batch/capture_list.h"
+#include "framealign/framealign.h"
 
 struct BatchOptions {
   std::string list;                 // CSV list; or else
@@ -31,6 +32,9 @@ struct BatchOptions {
   bool fast = false;                // the quick path first (with refine)
   int verbosity = 1;                // 0 --quiet: errors only; 2 --verbose: jobs, paths, timings
 };
+
+// The alignment options the batch's options ask for.
+framealign::AlignOptions align_options_of(const BatchOptions& options);
 
 // Captures in flight when --jobs is not given: one per usable CPU, as far as
 // the available memory holds a 12 MP capture's search (3.5 GB) for each.

@@ -1,8 +1,7 @@
 #include "batch/keep_result.h"
 
-#include <iostream>
-
 #include "batch/result_row.h"
+#include "batch/say.h"
 
 namespace {
 
@@ -24,19 +23,10 @@ std::vector<std::string> with_video(std::vector<std::string> values, const Batch
 
 }  // namespace
 
-framealign::AlignOptions align_options_of(const BatchOptions& options) {
-  framealign::AlignOptions align;
-  align.advanced = options.advanced;
-  align.refine = options.refine;
-  align.fast = options.fast;
-  align.jpeg_output = options.jpeg_output;
-  if (!options.outputs.empty()) align.outputs = options.outputs;
-  return align;
-}
-
-SummaryRow keep_result(const std::string& id, const std::string& input, const BatchOptions& options,
-                       ResultRoot& root, const Report& report,
+SummaryRow keep_result(const BatchRun& run, const std::string& id, const std::string& input,
                        std::chrono::steady_clock::time_point start, const std::function<Made()>& make) {
+  const BatchOptions& options = run.options;
+  ResultRoot& root = run.root;
   SummaryRow row{id, input, "error", {}};
   std::string foreign = root.foreign(id);
   if (foreign.empty()) foreign = root.other_capture(id, input);
@@ -53,10 +43,10 @@ SummaryRow keep_result(const std::string& id, const std::string& input, const Ba
     row.status = made.result.status;
     row.values = with_video(result_values(&made.result, options, seconds_since(start), ""), options, video);
     try {
-      report.add_pictures(id, made.capture, made.result, made.reference);
+      run.report.add_pictures(id, made.capture, made.result, made.reference);
     } catch (const std::exception& e) {
       // The result stands; only its pictures in the report are missing.
-      std::cerr << "framealign-batch: " << e.what() << "\n";
+      say(e.what());
     }
   } catch (const std::exception& e) {
     root.discard(id);

@@ -8,9 +8,8 @@
 
 #include <opencv2/core.hpp>
 
+#include "batch/batch_run.h"
 #include "batch/batch_runner.h"
-#include "batch/report.h"
-#include "batch/result_root.h"
 #include "batch/summary.h"
 #include "framealign/framealign.h"
 
@@ -22,18 +21,14 @@ struct Made {
   std::vector<std::string> video_values;  // the video columns, when a video's frame
 };
 
-// Runs `make` for capture `input` and keeps its result as <root>/<id>:
+// Runs `make` for capture `input` and keeps its result as <run.root>/<id>:
 // saved into <root>/.partial/<id>, then swapped in, so that a folder under
 // its own name is always complete. Any failure becomes the row's status
 // "error" and its message, and leaves an earlier result of the capture
 // where it was; a folder the batch did not make is left alone. `start` is
 // when the capture's work began (its seconds are counted from it).
-SummaryRow keep_result(const std::string& id, const std::string& input, const BatchOptions& options,
-                       ResultRoot& root, const Report& report,
+SummaryRow keep_result(const BatchRun& run, const std::string& id, const std::string& input,
                        std::chrono::steady_clock::time_point start, const std::function<Made()>& make);
-
-// The alignment options the batch's options ask for.
-framealign::AlignOptions align_options_of(const BatchOptions& options);
 
 // A row of status "error" with `message`, for capture `input` as <id>.
 SummaryRow error_row(const std::string& id, const std::string& input, const BatchOptions& options,

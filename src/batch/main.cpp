@@ -10,6 +10,7 @@
 
 #include "batch/batch_runner.h"
 #include "batch/report.h"
+#include "batch/say.h"
 #include "framealign/framealign.h"
 
 namespace {
@@ -98,7 +99,6 @@ void complete_options(BatchOptions& options, const CommandLine& line) {
       throw CLI::ValidationError(e.what());
     }
   }
-  if (options.fast) options.refine = true;
   if (line.quiet && line.verbose) throw CLI::ValidationError("give --quiet or --verbose, not both");
   options.verbosity = line.quiet ? 0 : line.verbose ? 2 : 1;
   if (!line.shard.empty()) {
@@ -121,7 +121,7 @@ int run(int argc, char** argv) {
     if (!line.report_only) complete_options(options, line);
   } catch (const CLI::ParseError& e) {
     if (e.get_exit_code() == 0) return app.exit(e);  // --help, --version
-    std::cerr << "framealign-batch: " << e.what() << " (see --help)\n";
+    say(std::string(e.what()) + " (see --help)");
     return 2;
   }
   // OpenCV's log lines (a picture it cannot open, say) only on request: the
@@ -141,10 +141,10 @@ int main(int argc, char** argv) {
   try {
     return run(argc, argv);
   } catch (const std::exception& e) {
-    std::cerr << "framealign-batch: " << e.what() << "\n";
+    say(e.what());
     return 3;
   } catch (...) {
-    std::cerr << "framealign-batch: stopped by an unknown failure\n";
+    say("stopped by an unknown failure");
     return 3;
   }
 }

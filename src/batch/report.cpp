@@ -10,6 +10,8 @@
 #include <opencv2/imgcodecs.hpp>
 #include <opencv2/imgproc.hpp>
 
+#include "batch/say.h"
+
 namespace fs = std::filesystem;
 
 namespace {
@@ -176,7 +178,7 @@ int rebuild_report(const std::string& root) {
   std::ifstream summary(fs::path(root) / "summary.csv");
   std::string header;
   if (!std::getline(summary, header)) {
-    std::fprintf(stderr, "framealign-batch: --report-only: %s has no summary.csv\n", root.c_str());
+    say("--report-only: " + root + " has no summary.csv");
     return 2;
   }
   std::vector<std::string> columns;
@@ -187,10 +189,10 @@ int rebuild_report(const std::string& root) {
   std::vector<std::string> warnings;
   std::vector<SummaryRow> rows;
   for (const auto& [id, row] : read_recorded_rows(root, columns, warnings)) rows.push_back(row);
-  for (const std::string& warning : warnings) std::fprintf(stderr, "framealign-batch: %s\n", warning.c_str());
+  for (const std::string& warning : warnings) say(warning);
   const Report report(root);
   if (!report.enabled()) {
-    std::fprintf(stderr, "framealign-batch: %s\n", report.why().c_str());
+    say(report.why());
     return 2;
   }
   report.write(columns, rows);

@@ -29,7 +29,7 @@ std::vector<std::string> result_values(const framealign::AlignResult* result,
     for (int c = 0; c < 8; ++c) values[3 + c] = format("%f", (*result->corners)[c]);
     if (result->est_error_px) estimate = format("%.3f", *result->est_error_px);
   }
-  if (options.refine) values.push_back(estimate);
+  if (align_options_of(options).refines()) values.push_back(estimate);
   if (options.fast) values.push_back(path);
   values.push_back(format("%.2f", seconds));
   values.push_back(message);

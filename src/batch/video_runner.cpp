@@ -50,11 +50,8 @@ std::vector<std::string> video_values(const framealign::VideoFrame& frame) {
 
 // One video, frame after frame. A video that cannot be opened gives one
 // error row under its id.
-std::size_t run_video(const CaptureJob& video, const BatchOptions& options, ResultRoot& root,
-                      const Report& report, Journal& journal,
-                      const std::map<std::string, SummaryRow>& recorded,
-                      const std::function<void(const SummaryRow&)>& record,
-                      const std::function<bool()>& stopped) {
+std::size_t run_video(const BatchRun& run, const CaptureJob& video, const std::function<bool()>& stopped) {
+  const BatchOptions& options = run.options;
   framealign::VideoOptions video_options;
   video_options.align = align_options_of(options);
   video_options.first_reference = options.first_reference;
@@ -62,7 +59,7 @@ std::size_t run_video(const CaptureJob& video, const BatchOptions& options, Resu
   video_options.first_frame = options.first_frame + options.shard - 1;
   video_options.last_frame = options.last_frame;
   video_options.step = options.shards;
-  video_options.skip = [&](int frame) { return done(options, recorded, root, video, frame); };
+  video_options.skip = [&](int frame) { return done(options, run.recorded, run.root, video, frame); };
   std::unique_ptr<framealign::VideoAligner> aligner;
   const auto opened = std::chrono::steady_clock::now();
   try {
@@ -70,14 +67,12 @@ std::size_t run_video(const CaptureJob& video, const BatchOptions& options, Resu
                                                          video.reference.width, video.reference.height,
                                                          video_options);
   } catch (const std::exception& e) {
-    const SummaryRow row = error_row(video.id, video.input, options, opened, e.what());
-    journal.append(row);
-    record(row);
+    run.keep(error_row(video.id, video.input, options, opened, e.what()));
     return 0;
   }
   const int total = std::max(0, aligner->frame_count() - options.first_frame) / options.shards;
   Progress progress(total, options.verbosity);
-  std::size_t run = 0;
+  std::size_t count = 0;
   while (!stopped()) {
     const auto start = std::chrono::steady_clock::now();
     framealign::VideoFrame frame;
@@ -89,19 +84,16 @@ std::size_t run_video(const CaptureJob& video, const BatchOptions& options, Resu
       failure = std::current_exception();
       frame.capture_frame = aligner->last_read();
     }
-    const SummaryRow row = keep_result(frame_id(video, frame.capture_frame), video.input, options, root, report,
-                                       start, [&] {
-                                         if (failure) std::rethrow_exception(failure);
-                                         return Made{frame.result, frame.capture, frame.reference,
-                                                     video_values(frame)};
-                                       });
-    journal.append(row);
-    record(row);
+    const SummaryRow row = keep_result(run, frame_id(video, frame.capture_frame), video.input, start, [&] {
+      if (failure) std::rethrow_exception(failure);
+      return Made{frame.result, frame.capture, frame.reference, video_values(frame)};
+    });
+    run.keep(row);
     progress.finished(row, video.input, std::stod(row.values[row.values.size() - 2]));
-    ++run;
+    ++count;
   }
   progress.end();
-  return run;
+  return count;
 }
 
 }  // namespace
@@ -132,17 +124,14 @@ std::string shared_video_id(const std::vector<CaptureJob>& videos) {
   return "";
 }
 
-std::size_t run_videos(const std::vector<CaptureJob>& videos, const BatchOptions& options, ResultRoot& root,
-                       const Report& report, Journal& journal, const std::map<std::string, SummaryRow>& recorded,
-                       const std::function<void(const SummaryRow&)>& record,
-                       const std::function<bool()>& stopped) {
-  std::atomic<std::size_t> run{0};
-  const int workers = std::min<int>(options.jobs > 0 ? options.jobs : default_jobs(),
+std::size_t run_videos(const BatchRun& run, const std::vector<CaptureJob>& videos) {
+  std::atomic<std::size_t> count{0};
+  const int workers = std::min<int>(run.options.jobs > 0 ? run.options.jobs : default_jobs(),
                                     static_cast<int>(videos.size()));
-  run_on_workers(videos.size(), workers, stopped, [&](std::size_t i, const std::function<bool()>& halted) {
-    run += run_video(videos[i], options, root, report, journal, recorded, record, halted);
+  run_on_workers(videos.size(), workers, run.stopped, [&](std::size_t i, const std::function<bool()>& halted) {
+    count += run_video(run, videos[i], halted);
   });
-  return run;
+  return count;
 }
 
 std::vector<SummaryRow> video_rows(const std::vector<CaptureJob>& videos, const BatchOptions& options,

@@ -8,9 +8,8 @@
 #include <string>
 #include <vector>
 
+#include "batch/batch_run.h"
 #include "batch/batch_runner.h"
-#include "batch/report.h"
-#include "batch/result_root.h"
 #include "batch/summary.h"
 
 // The batch's videos: the list's rows marked video and the --video ones
@@ -21,14 +20,11 @@ std::vector<CaptureJob> video_jobs(const std::vector<CaptureJob>& listed, const 
 std::string shared_video_id(const std::vector<CaptureJob>& videos);
 
 // Runs the frames of every video that are in this run's share (--frames,
-// --shard) and not recorded as done in `recorded`, one video per worker,
-// until `stopped` says so. Every row is journalled, then handed to
-// `record`. Returns how many frames were run. A failure to journal is
-// thrown once the workers have stopped.
-std::size_t run_videos(const std::vector<CaptureJob>& videos, const BatchOptions& options, ResultRoot& root, const Report& report,
-                       Journal& journal, const std::map<std::string, SummaryRow>& recorded,
-                       const std::function<void(const SummaryRow&)>& record,
-                       const std::function<bool()>& stopped);
+// --shard) and not recorded as done, one video per worker, until the run is
+// stopped. Every row is kept (journalled, then recorded). Returns how many
+// frames were run. A failure to journal is thrown once the workers have
+// stopped.
+std::size_t run_videos(const BatchRun& run, const std::vector<CaptureJob>& videos);
 
 // The rows of this run's share of every video, video by video, frame by
 // frame.

@@ -30,7 +30,42 @@ class Reference:
     def keypoints(self) -> int: ...
     def __reduce__(self) -> tuple: ...
 
-class Result:
+class AlignOptions:
+    def __init__(
+        self,
+        advanced: bool = ...,
+        refine: bool = ...,
+        fast: bool = ...,
+        outputs: _Outputs = ...,
+        jpeg_output: bool = ...,
+        corners: Optional[_Points] = ...,
+        crop_width: int = ...,
+        crop_height: int = ...,
+        no_rectify: bool = ...,
+        capture_cache: Optional[_Path] = ...,
+    ) -> None: ...
+    advanced: bool
+    refine: bool
+    fast: bool
+    @property
+    def outputs(self) -> List[int]: ...
+    @outputs.setter
+    def outputs(self, value: _Outputs) -> None: ...
+    jpeg_output: bool
+    @property
+    def corners(self) -> Optional[_Points]: ...
+    @corners.setter
+    def corners(self, value: Optional[_Points]) -> None: ...
+    crop_width: int
+    crop_height: int
+    no_rectify: bool
+    @property
+    def capture_cache(self) -> Optional[str]: ...
+    @capture_cache.setter
+    def capture_cache(self, value: Optional[_Path]) -> None: ...
+    def refines(self) -> bool: ...
+
+class AlignResult:
     def __init__(self, state: bytes) -> None: ...
     @property
     def status(self) -> str: ...
@@ -57,6 +92,8 @@ class Result:
     def save(self, folder: _Path) -> None: ...
     def __reduce__(self) -> tuple: ...
 
+Result = AlignResult
+
 class VideoFrame:
     @property
     def capture_frame(self) -> int: ...
@@ -69,7 +106,7 @@ class VideoFrame:
     @property
     def sync_score(self) -> float: ...
     @property
-    def result(self) -> Result: ...
+    def result(self) -> AlignResult: ...
     @property
     def capture(self) -> _GreyArray: ...
 
@@ -87,7 +124,14 @@ def align(
     refine: bool = ...,
     outputs: _Outputs = ...,
     jpeg_output: bool = ...,
-) -> Result: ...
+    fast: bool = ...,
+    corners: Optional[_Points] = ...,
+    crop_width: int = ...,
+    crop_height: int = ...,
+    no_rectify: bool = ...,
+    capture_cache: Optional[_Path] = ...,
+    options: Optional[AlignOptions] = ...,
+) -> AlignResult: ...
 def warp_by_corners(
     capture: _GreyArray, corners: _Points, width: int = ..., height: int = ..., variant: int = ...
 ) -> _GreyArray: ...

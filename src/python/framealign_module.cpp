@@ -21,10 +21,6 @@ namespace py = pybind11;
 using framealign::AlignResult;
 using framealign::Reference;
 
-namespace {
-
-// An 8-bit grey picture from Python, checked: uint8, two dimensions, rows
-// packed one after another (C order). Shares the array's memory.
 cv::Mat grey_picture(const py::object& value, const char* argument) {
   if (!py::isinstance<py::array>(value) || !py::array_t<uint8_t>::check_(value)) {
     throw py::type_error(std::string(argument) + " must be a numpy array of dtype uint8");
@@ -46,8 +42,6 @@ cv::Mat grey_picture(const py::object& value, const char* argument) {
                  const_cast<void*>(array.data()));
 }
 
-}  // namespace
-
 py::array_t<uint8_t> to_array(const cv::Mat& picture) {
   py::array_t<uint8_t> out({picture.rows, picture.cols});
   for (int r = 0; r < picture.rows; ++r) {
@@ -56,8 +50,6 @@ py::array_t<uint8_t> to_array(const cv::Mat& picture) {
   return out;
 }
 
-namespace {
-
 std::array<double, 8> corner_values(const py::object& value) {
   const auto corners = py::array_t<double, py::array::c_style | py::array::forcecast>::ensure(value);
   if (!corners || corners.size() != 8) throw py::value_error("corners must hold 4 x 2 numbers");
@@ -65,6 +57,8 @@ std::array<double, 8> corner_values(const py::object& value) {
   std::copy(corners.data(), corners.data() + 8, out.begin());
   return out;
 }
+
+namespace {
 
 // Pickled as its frame and its features, so that workers of another process
 // need not compute them again.
@@ -179,6 +173,7 @@ PYBIND11_MODULE(framealign, m) {
   m.attr("__version__") = framealign::version();
   py::register_exception<framealign::Error>(m, "Error", PyExc_RuntimeError);
   bind_reference(m);
+  bind_options(m);
   bind_result(m);
   bind_video(m);
 
@@ -195,19 +190,26 @@ PYBIND11_MODULE(framealign, m) {
         "frame of a raw YUV file of width x height.");
 
   m.def("align", [](const GreyArray& capture, const Reference& reference, bool advanced, bool refine,
-                    const py::object& outputs, bool jpeg_output) {
+                    const py::object& outputs, bool jpeg_output, bool fast, const py::object& corners,
+                    int crop_width, int crop_height, bool no_rectify,
+                    const std::optional<std::filesystem::path>& capture_cache,
+                    const std::optional<framealign::AlignOptions>& options) {
           const cv::Mat picture = grey_picture(capture.value, "capture");
-          framealign::AlignOptions options;
-          options.advanced = advanced;
-          options.refine = refine;
-          const std::vector<int> variants = output_list(outputs);
-          if (!variants.empty()) options.outputs = variants;
-          options.jpeg_output = jpeg_output;
-          return align_interruptibly(picture, reference, options);
+          const framealign::AlignOptions given = align_options(
+              advanced, refine, fast, outputs, jpeg_output, corners, crop_width, crop_height, no_rectify,
+              capture_cache);
+          if (options && !is_default(given)) {
+            throw py::value_error("give the options either as an AlignOptions or as keywords, not both");
+          }
+          return align_interruptibly(picture, reference, options ? *options : given);
         },
         py::arg("capture"), py::arg("reference"), py::arg("advanced") = false, py::arg("refine") = false,
-        py::arg("outputs") = py::list(), py::arg("jpeg_output") = false,
-        "Finds the reference in a uint8 height x width capture; the GIL is released meanwhile.");
+        py::arg("outputs") = py::list(), py::arg("jpeg_output") = false, py::arg("fast") = false,
+        py::arg("corners") = py::none(), py::arg("crop_width") = 0, py::arg("crop_height") = 0,
+        py::arg("no_rectify") = false, py::arg("capture_cache") = std::nullopt,
+        py::arg("options") = std::nullopt,
+        "Finds the reference in a uint8 height x width capture, with the options as keywords or as "
+        "an AlignOptions; the GIL is released meanwhile.");
 
   m.def("warp_by_corners", [](const GreyArray& capture, const PointArray& corners, int width,
                               int height, int variant) {

@@ -1,4 +1,5 @@
-// framealign.Result: what align() found, its mapping, its files.
+// framealign.AlignResult (also framealign.Result, its earlier name): what
+// align() found, its mapping, its files.
 #include <algorithm>
 #include <filesystem>
 #include <string>
@@ -61,7 +62,7 @@ std::vector<int> output_list(const py::object& outputs) {
 namespace {
 
 std::string result_repr(const AlignResult& r) {
-  std::string text = "<framealign.Result status='" + r.status + "' score=" + py::repr(py::float_(r.score)).cast<std::string>();
+  std::string text = "<framealign.AlignResult status='" + r.status + "' score=" + py::repr(py::float_(r.score)).cast<std::string>();
   if (r.best_slot) text += " best_slot=" + std::to_string(*r.best_slot);
   if (r.est_error_px) text += " est_error_px=" + py::repr(py::float_(*r.est_error_px)).cast<std::string>();
   if (!r.path.empty()) text += " path='" + r.path + "'";
@@ -87,13 +88,13 @@ std::optional<py::dict> mapping_dict(const AlignResult& r) {
 }  // namespace
 
 void bind_result(py::module_& m) {
-  py::class_<AlignResult>(m, "Result", "What align() found.")
+  py::class_<AlignResult>(m, "AlignResult", "What align() found.")
       .def("__repr__", &result_repr)
       // Pickled by __reduce__, which every protocol honours, as the class
       // called with the result's bytes (AlignResult::to_bytes), which are
       // checked when read back: results travel back from Dask's workers.
       .def(py::init([](const py::bytes& state) { return AlignResult::from_bytes(state); }), py::arg("state"),
-           "A Result rebuilt from the state pickle saved of one.")
+           "An AlignResult rebuilt from the state pickle saved of one.")
       .def("__reduce__", [](const py::object& self) {
         return py::make_tuple(self.get_type(), py::make_tuple(py::bytes(self.cast<const AlignResult&>().to_bytes())));
       })
@@ -134,5 +135,6 @@ void bind_result(py::module_& m) {
             py::gil_scoped_release release;
             r.save(folder.string());
           }, py::arg("folder"), "Writes the files framealign --result-folder writes.");
+  m.attr("Result") = m.attr("AlignResult");
 }
 

@@ -58,7 +58,7 @@ void bind_video(py::module_& m) {
       .def_readonly("mixed", &VideoFrame::mixed, "more than one reference frame on the screen")
       .def_readonly("sync_score", &VideoFrame::sync_score,
                     "mean over the screen's bands of 1 - correlation with the frames told; 0 is perfect")
-      .def_readonly("result", &VideoFrame::result, "the frame's Result, against ref_frame")
+      .def_readonly("result", &VideoFrame::result, "the frame's AlignResult, against ref_frame")
       .def_property_readonly("capture", [](const VideoFrame& f) { return to_array(f.capture); },
                              "the frame as aligned, height x width uint8")
       .def("__repr__", [](const VideoFrame& f) {
@@ -75,7 +75,7 @@ void bind_video(py::module_& m) {
                           int height, bool refine, bool fast, const py::object& reference_frames,
                           const py::object& frames, bool advanced, const py::object& outputs, bool jpeg_output) {
           framealign::VideoOptions options;
-          options.align.refine = refine || fast;
+          options.align.refine = refine;
           options.align.fast = fast;
           options.align.advanced = advanced;
           options.align.jpeg_output = jpeg_output;

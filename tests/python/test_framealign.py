@@ -105,7 +105,7 @@ class Module(unittest.TestCase):
         ref = framealign.Reference.from_yuv(pathlib.Path(self.dir) / "s1" / "reference.yuv", 640, 360)
         capture = framealign.read_capture(pathlib.Path(self.dir, "s1", "capture.jpg"))
         r = framealign.align(capture, ref, outputs="slow")
-        self.assertEqual(repr(r), f"<framealign.Result status='aligned' score={r.score!r} "
+        self.assertEqual(repr(r), f"<framealign.AlignResult status='aligned' score={r.score!r} "
                                   f"best_slot={r.best_slot} model='homography' frames={len(r.frames)}>")
         for protocol in range(pickle.HIGHEST_PROTOCOL + 1):
             back = pickle.loads(pickle.dumps(r, protocol))
