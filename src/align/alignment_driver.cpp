@@ -8,6 +8,7 @@
 #include <opencv2/core/utils/logger.hpp>
 
 #include "align/align.h"
+#include "align/output_variants.h"
 #include "core/plane_io.h"
 
 namespace framealign {
@@ -36,7 +37,7 @@ void crop_padding(int width, int height, int crop_width, int crop_height, int* p
 std::vector<int> output_variants(const std::vector<int>& outputs) {
   std::vector<int> variants;
   for (int code : outputs) {
-    if (static_cast<unsigned>(code) <= 4u &&
+    if (is_output_variant(code) &&
         std::find(variants.begin(), variants.end(), code) == variants.end()) {
       variants.push_back(code);
     }

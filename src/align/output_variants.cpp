@@ -3,6 +3,7 @@
 #include "align/output_variants.h"
 
 #include <cctype>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -69,13 +70,19 @@ std::string append_output_list(const std::string& value, std::vector<int>& outpu
       if (used == 0 || used != token.size()) {
         return "Error: Invalid --output value: " + token;
       }
-      if (number < 0 || number > 4) {
+      if (!is_output_variant(number)) {
         return "Error: --output value must be 0, 1, 2, 3, 4, fast, medium, slow, or slowest";
       }
       append_unique_output(outputs, number);
     }
     if (comma == std::string::npos) return "";
     pos = comma + 1;
+  }
+}
+
+void check_output_variant(int code) {
+  if (!is_output_variant(code)) {
+    throw std::invalid_argument("output variant " + std::to_string(code) + " is not one of 0 to 4");
   }
 }
 

@@ -20,6 +20,13 @@ struct ClaheSetting {
 constexpr ClaheSetting kOutputVariants[5] = {
     {0.0f, 0, 0}, {40.0f, 12, 8}, {20.0f, 32, 32}, {18.0f, 40, 64}, {20.0f, 80, 45}};
 
+// Whether `code` names an output variant (0..4).
+constexpr bool is_output_variant(int code) { return code >= 0 && code < 5; }
+
+// Throws std::invalid_argument ("output variant N is not one of 0 to 4")
+// unless `code` names an output variant.
+void check_output_variant(int code);
+
 // The variant of the enhanced copy of every search result.
 constexpr int kEnhancedCopyVariant = 2;
 

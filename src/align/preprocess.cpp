@@ -49,7 +49,7 @@ void adaptive_histogram_equalization(unsigned char* buffer, int width, int heigh
 }
 
 void apply_output_variant(unsigned char* buffer, int width, int height, int code) {
-  if (code < 1 || code > 4) return;
+  if (!is_output_variant(code) || code == 0) return;
   const ClaheSetting& s = kOutputVariants[code];
   adaptive_histogram_equalization(buffer, width, height, s.clip_limit, s.tiles_x, s.tiles_y);
 }

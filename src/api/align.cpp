@@ -8,9 +8,11 @@
 #include "align/align.h"
 #include "align/alignment_driver.h"
 #include "align/mapping.h"
+#include "align/output_variants.h"
 #include "core/as_error.h"
 #include "api/result_files.h"
 #include "framealign/framealign.h"
+#include "io/cache_callbacks.h"
 #include "io/feature_cache.h"
 #include "io/reference.h"
 
@@ -25,36 +27,19 @@ void check_grey(const cv::Mat& picture, const char* what) {
 }
 
 void check_outputs(const std::vector<int>& outputs) {
-  for (int code : outputs) {
-    if (code < 0 || code > 4) {
-      throw Error("output variant " + std::to_string(code) + " is not one of 0 to 4");
-    }
-  }
+  as_error([&] {
+    for (int code : outputs) check_output_variant(code);
+    return 0;
+  });
 }
 
-// The capture's own cache entries (named ones) beside `base`, used only
-// when the note beside them says they were made from this very capture
-// (`fingerprint`); a damaged or unproven file is a miss, and the features
-// are computed and stored again, with their note.
-FeatureLoadCallback capture_cache_loader(const std::string& base, const std::string& fingerprint) {
-  if (base.empty()) return nullptr;
-  return [base, fingerprint](std::vector<cv::KeyPoint>& keypoints, cv::Mat& descriptors,
-                             const char* name) {
-    if (name == nullptr) return false;
-    const std::string path = feature_cache_path(base, name);
-    return cache_made_from(path, fingerprint) && load_features(path, keypoints, descriptors).loaded;
-  };
-}
-
-FeatureSaveCallback capture_cache_saver(const std::string& base, const std::string& fingerprint) {
-  if (base.empty()) return nullptr;
-  return [base, fingerprint](const std::vector<cv::KeyPoint>& keypoints, const cv::Mat& descriptors,
-                             const char* name) {
-    if (name == nullptr) return;
-    const std::string path = feature_cache_path(base, name);
-    save_features(path, keypoints, descriptors);
-    note_cache_source(path, fingerprint);
-  };
+// The capture's own cache entries (named ones) beside `base`, trusted by
+// the note that names this very capture; none without a base.
+CacheCallbacks capture_cache(const std::string& base, const cv::Mat& capture) {
+  if (base.empty()) return CacheCallbacks();
+  return cache_callbacks(
+      [base](const char* name) { return name == nullptr ? std::string() : feature_cache_path(base, name); },
+      CacheTrust::BY_NOTE, picture_fingerprint(capture));
 }
 
 AlignmentJob make_job(const cv::Mat& input, const Reference::Data& reference,
@@ -72,9 +57,9 @@ AlignmentJob make_job(const cv::Mat& input, const Reference::Data& reference,
   job.advanced = options.advanced;
   job.refine = options.refine;
   job.fast = options.fast;
-  const std::string fingerprint = options.capture_cache.empty() ? "" : picture_fingerprint(input);
-  job.load = reference_loader(reference, capture_cache_loader(options.capture_cache, fingerprint));
-  job.save = capture_cache_saver(options.capture_cache, fingerprint);
+  const CacheCallbacks captures = capture_cache(options.capture_cache, input);
+  job.load = reference_loader(reference, captures.load);
+  job.save = captures.save;
   if (job.plan().quick_first) job.quick_reference = &reference.quick();
   job.stop = options.stop;
   return job;

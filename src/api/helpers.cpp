@@ -27,10 +27,8 @@ cv::Mat warp_by_corners(const cv::Mat& capture, const std::array<double, 8>& cor
   if (capture.empty() || capture.type() != CV_8UC1) {
     throw Error("the capture must be a non-empty 8-bit grey picture (CV_8UC1)");
   }
-  if (variant < 0 || variant > 4) {
-    throw Error("output variant " + std::to_string(variant) + " is not one of 0 to 4");
-  }
   return as_error([&] {
+    check_output_variant(variant);
     luma_plane_size(width, height);  // refuses sizes a plane cannot have
     cv::Mat frame(height, width, CV_8UC1);
     double content[20];

@@ -10,18 +10,9 @@ std::string feature_cache_path(const Arguments& args, const char* name) {
   return framealign::feature_cache_path(args.reference_file, std::to_string(args.frame_number));
 }
 
-framealign::FeatureLoadCallback make_feature_load_callback(const Arguments& args) {
-  return [&args](std::vector<cv::KeyPoint>& keypoints, cv::Mat& descriptors, const char* name) {
-    const framealign::CacheRead read =
-        framealign::load_features(feature_cache_path(args, name), keypoints, descriptors);
-    if (!read.damage.empty()) std::cerr << kCacheReadError << read.damage << "\n";
-    return read.loaded;
-  };
-}
-
-framealign::FeatureSaveCallback make_feature_save_callback(const Arguments& args) {
-  return [&args](const std::vector<cv::KeyPoint>& keypoints, const cv::Mat& descriptors,
-                 const char* name) {
-    framealign::save_features(feature_cache_path(args, name), keypoints, descriptors);
-  };
+framealign::CacheCallbacks make_feature_callbacks(const Arguments& args) {
+  return framealign::cache_callbacks(
+      [&args](const char* name) { return feature_cache_path(args, name); },
+      framealign::CacheTrust::BY_NAME, "",
+      [](const std::string& damage) { std::cerr << kCacheReadError << damage << "\n"; });
 }

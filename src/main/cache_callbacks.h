@@ -1,11 +1,11 @@
 // framealign's two feature-cache callbacks: the capture's entries beside the
 // input file, the reference's beside the reference file, tagged with the
-// frame number.
+// frame number; a file is taken by its name.
 #pragma once
 
 #include <string>
 
-#include "align/align.h"
+#include "io/cache_callbacks.h"
 #include "main/options.h"
 
 // Cache file of an entry: the input picture's for a named entry, the
@@ -14,5 +14,4 @@ std::string feature_cache_path(const Arguments& args, const char* name);
 
 // Callbacks bound to `args` by reference; safe to call from several threads.
 // The load callback reports a damaged file on standard error and misses.
-framealign::FeatureLoadCallback make_feature_load_callback(const Arguments& args);
-framealign::FeatureSaveCallback make_feature_save_callback(const Arguments& args);
+framealign::CacheCallbacks make_feature_callbacks(const Arguments& args);

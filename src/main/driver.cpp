@@ -59,12 +59,11 @@ int align_and_report(const Arguments& args) {
 
   double best_score = 0.0;
   {
-    const framealign::FeatureLoadCallback load = make_feature_load_callback(args);
-    const framealign::FeatureSaveCallback save = make_feature_save_callback(args);
+    const framealign::CacheCallbacks cache = make_feature_callbacks(args);
     best_score = framealign::align_frame(
         input.plane.data(), reference.data(), args.width, args.height, input.width, input.height,
         args.crop_width, args.crop_height, args.no_rectify ? 1 : 0, args.pts,
-        args.result_folder.empty() ? nullptr : args.result_folder.c_str(), load, save,
+        args.result_folder.empty() ? nullptr : args.result_folder.c_str(), cache.load, cache.save,
         args.advanced, args.outputs, args.jpeg_output);
   }
   std::cout << kBestScore << best_score << "\n";
