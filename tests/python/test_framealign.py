@@ -85,6 +85,23 @@ class Module(unittest.TestCase):
         with self.assertRaisesRegex(RuntimeError, "does not exist, nor its feature cache"):
             framealign.Reference.from_yuv(f"{self.dir}/none.yuv", 640, 360)
 
+    def test_every_option_as_keyword_or_as_record(self):
+        corners = np.loadtxt(f"{self.dir}/s1/corners.txt").reshape(4, 2)
+        options = framealign.AlignOptions(corners=corners, outputs="slow", crop_width=640, crop_height=320)
+        by_record = framealign.align(self.capture, self.ref, options=options)
+        by_keywords = framealign.align(self.capture, self.ref, corners=corners, outputs="slow", crop_width=640,
+                                       crop_height=320)
+        self.assertEqual((by_record.status, len(by_record.frames)), ("aligned", 3))
+        np.testing.assert_array_equal(by_record.corners, corners)
+        for a, b in zip(by_record.frames, by_keywords.frames):
+            np.testing.assert_array_equal(a, b)
+        self.assertTrue((by_record.frames[1][320:] == 0).all())  # variant 0, padded to the crop's aspect below
+        with self.assertRaisesRegex(ValueError, "either as an AlignOptions or as keywords"):
+            framealign.align(self.capture, self.ref, refine=True, options=options)
+        self.assertEqual(framealign.align(self.capture, self.ref, no_rectify=True).status, "unrectified")
+        self.assertTrue(framealign.AlignOptions(fast=True).refines())
+        self.assertIs(framealign.Result, framealign.AlignResult)
+
     def test_pickles_and_states_are_checked(self):
         for protocol in range(pickle.HIGHEST_PROTOCOL + 1):
             self.assertEqual(pickle.loads(pickle.dumps(self.ref, protocol)).keypoints, self.ref.keypoints)
