@@ -1,6 +1,6 @@
 // Sub-pixel refinement of a found frame and an estimate of its remaining
-// error, from the evidence the search already has: every ratio-test match of
-// the attempt, and the matches between its aligned frame and the reference.
+// error, from the evidence the search has: the attempt's ratio-test matches
+// and those of its aligned frame with the reference.
 #include "align/refinement.h"
 
 #include <algorithm>
@@ -38,10 +38,9 @@ constexpr double kLargestLensMove = 40.0;
 constexpr double kLensGate = 40.0;
 // The estimate is this many standard deviations of the worst corner's
 // position. For independent errors 3.5 would bound the largest of four
-// two-dimensional errors nearly always; the pairs' errors are not quite
-// independent (neighbouring keypoints share a blurred or moire-striped
-// patch), and on simulated captures of every kind 3.5 fell short on 30% of
-// attempts, 5 on 2% (bench/RESULTS.md has the bench's figures).
+// two-dimensional errors nearly always; neighbouring keypoints share a
+// blurred or moire-striped patch, and on simulated captures of every kind
+// 3.5 fell short on 30% of attempts, 5 on 2% (bench/RESULTS.md).
 constexpr double kDeviations = 5.0;
 
 cv::Point2d apply(const cv::Matx33d& h, const cv::Point2d& p) {
@@ -86,7 +85,6 @@ std::vector<std::size_t> within(const cv::Matx33d& h, const PointPairs& pairs, d
 // an isotropic Gaussian the median length is 1.177 sigma).
 double robust_spread(const cv::Matx33d& h, const PointPairs& pairs, const std::vector<std::size_t>& kept) {
   std::vector<double> lengths;
-  lengths.reserve(kept.size());
   for (std::size_t j : kept) lengths.push_back(residual(h, pairs, j));
   return quantile(lengths, 0.5) / 1.1774;
 }

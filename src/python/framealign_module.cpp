@@ -166,6 +166,32 @@ AlignResult align_interruptibly(const cv::Mat& picture, const Reference& referen
   throw py::error_already_set();
 }
 
+// framealign.align, taking every option of AlignOptions as a keyword, or
+// an AlignOptions.
+void def_align(py::module_& m) {
+  m.def("align", [](const GreyArray& capture, const Reference& reference, bool advanced, bool refine,
+                    const py::object& outputs, bool jpeg_output, bool fast, const py::object& corners,
+                    int crop_width, int crop_height, bool no_rectify,
+                    const std::optional<std::filesystem::path>& capture_cache,
+                    const std::optional<framealign::AlignOptions>& options) {
+          const cv::Mat picture = grey_picture(capture.value, "capture");
+          const framealign::AlignOptions given = align_options(
+              advanced, refine, fast, outputs, jpeg_output, corners, crop_width, crop_height, no_rectify,
+              capture_cache);
+          if (options && !is_default(given)) {
+            throw py::value_error("give the options either as an AlignOptions or as keywords, not both");
+          }
+          return align_interruptibly(picture, reference, options ? *options : given);
+        },
+        py::arg("capture"), py::arg("reference"), py::arg("advanced") = false, py::arg("refine") = false,
+        py::arg("outputs") = py::list(), py::arg("jpeg_output") = false, py::arg("fast") = false,
+        py::arg("corners") = py::none(), py::arg("crop_width") = 0, py::arg("crop_height") = 0,
+        py::arg("no_rectify") = false, py::arg("capture_cache") = std::nullopt,
+        py::arg("options") = std::nullopt,
+        "Finds the reference in a uint8 height x width capture, with the options as keywords or as "
+        "an AlignOptions; the GIL is released meanwhile.");
+}
+
 }  // namespace
 
 PYBIND11_MODULE(framealign, m) {
@@ -189,27 +215,7 @@ PYBIND11_MODULE(framealign, m) {
         "A capture as framealign reads it: an image file as grey (PNG luma raised by 16), or the first "
         "frame of a raw YUV file of width x height.");
 
-  m.def("align", [](const GreyArray& capture, const Reference& reference, bool advanced, bool refine,
-                    const py::object& outputs, bool jpeg_output, bool fast, const py::object& corners,
-                    int crop_width, int crop_height, bool no_rectify,
-                    const std::optional<std::filesystem::path>& capture_cache,
-                    const std::optional<framealign::AlignOptions>& options) {
-          const cv::Mat picture = grey_picture(capture.value, "capture");
-          const framealign::AlignOptions given = align_options(
-              advanced, refine, fast, outputs, jpeg_output, corners, crop_width, crop_height, no_rectify,
-              capture_cache);
-          if (options && !is_default(given)) {
-            throw py::value_error("give the options either as an AlignOptions or as keywords, not both");
-          }
-          return align_interruptibly(picture, reference, options ? *options : given);
-        },
-        py::arg("capture"), py::arg("reference"), py::arg("advanced") = false, py::arg("refine") = false,
-        py::arg("outputs") = py::list(), py::arg("jpeg_output") = false, py::arg("fast") = false,
-        py::arg("corners") = py::none(), py::arg("crop_width") = 0, py::arg("crop_height") = 0,
-        py::arg("no_rectify") = false, py::arg("capture_cache") = std::nullopt,
-        py::arg("options") = std::nullopt,
-        "Finds the reference in a uint8 height x width capture, with the options as keywords or as "
-        "an AlignOptions; the GIL is released meanwhile.");
+  def_align(m);
 
   m.def("warp_by_corners", [](const GreyArray& capture, const PointArray& corners, int width,
                               int height, int variant) {
