@@ -164,6 +164,11 @@ struct FRAMEALIGN_API Mapping {
   std::vector<cv::Point2d> to_reference(const std::vector<cv::Point2d>& points) const;
 };
 
+// The statuses of an AlignResult.
+inline constexpr const char kAligned[] = "aligned";
+inline constexpr const char kNotFound[] = "not_found";
+inline constexpr const char kUnrectified[] = "unrectified";
+
 // What align() found.
 struct FRAMEALIGN_API AlignResult {
   // "aligned" (the frame was found, or corners were given), "not_found" (no

@@ -4,6 +4,8 @@
 
 #include <string>
 
+#include "framealign/framealign.h"
+
 namespace framealign {
 
 // The four ways an alignment runs.
@@ -14,10 +16,7 @@ enum class AlignmentMode {
   SEARCH,         // the rectification search (after the quick path, with fast)
 };
 
-// The statuses and paths a result reports.
-inline constexpr const char* kAligned = "aligned";
-inline constexpr const char* kNotFound = "not_found";
-inline constexpr const char* kUnrectified = "unrectified";
+// The paths a result reports (its statuses are the public header's).
 inline constexpr const char* kQuickPath = "fast";
 inline constexpr const char* kFullPath = "full";
 inline constexpr const char* kTrackedPath = "tracked";

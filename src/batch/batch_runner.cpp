@@ -114,7 +114,7 @@ std::vector<const CaptureJob*> still_to_run(const std::vector<CaptureJob>& jobs,
   for (const std::string& warning : warnings) say(warning);
   std::set<std::string> recorded;
   for (const auto& [id, row] : rows) {
-    if (row.status != "error") recorded.insert(id);  // its folder was the batch's result
+    if (row.status != kError) recorded.insert(id);  // its folder was the batch's result
   }
   root.add_recorded(recorded);
   std::vector<const CaptureJob*> pending;
@@ -122,7 +122,7 @@ std::vector<const CaptureJob*> still_to_run(const std::vector<CaptureJob>& jobs,
     root.discard(job.id);
     const auto it = rows.find(job.id);
     const bool done = !options.force && it != rows.end() && it->second.input == job.input &&
-                      it->second.status != "error" && root.has_result(job.id);
+                      it->second.status != kError && root.has_result(job.id);
     if (done) continue;
     rows.erase(job.id);
     pending.push_back(&job);
@@ -157,12 +157,12 @@ int finish_run(const BatchOptions& options, const std::vector<CaptureJob>& jobs,
     say(e.what());  // summary.csv stands
   }
   const double seconds = seconds_since(start);
-  const int status = g_signal != 0 ? 128 + g_signal : counts["error"] > 0 ? 1 : 0;
+  const int status = g_signal != 0 ? 128 + g_signal : counts[kError] > 0 ? 1 : 0;
   if (options.verbosity == 0) return status;
   std::fprintf(stderr,
                "%zu of %zu captures recorded: %d aligned, %d not_found, %d error; %zu run now in "
                "%.1f s, %.1f s per capture\n",
-               summary.size(), jobs.size() + summary.size() - pictures, counts["aligned"], counts["not_found"], counts["error"],
+               summary.size(), jobs.size() + summary.size() - pictures, counts[framealign::kAligned], counts[framealign::kNotFound], counts[kError],
                run, seconds, run == 0 ? 0.0 : seconds / run);
   if (options.fast) {
     if (counts["path tracked"] > 0) {

@@ -27,7 +27,7 @@ SummaryRow keep_result(const BatchRun& run, const std::string& id, const std::st
                        std::chrono::steady_clock::time_point start, const std::function<Made()>& make) {
   const BatchOptions& options = run.options;
   ResultRoot& root = run.root;
-  SummaryRow row{id, input, "error", {}};
+  SummaryRow row{id, input, kError, {}};
   std::string foreign = root.foreign(id);
   if (foreign.empty()) foreign = root.other_capture(id, input);
   if (!foreign.empty()) {
@@ -59,7 +59,7 @@ SummaryRow keep_result(const BatchRun& run, const std::string& id, const std::st
 
 SummaryRow error_row(const std::string& id, const std::string& input, const BatchOptions& options,
                      std::chrono::steady_clock::time_point start, const std::string& message) {
-  return SummaryRow{id, input, "error",
+  return SummaryRow{id, input, kError,
                     with_video(result_values(nullptr, options, seconds_since(start), one_line(message)),
                                options, {})};
 }

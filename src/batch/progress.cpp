@@ -17,14 +17,14 @@ void Progress::finished(const SummaryRow& row, const std::string& input, double 
   const double elapsed =
       std::chrono::duration<double>(std::chrono::steady_clock::now() - start_).count();
   const double per_capture = elapsed / done_;
-  if (verbosity_ == 0 && row.status != "error") return;
+  if (verbosity_ == 0 && row.status != kError) return;
   if (verbosity_ == 2) {
     std::fprintf(stderr, "%d/%d %s %s %.1f s %s\n", done_, total_, row.id.c_str(),
                  row.status.c_str(), seconds, input.c_str());
   } else if (tty_ && verbosity_ == 1) {
     const int left = static_cast<int>(per_capture * (total_ - done_));
     std::fprintf(stderr, "\r%d/%d  aligned %d  not_found %d  error %d  %.1f s/capture  %d:%02d left ",
-                 done_, total_, counts_["aligned"], counts_["not_found"], counts_["error"],
+                 done_, total_, counts_[framealign::kAligned], counts_[framealign::kNotFound], counts_[kError],
                  per_capture, left / 60, left % 60);
   } else {
     std::fprintf(stderr, "%d/%d %s %s %.1f s\n", done_, total_, row.id.c_str(),

@@ -115,7 +115,7 @@ std::string report_html(const std::vector<std::string>& columns, const std::vect
   html += kStyle;
   html += "</style></head><body>\n<h1>framealign-batch report</h1>\n<p class='counts'>";
   html += "<span>" + std::to_string(rows.size()) + " captures</span>";
-  for (const char* status : {"aligned", "not_found", "error"}) {
+  for (const char* status : {framealign::kAligned, framealign::kNotFound, kError}) {
     html += "<span class='" + std::string(status) + "'>" + status + " " + std::to_string(counts[status]) + "</span>";
   }
   html += "</p>\n<div class='charts'>";
@@ -129,7 +129,7 @@ std::string report_html(const std::vector<std::string>& columns, const std::vect
           "<th>aligned | reference</th><th>message</th></tr></thead>\n<tbody>\n";
   for (std::size_t i = 0; i < rows.size(); ++i) {
     const SummaryRow& r = rows[i];
-    const int rank = r.status == "error" ? 0 : r.status == "not_found" ? 1 : 2;
+    const int rank = r.status == kError ? 0 : r.status == framealign::kNotFound ? 1 : 2;
     html += "<tr data-id='" + escaped(r.id) + "' data-rank='" + std::to_string(rank) + "' data-score='" +
             escaped(value(r, score)) + "' data-est='" + escaped(value(r, est)) + "' data-seconds='" +
             escaped(value(r, seconds)) + "'><td>" + escaped(r.id) + "</td><td class='" + escaped(r.status) + "'>" +
@@ -139,7 +139,7 @@ std::string report_html(const std::vector<std::string>& columns, const std::vect
     for (const char* kind : {"capture", "frames"}) {
       const std::string name = url(r.id) + "." + kind + ".jpg";
       html += "<td>";
-      if (has_pictures[i] && (kind[0] == 'c' || r.status == "aligned")) {
+      if (has_pictures[i] && (kind[0] == 'c' || r.status == framealign::kAligned)) {
         html += "<a href='report/full/" + name + "' target='_blank'><img class='" + kind + "' loading='lazy' src='report/" +
                 name + "' alt='" + kind + " of " + escaped(r.id) + "'></a>";
       }

@@ -36,7 +36,7 @@ bool done(const BatchOptions& options, const std::map<std::string, SummaryRow>& 
   const std::string id = frame_id(video, frame);
   const auto it = recorded.find(id);
   return !options.force && it != recorded.end() && it->second.input == video.input &&
-         it->second.status != "error" && root.has_result(id);
+         it->second.status != kError && root.has_result(id);
 }
 
 std::vector<std::string> video_values(const framealign::VideoFrame& frame) {

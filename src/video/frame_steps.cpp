@@ -134,7 +134,7 @@ void VideoAligner::State::true_to_edges(VideoFrame& frame) {
 void VideoAligner::State::search_frame(VideoFrame& frame, const std::optional<Identity>& seeded) {
   if (seeded) {
     AlignResult result = align(frame.capture, reference(seeded->ref_frame), options.align);
-    if (result.status == "aligned") {
+    if (result.status == kAligned) {
       finish(frame, std::move(result), seeded->ref_frame);
       return;
     }
@@ -147,7 +147,7 @@ void VideoAligner::State::search_frame(VideoFrame& frame, const std::optional<Id
   const int middle = (index->first() + index->last()) / 2;
   for (int attempt = 0; attempt < 3 && next >= 0 && tried.count(next) == 0; ++attempt) {
     AlignResult result = align(frame.capture, reference(next), options.align);
-    if (result.status != "aligned") {
+    if (result.status != kAligned) {
       tried.emplace(next, std::make_pair(std::move(result), Identity()));
       // Elsewhere in the reference: its first frame, then its middle.
       next = tried.count(index->first()) == 0 ? index->first() : tried.count(middle) == 0 ? middle : -1;
