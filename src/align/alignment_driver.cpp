@@ -60,10 +60,6 @@ SlotSet corner_slots(const AlignmentJob& job) {
 
 }  // namespace
 
-Plan AlignmentJob::plan() const {
-  return make_plan(!reference.empty(), corners.has_value(), no_rectify, refine, fast);
-}
-
 Alignment run_alignment(const AlignmentJob& job) {
   // OpenCV's own warnings are noise here; a program that silenced its log
   // altogether keeps it silent.

@@ -41,7 +41,10 @@ struct AlignmentJob {
   // Set by another thread to stop the alignment (see stop_if_asked).
   const std::atomic<bool>* stop = nullptr;
 
-  Plan plan() const;
+  // What this job asks for, decided once (see make_plan).
+  Plan plan() const {
+    return make_plan(!reference.empty(), corners.has_value(), no_rectify, refine, fast);
+  }
 };
 
 // What one alignment ended with.

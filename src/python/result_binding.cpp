@@ -34,33 +34,6 @@ py::array_t<double> map_points(const AlignResult& r, const py::array_t<double, p
   return result;
 }
 
-// Output variants as framealign's --output takes them: a number 0..4, a
-// preset name, or a comma-separated text of them, or a list of any of
-// these; the program's message in a ValueError otherwise.
-}  // namespace
-
-std::vector<int> output_list(const py::object& outputs) {
-  std::vector<std::string> values;
-  if (py::isinstance<py::str>(outputs) || py::isinstance<py::int_>(outputs)) {
-    values.push_back(py::str(outputs));
-  } else {
-    for (const py::handle item : outputs) values.push_back(py::str(item));
-  }
-  std::vector<int> codes;
-  try {
-    for (const std::string& value : values) {
-      for (int code : framealign::parse_outputs(value)) {
-        if (std::find(codes.begin(), codes.end(), code) == codes.end()) codes.push_back(code);
-      }
-    }
-  } catch (const framealign::Error& e) {
-    throw py::value_error(e.what());
-  }
-  return codes;
-}
-
-namespace {
-
 std::string result_repr(const AlignResult& r) {
   std::string text = "<framealign.AlignResult status='" + r.status + "' score=" + py::repr(py::float_(r.score)).cast<std::string>();
   if (r.best_slot) text += " best_slot=" + std::to_string(*r.best_slot);
