@@ -8,8 +8,8 @@
 
 #include "align/align.h"
 #include "align/matching.h"
-#include "align/scoring.h"
 #include "align/refinement.h"
+#include "align/scoring.h"
 #include "align/warps.h"
 #include "sim/render.h"
 

@@ -6,10 +6,10 @@
 #include <stdexcept>
 
 #include "align/alignment_driver.h"
-#include "core/plane_io.h"
 #include "align/quick_path.h"
 #include "align/search.h"
 #include "align/warps.h"
+#include "core/plane_io.h"
 
 namespace framealign {
 
@@ -76,7 +76,7 @@ int generate_extraction_input(const char* result_folder, const cv::Mat& image,
   job.save = save;
   const Alignment alignment = extraction_slots(job, job.plan());
   const SlotSet& slots = alignment.slots;
-  const int k = slots.size() / 2;
+  const int k = slots.results();
   for (int i = 0; i < slots.size(); ++i) {
     std::memcpy(aligned[i], slots[i].frame.data, luma_plane_size(width, height));
   }

@@ -11,8 +11,8 @@
 #include <cmath>
 
 #include "align/align.h"
-#include "align/refinement.h"
 #include "align/mapping.h"
+#include "align/refinement.h"
 
 namespace framealign {
 

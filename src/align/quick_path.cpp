@@ -13,10 +13,10 @@
 
 #include "align/align.h"
 #include "align/matching.h"
-#include "core/plane_io.h"
 #include "align/scoring.h"
 #include "align/verification.h"
 #include "align/warps.h"
+#include "core/plane_io.h"
 
 namespace framealign {
 

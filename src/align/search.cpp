@@ -12,12 +12,12 @@
 
 #include "align/align.h"
 #include "align/matching.h"
-#include "core/parallel_for.h"
-#include "core/plane_io.h"
 #include "align/refinement.h"
 #include "align/scoring.h"
-#include "core/stop.h"
 #include "align/verification.h"
+#include "core/parallel_for.h"
+#include "core/plane_io.h"
+#include "core/stop.h"
 #include "framealign/framealign.h"
 
 namespace framealign {

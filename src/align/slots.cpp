@@ -36,7 +36,9 @@ SlotSet SlotSet::with_enhanced_copies(std::vector<Slot> results) {
   for (std::size_t j = 0; j < k; ++j) {
     results.push_back(finished_copy(results[j], kEnhancedCopyVariant));
   }
-  return SlotSet(std::move(results));
+  SlotSet set(std::move(results));
+  set.results_ = static_cast<int>(k);
+  return set;
 }
 
 SlotSet SlotSet::variants(const Slot& plain, const std::vector<int>& codes) {
@@ -58,7 +60,9 @@ SlotSet SlotSet::from_rows(int count, unsigned char* const* aligned, const doubl
     std::copy(content_pts[row], content_pts[row] + 20, slot.polygon.begin());
     slots.push_back(std::move(slot));
   }
-  return SlotSet(std::move(slots));
+  SlotSet set(std::move(slots));
+  set.results_ = count <= 1 ? count : count / 2;
+  return set;
 }
 
 }  // namespace framealign

@@ -42,8 +42,9 @@ struct Slot {
 class SlotSet {
  public:
   SlotSet() = default;
-  // The slots as they are, each with its own corners and polygon.
-  explicit SlotSet(std::vector<Slot> slots) : slots_(std::move(slots)) {}
+  // The slots as they are, each with its own corners and polygon, all
+  // results.
+  explicit SlotSet(std::vector<Slot> slots) : slots_(std::move(slots)), results_(size()) {}
 
   // k results followed by their enhanced copies (output variant 2), so that
   // slot k + j is the enhanced frame of slot j.
@@ -57,12 +58,15 @@ class SlotSet {
                            const double (*content_pts)[20], int width, int height);
 
   int size() const { return static_cast<int>(slots_.size()); }
+  // How many slots, from the first, are results rather than copies of them.
+  int results() const { return results_; }
   bool empty() const { return slots_.empty(); }
   const Slot& operator[](int i) const { return slots_.at(static_cast<std::size_t>(i)); }
   const std::vector<Slot>& slots() const { return slots_; }
 
  private:
   std::vector<Slot> slots_;
+  int results_ = 0;
 };
 
 }  // namespace framealign

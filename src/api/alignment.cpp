@@ -9,8 +9,8 @@
 #include "align/alignment_driver.h"
 #include "align/mapping.h"
 #include "align/output_variants.h"
-#include "core/as_error.h"
 #include "api/result_files.h"
+#include "core/as_error.h"
 #include "framealign/framealign.h"
 #include "io/cache_callbacks.h"
 #include "io/feature_cache.h"
@@ -74,10 +74,8 @@ void describe(const Alignment& alignment, const AlignOptions& options, int width
   result.path = alignment.path;
   const SlotSet& slots = alignment.slots;
   if (alignment.plan.mode == AlignmentMode::SEARCH && !slots.empty()) {
-    // The results are the front half; their enhanced copies follow.
-    const int k = slots.size() / 2;
     int best = 0;
-    for (int i = 0; i < k; ++i) {
+    for (int i = 0; i < slots.results(); ++i) {
       result.slot_scores.push_back(slots[i].score);
       if (slots[i].score < slots[best].score) best = i;
     }

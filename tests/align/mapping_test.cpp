@@ -7,8 +7,8 @@
 #include <opencv2/imgproc.hpp>
 
 #include "align/align.h"
-#include "align/refinement.h"
 #include "align/mapping.h"
+#include "align/refinement.h"
 #include "sim/render.h"
 
 using namespace framealign;  // NOLINT(google-build-using-namespace)

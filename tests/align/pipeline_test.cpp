@@ -4,8 +4,8 @@
 #include <gtest/gtest.h>
 #include <opencv2/imgcodecs.hpp>
 
-#include "align/search.h"
 #include "align/alignment_driver.h"
+#include "align/search.h"
 #include "core/parallel_for.h"
 #include "test_support.h"
 
@@ -150,9 +150,8 @@ class MirroredSearch : public testing::Test {
         write_result_folder(dir.path().string(), job.input, alignment.slots, alignment.score, true);
         inputs_.push_back(job.input);
         folders_.push_back(read_folder(dir.path().string()));
-        // The search's results: the front half of the slots.
         runs_.emplace_back(alignment.slots.slots().begin(),
-                           alignment.slots.slots().begin() + alignment.slots.size() / 2);
+                           alignment.slots.slots().begin() + alignment.slots.results());
       }
     }
     set_search_schedule(SearchSchedule::AUTOMATIC);
