@@ -146,8 +146,7 @@ struct Attempts {
 
 void set_search_schedule(SearchSchedule schedule) { g_schedule = schedule; }
 
-MatchingMode choose_matching_mode(const cv::Mat& image, const cv::Mat& reference,
-                                  const char* result_folder) {
+MatchingMode choose_matching_mode(const cv::Mat& image, const cv::Mat& reference) {
   // On small copies of both pictures, try plain SIFT, affine SIFT and plain
   // SIFT on the mirrored input; a trial that finds far more matches than the
   // kept one decides how the full-size attempts run.
@@ -177,7 +176,7 @@ MatchingMode choose_matching_mode(const cv::Mat& image, const cv::Mat& reference
     double ignored_score = 1.0;
     const std::size_t found =
         calculateMatches(small_input, small_ref, small_width, small_height, GAUSSIAN_BLUR,
-                         small_corners, result_folder, small_ref_descriptors,
+                         small_corners, nullptr, small_ref_descriptors,
                          small_ref_keypoints, descriptors, keypoints, nullptr, nullptr,
                          ignored_score, trial == 1)
             .size();
@@ -210,7 +209,7 @@ Found search_slots(const cv::Mat& image, const cv::Mat& ref, const FeatureLoadCa
   if (schedule != SearchSchedule::PIPELINED) reference_features();
 
   if (terms.advanced) {
-    const MatchingMode mode = choose_matching_mode(image, ref, nullptr);
+    const MatchingMode mode = choose_matching_mode(image, ref);
     attempts.affine = mode.affine;
     // Into a picture of its own: `image` is the caller's buffer, which the
     // results writer outlines unmirrored.

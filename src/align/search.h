@@ -23,8 +23,7 @@ struct MatchingMode {
 // on the calling thread, on copies of both pictures scaled to a height of 360
 // (less for small references). A later trial wins with more than 10 matches
 // and more than twice the kept trial's.
-MatchingMode choose_matching_mode(const cv::Mat& image, const cv::Mat& reference,
-                                  const char* result_folder);
+MatchingMode choose_matching_mode(const cv::Mat& image, const cv::Mat& reference);
 
 // How the search runs its attempts. Results are byte-identical either way.
 enum class SearchSchedule {
