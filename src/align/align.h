@@ -132,6 +132,11 @@ bool check_ref_pts_sanity(const double* pts, int width, int height);
 // Area of the convex hull of the points rounded to pixels; 1.0 for fewer than 3.
 double calculateConvexHullArea(const std::vector<cv::Point2f>& pts);
 
+// The match term of a score, for `pairs_by_area`: the number of agreeing
+// pairs times the area they cover (hull area, pixels). 100 / (pairs x
+// area)^0.333; the exponent is deliberately 0.333, not an exact cube root.
+double match_term(double pairs_by_area);
+
 // ---- Matching and scoring -------------------------------------------------
 
 // Matches whose two keypoints are both larger than the q-quantile of their

@@ -99,4 +99,6 @@ double calculateConvexHullArea(const std::vector<cv::Point2f>& pts) {
   return cv::contourArea(hull, false);
 }
 
+double match_term(double pairs_by_area) { return 100.0 / std::pow(pairs_by_area, 0.333); }
+
 }  // namespace framealign

@@ -159,8 +159,7 @@ std::vector<cv::DMatch> inspect_matches(const std::vector<cv::DMatch>& matches,
     }
   }
   const double area = calculateConvexHullArea(hull_points);
-  // The exponent is deliberately 0.333, not an exact cube root.
-  score = 100.0 / std::pow(static_cast<double>(inliers.size()) * area, 0.333);
+  score = match_term(static_cast<double>(inliers.size()) * area);
   return inliers;
 }
 

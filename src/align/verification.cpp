@@ -26,8 +26,6 @@ void warp_refined(const cv::Mat& image, const RefinedCorners& refined, Slot& slo
 
 }  // namespace
 
-double match_term(double pairs_by_area) { return 100.0 / std::pow(pairs_by_area, 0.333); }
-
 double coverage(const std::vector<cv::Point2f>& points, int width, int height) {
   return calculateConvexHullArea(points) / (double(width) * height);
 }

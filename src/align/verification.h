@@ -22,11 +22,6 @@ constexpr double kQuickMaxError = 1.0;
 // the frame (their convex hull in reference pixels).
 constexpr double kMinimumCoverage = 0.35;
 
-// The search's match term for `pairs_by_area`, the number of agreeing pairs
-// times the area they cover: 100 / (pairs x area)^0.333. The exponent is
-// deliberately 0.333, not an exact cube root.
-double match_term(double pairs_by_area);
-
 // Share of a width x height frame covered by the convex hull of `points`.
 double coverage(const std::vector<cv::Point2f>& points, int width, int height);
 
