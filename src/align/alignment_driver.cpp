@@ -75,7 +75,7 @@ Alignment run_alignment(const AlignmentJob& job) {
     case AlignmentMode::CORNERS_GIVEN:
       return Alignment{plan, 0.0, "", corner_slots(job)};
     default:
-      return extraction_slots(job, plan);
+      return extraction_slots(job);
   }
 }
 

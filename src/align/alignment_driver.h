@@ -63,7 +63,7 @@ Alignment run_alignment(const AlignmentJob& job);
 
 // What a capture with a reference and no corners gives (no rectification,
 // or the quick path and the search); every result with its enhanced copy.
-Alignment extraction_slots(const AlignmentJob& job, const Plan& plan);
+Alignment extraction_slots(const AlignmentJob& job);
 
 // Writes the result folder of `slots` (aligned_i__WxxH.yuv, pts_i.txt,
 // content_pts_i.txt, the previews with `jpeg_output`, mapping_i.txt for a

@@ -30,7 +30,8 @@ std::optional<Slot> quick_attempt(const AlignmentJob& job) {
 
 }  // namespace
 
-Alignment extraction_slots(const AlignmentJob& job, const Plan& plan) {
+Alignment extraction_slots(const AlignmentJob& job) {
+  const Plan plan = job.plan();
   if (plan.mode == AlignmentMode::NO_RECTIFY) {
     Slot slot = Slot::blank(job.width, job.height);
     copy_plane(job.input, slot.frame.data, job.width, job.height);
@@ -74,7 +75,7 @@ int generate_extraction_input(const char* result_folder, const cv::Mat& image,
   job.advanced = advanced;
   job.load = load;
   job.save = save;
-  const Alignment alignment = extraction_slots(job, job.plan());
+  const Alignment alignment = extraction_slots(job);
   const SlotSet& slots = alignment.slots;
   const int k = slots.results();
   for (int i = 0; i < slots.size(); ++i) {

@@ -119,13 +119,12 @@ struct Attempts {
   // search made it, with no estimate (+inf).
   void refine_attempt(Slot& slot, const std::vector<cv::DMatch>& all_matches,
                       const RectifiedMatches& rectified, int i) {
-    RefinedCorners refined;
+    RefinedCorners refined;  // not accepted, no estimate, unless the refinement ends
     try {
       refined = refine_corners(matched_points(all_matches, ref_keypoints, keypoints[i]),
                                matched_points(rectified.matches, ref_keypoints, rectified.keypoints),
                                slot.corners.data(), width, height, work.size());
     } catch (const cv::Exception&) {
-      refined = RefinedCorners();
     }
     apply_refinement(slot, work, refined);
   }

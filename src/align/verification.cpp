@@ -11,8 +11,8 @@ namespace framealign {
 
 namespace {
 
-// The capture warped by the refined geometry into `slot`, which takes it
-// on: corners, mapping, estimate.
+// The capture warped by the refined geometry into `slot`, which takes on
+// its corners and mapping.
 void warp_refined(const cv::Mat& image, const RefinedCorners& refined, Slot& slot) {
   const int width = slot.frame.cols, height = slot.frame.rows;
   slot.mapping = refined.mapping;
