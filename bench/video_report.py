@@ -55,7 +55,7 @@ def score(folder):
     truth = {r["capture_frame"]: r for r in csv.DictReader(open(f"{folder}/truth.csv"))}
     got = {r["capture_frame"]: r for r in csv.DictReader(open(f"{folder}/video/summary.csv"))}
     s = dict(frames=len(truth), right=0, tp=0, fp=0, fn=0, mixed=0, complete=0, unmixed=0, within=0, fast=0,
-             worst=0.0, mixed_worst=0.0)
+             worst=0.0, mixed_worst=0.0, wrong=0, wrong_sure=0)
     for k, t in truth.items():
         g = got.get(k)
         if g is None:
@@ -76,6 +76,11 @@ def score(folder):
         back = homography(corners(t), FRAME)  # capture to reference, the truth's
         error = max(((x - fx) ** 2 + (y - fy) ** 2) ** 0.5
                     for (x, y), (fx, fy) in zip((apply(back, p) for p in corners(g)), FRAME))
+        # Called aligned while wrong: over 3 px anywhere, or a frame the screen did not show; "sure"
+        # when its own estimate still says a pixel or less.
+        if error > 3.0 or g["ref_frame"] not in t["ref_frames"].split(";"):
+            s["wrong"] += 1
+            s["wrong_sure"] += g.get("est_error_px", "") != "" and float(g["est_error_px"]) <= 1.0
         if tm:
             s["mixed_worst"] = max(s["mixed_worst"], error)
             continue
@@ -101,11 +106,12 @@ def main():
                "camera's rate of a 1280 x 720 reference video (a pan), `framealign-batch --video --fast`; the "
                "pictures run is `framealign-batch --fast` on the same decoded frames as PNG files with the right "
                "frame_number in the list. Corners: unmixed frames within 1 reference pixel, and the worst; the worst "
-               "of mixed frames.", "",
+               "of mixed frames. Wrong: frames called aligned over 3 px off anywhere or showing a frame not on "
+               "the screen, and of those the ones whose estimate says 1 px or less.", "",
                "| case | shown/filmed | frames | ref_frame right | mixed precision | mixed recall | ref_frames "
-               "complete | corners within 1 px | worst px | worst px mixed | tracked | video fps | pictures fps | "
-               "speed-up | peak MB video / pictures |",
-               "|---|---|---|---|---|---|---|---|---|---|---|---|---|---|---|"]
+               "complete | corners within 1 px | worst px | worst px mixed | wrong / estimate ≤1 px | tracked | "
+               "video fps | pictures fps | speed-up | peak MB video / pictures |",
+               "|---|---|---|---|---|---|---|---|---|---|---|---|---|---|---|---|"]
     for tag, display, camera, video_time, picture_time, folder in lines:
         s = score(folder)
         v_seconds, v_kb = map(float, video_time.split())
@@ -123,7 +129,7 @@ def main():
             f"{pct(s['tp'], s['tp'] + s['fp'])} | {pct(s['tp'], s['tp'] + s['fn'])} | "
             f"{pct(s['complete'], s['mixed'])} | {pct(s['within'], s['unmixed'])} | "
             f"{worst(s['worst'], s['unmixed'])} | {worst(s['mixed_worst'], s['mixed'])} | "
-            f"{pct(s['fast'], s['frames'])} | {video_fps:.2f} | {picture} | {speed} | {peaks} |")
+            f"{s['wrong']} / {s['wrong_sure']} | {pct(s['fast'], s['frames'])} | {video_fps:.2f} | {picture} | {speed} | {peaks} |")
     path = "bench/RESULTS.md"
     text = open(path).read()
     start = text.find("\n## Videos\n")
