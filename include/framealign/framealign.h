@@ -119,6 +119,14 @@ struct AlignOptions {
   // picture has the aspect of a crop_width x crop_height crop; 0 disables.
   int crop_width = 0;
   int crop_height = 0;
+  // Rough corners (as `corners`, a few percent of the screen's size off at
+  // most, as clicked by hand): the features are matched only where they put
+  // the screen, the geometry is refined below a pixel and verified as the
+  // quick path's is (implies refine). Verified: status "aligned", path
+  // "hint". Not verified: status "hint_unverified", the capture warped by
+  // the hint as given, and `reason` says why. Not with `corners` or
+  // `no_rectify`.
+  std::optional<std::array<double, 8>> hint;
   // No search and no warp: the capture's first width x height bytes as the
   // frame (for captures already in the reference's geometry).
   bool no_rectify = false;
@@ -168,12 +176,19 @@ struct FRAMEALIGN_API Mapping {
 inline constexpr const char kAligned[] = "aligned";
 inline constexpr const char kNotFound[] = "not_found";
 inline constexpr const char kUnrectified[] = "unrectified";
+inline constexpr const char kHintUnverified[] = "hint_unverified";
 
 // What align() found.
 struct FRAMEALIGN_API AlignResult {
   // "aligned" (the frame was found, or corners were given), "not_found" (no
-  // attempt succeeded), or "unrectified" (no_rectify: the capture as it is).
+  // attempt succeeded), "unrectified" (no_rectify: the capture as it is), or
+  // "hint_unverified" (a hint that could not be refined and verified: the
+  // frame is warped by the hint's corners, which are only as good as the
+  // clicks that made them).
   std::string status;
+  // Why a hint was not verified, in words, with the figures of the check
+  // that failed; "" otherwise.
+  std::string reason;
   // The best attempt's score, lower is better; 999999 when not found, 0 with
   // corners given or no_rectify.
   double score = 999999.0;
@@ -195,7 +210,8 @@ struct FRAMEALIGN_API AlignResult {
   // mirrored it). None when not found or unrectified.
   std::optional<Mapping> mapping;
   // With fast: "fast" when the quick path was verified, else "full"; a
-  // frame of a video tracked from the frame before (VideoAligner): "tracked".
+  // frame of a video tracked from the frame before (VideoAligner): "tracked";
+  // with a hint: "hint".
   std::string path;
   // The aligned frames, one per result slot (reference size, CV_8UC1), as
   // the result folder holds them.

@@ -230,8 +230,8 @@ void align_frame(const std::vector<cv::DMatch>& matches,
 // advanced pre-pass), compacts the successful ones to the front and stores
 // the lowest score (kFailedScore when none succeeded). Returns their count k.
 int get_rectified_imgs(const cv::Mat& image, int width, int height, const char* result_folder,
-                       const unsigned char* reference, unsigned char** aligned,
-                       double (*pts)[8], double (*content_pts)[20], double* best_score,
+                       const unsigned char* reference, unsigned char** aligned, double (*pts)[8],
+                       double (*content_pts)[20], double* best_score,
                        const FeatureLoadCallback& load, const FeatureSaveCallback& save,
                        bool advanced);
 
@@ -242,9 +242,9 @@ int get_rectified_imgs(const cv::Mat& image, int width, int height, const char* 
 // handles the other modes itself: given corners (pts_in[7] != 0) or a null
 // reference are refused with std::invalid_argument.
 int generate_extraction_input(const char* result_folder, const cv::Mat& image,
-                              const unsigned char* reference, int width, int height,
-                              int no_rectify, const double* pts_in, unsigned char** aligned,
-                              double (*pts)[8], double (*content_pts)[20], double* best_score,
+                              const unsigned char* reference, int width, int height, int no_rectify,
+                              const double* pts_in, unsigned char** aligned, double (*pts)[8],
+                              double (*content_pts)[20], double* best_score,
                               const FeatureLoadCallback& load, const FeatureSaveCallback& save,
                               bool advanced);
 

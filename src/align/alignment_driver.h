@@ -26,7 +26,8 @@ struct AlignmentJob {
   int width = 0;
   int height = 0;
   std::optional<std::array<double, 8>> corners;  // given by hand
-  int crop_width = 0;  // with corners: the crop aspect to pad to; 0: none
+  std::optional<std::array<double, 8>> hint;     // rough corners: where to look, refined
+  int crop_width = 0;                            // with corners: the crop aspect to pad to; 0: none
   int crop_height = 0;
   std::vector<int> outputs;  // with corners: output variants (empty: 3, 0)
   bool no_rectify = false;
@@ -43,7 +44,14 @@ struct AlignmentJob {
 
   // What this job asks for, decided once (see make_plan).
   Plan plan() const {
-    return make_plan(!reference.empty(), corners.has_value(), no_rectify, refine, fast);
+    Request request;
+    request.has_reference = !reference.empty();
+    request.corners_given = corners.has_value();
+    request.hinted = hint.has_value();
+    request.no_rectify = no_rectify;
+    request.refine = refine;
+    request.fast = fast;
+    return make_plan(request);
   }
 };
 
@@ -53,6 +61,9 @@ struct Alignment {
   double score = 0.0;  // align_frame's return value
   std::string path;    // see Plan::path
   SlotSet slots;
+  // Why the answer is not there or not trusted, in words (a refused hint);
+  // "" otherwise.
+  std::string reason;
 
   std::string status() const { return plan.status(score); }
 };

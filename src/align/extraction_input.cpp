@@ -6,6 +6,7 @@
 #include <stdexcept>
 
 #include "align/alignment_driver.h"
+#include "align/hinted.h"
 #include "align/quick_path.h"
 #include "align/search.h"
 #include "align/warps.h"
@@ -15,17 +16,44 @@ namespace framealign {
 
 namespace {
 
+// The reference's tuned features (from the job's cache when it has them).
+struct ReferenceFeatures {
+  std::vector<cv::KeyPoint> keypoints;
+  cv::Mat descriptors;
+};
+ReferenceFeatures reference_features(const AlignmentJob& job) {
+  ReferenceFeatures ref;
+  get_keypoints_descriptors_ref(job.reference, ref.keypoints, ref.descriptors, job.load, job.save);
+  return ref;
+}
+
 // The quick path's slot, when its answer was verified.
 std::optional<Slot> quick_attempt(const AlignmentJob& job) {
   stop_if_asked(job.stop);
   QuickFeatures computed;
   if (job.quick_reference == nullptr) computed = quick_features(job.reference);
-  std::vector<cv::KeyPoint> ref_keypoints;
-  cv::Mat ref_descriptors;
-  get_keypoints_descriptors_ref(job.reference, ref_keypoints, ref_descriptors, job.load, job.save);
+  const ReferenceFeatures ref = reference_features(job);
   return quick_rectified_img(job.input, job.reference,
-                             job.quick_reference ? *job.quick_reference : computed, ref_keypoints,
-                             ref_descriptors);
+                             job.quick_reference ? *job.quick_reference : computed, ref.keypoints,
+                             ref.descriptors);
+}
+
+// A hinted alignment: the verified answer, or the capture warped by the
+// hint as given with the reason it was not verified.
+Alignment hinted_alignment(const AlignmentJob& job, const Plan& plan) {
+  stop_if_asked(job.stop);
+  const ReferenceFeatures ref = reference_features(job);
+  stop_if_asked(job.stop);
+  HintedAttempt attempt =
+      hinted_slot(job.input, *job.hint, job.reference, ref.keypoints, ref.descriptors);
+  if (attempt.slot) {
+    const double score = attempt.slot->score;
+    return Alignment{plan, score, plan.path(false),
+                     SlotSet::with_enhanced_copies({std::move(*attempt.slot)}), ""};
+  }
+  Slot given = unverified_hint_slot(job.input, *job.hint, job.width, job.height);
+  return Alignment{plan, kFailedScore, plan.path(false), SlotSet::with_enhanced_copies({given}),
+                   attempt.reason};
 }
 
 }  // namespace
@@ -37,12 +65,13 @@ Alignment extraction_slots(const AlignmentJob& job) {
     copy_plane(job.input, slot.frame.data, job.width, job.height);
     write_frame_polygon(job.width, job.height, slot.polygon.data());
     // No score: the capture was not searched.
-    return Alignment{plan, 0.0, "", SlotSet::with_enhanced_copies({slot})};
+    return Alignment{plan, 0.0, "", SlotSet::with_enhanced_copies({slot}), ""};
   }
+  if (plan.mode == AlignmentMode::HINTED) return hinted_alignment(job, plan);
   if (plan.quick_first) {
     if (std::optional<Slot> quick = quick_attempt(job)) {
       const double score = quick->score;
-      return Alignment{plan, score, plan.path(true), SlotSet::with_enhanced_copies({*quick})};
+      return Alignment{plan, score, plan.path(true), SlotSet::with_enhanced_copies({*quick}), ""};
     }
   }
   SearchTerms terms;
@@ -51,13 +80,13 @@ Alignment extraction_slots(const AlignmentJob& job) {
   terms.stop = job.stop;
   Found found = search_slots(job.input, job.reference, job.load, job.save, terms);
   return Alignment{plan, found.best_score, plan.path(false),
-                   SlotSet::with_enhanced_copies(std::move(found.results))};
+                   SlotSet::with_enhanced_copies(std::move(found.results)), ""};
 }
 
 int generate_extraction_input(const char* result_folder, const cv::Mat& image,
-                              const unsigned char* reference, int width, int height,
-                              int no_rectify, const double* pts_in, unsigned char** aligned,
-                              double (*pts)[8], double (*content_pts)[20], double* best_score,
+                              const unsigned char* reference, int width, int height, int no_rectify,
+                              const double* pts_in, unsigned char** aligned, double (*pts)[8],
+                              double (*content_pts)[20], double* best_score,
                               const FeatureLoadCallback& load, const FeatureSaveCallback& save,
                               bool advanced) {
   (void)result_folder;  // read by nothing the search calls

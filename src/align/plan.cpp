@@ -4,22 +4,26 @@
 
 namespace framealign {
 
-Plan make_plan(bool has_reference, bool corners_given, bool no_rectify, bool refine, bool fast) {
+Plan make_plan(const Request& request) {
   Plan plan;
-  if (corners_given) {
+  if (request.corners_given) {
     plan.mode = AlignmentMode::CORNERS_GIVEN;
-  } else if (!has_reference) {
+  } else if (!request.has_reference) {
     plan.mode = AlignmentMode::FEATURES_ONLY;
+  } else if (request.no_rectify) {
+    plan.mode = AlignmentMode::NO_RECTIFY;
   } else {
-    plan.mode = no_rectify ? AlignmentMode::NO_RECTIFY : AlignmentMode::SEARCH;
+    plan.mode = request.hinted ? AlignmentMode::HINTED : AlignmentMode::SEARCH;
   }
   const bool searches = plan.mode == AlignmentMode::SEARCH;
-  plan.quick_first = searches && fast;
-  plan.refine = searches && (refine || fast);
+  plan.quick_first = searches && request.fast;
+  plan.refine =
+      plan.mode == AlignmentMode::HINTED || (searches && (request.refine || request.fast));
   return plan;
 }
 
 std::string Plan::path(bool quick_taken) const {
+  if (mode == AlignmentMode::HINTED) return kHintPath;
   if (!quick_first) return "";
   return quick_taken ? kQuickPath : kFullPath;
 }
@@ -30,6 +34,8 @@ std::string Plan::status(double score) const {
       return kAligned;
     case AlignmentMode::NO_RECTIFY:
       return kUnrectified;
+    case AlignmentMode::HINTED:
+      return score < kFailedScore ? kAligned : kHintUnverified;
     default:
       return score < kFailedScore ? kAligned : kNotFound;
   }

@@ -14,12 +14,14 @@ enum class AlignmentMode {
   CORNERS_GIVEN,  // warp by the given corners, one slot per output variant
   NO_RECTIFY,     // the input as it lies, and its enhanced copy
   SEARCH,         // the rectification search (after the quick path, with fast)
+  HINTED,         // rough corners given as a start: matched there, refined, verified
 };
 
 // The paths a result reports (its statuses are the public header's).
 inline constexpr const char* kQuickPath = "fast";
 inline constexpr const char* kFullPath = "full";
 inline constexpr const char* kTrackedPath = "tracked";
+inline constexpr const char* kHintPath = "hint";
 
 struct Plan {
   AlignmentMode mode = AlignmentMode::SEARCH;
@@ -29,14 +31,25 @@ struct Plan {
   bool quick_first = false;
 
   // The path a search result reports: with the quick path first, kQuickPath
-  // when its answer was taken and kFullPath when the search ran; "" else.
+  // when its answer was taken and kFullPath when the search ran; kHintPath
+  // for a hinted alignment; "" else.
   std::string path(bool quick_taken) const;
   // The status of an alignment of this plan that ended with `score`.
   std::string status(double score) const;
 };
 
-// The plan for a request: a reference or none, corners given or none, and
-// the no-rectification, refinement and fast requests (fast implies refine).
-Plan make_plan(bool has_reference, bool corners_given, bool no_rectify, bool refine, bool fast);
+// What a request asks for, as make_plan reads it.
+struct Request {
+  bool has_reference = true;
+  bool corners_given = false;
+  bool hinted = false;  // rough corners given as the search's start
+  bool no_rectify = false;
+  bool refine = false;
+  bool fast = false;  // implies refine
+};
+
+// The plan for a request. Given corners come first; a hint with a reference
+// is refined and verified (so it implies refine); fast implies refine.
+Plan make_plan(const Request& request);
 
 }  // namespace framealign

@@ -113,16 +113,18 @@ std::optional<Slot> quick_rectified_img(const cv::Mat& image, const cv::Mat& ref
 
   double corners[8];
   frame_seen_through(to_capture, width, height, corners);
-  if (!upright(corners) || !check_ref_pts_sanity(corners, image.cols, image.rows)) return std::nullopt;
+  if (!upright(corners) || !check_ref_pts_sanity(corners, image.cols, image.rows))
+    return std::nullopt;
 
   Slot seen = Slot::blank(width, height);
   warp_to_frame(image, width, height, corners, seen.frame.data, seen.polygon.data());
   cv::theRNG() = cv::RNG();
-  const RectifiedMatches rectified = match_rectified(seen.frame.data, ref_descriptors, width, height);
+  const RectifiedMatches rectified =
+      match_rectified(seen.frame.data, ref_descriptors, width, height);
   // The search's score, with the quick fit's inliers in place of the grid's.
-  const double quick_score = rectification_score(rectified, ref_keypoints) *
-                             match_term(static_cast<double>(kept_reference.size()) * covered *
-                                        width * height);
+  const double quick_score =
+      rectification_score(rectified, ref_keypoints) *
+      match_term(static_cast<double>(kept_reference.size()) * covered * width * height);
   if (!(quick_score < kFailedScore)) return std::nullopt;
 
   const RefinedCorners refined =

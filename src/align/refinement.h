@@ -24,11 +24,11 @@ PointPairs matched_points(const std::vector<cv::DMatch>& matches,
 
 // What refine_corners found.
 struct RefinedCorners {
-  bool accepted = false;        // `corners` differ from the ones given
-  double corners[8] = {};       // the geometry to use, input pixels
+  bool accepted = false;           // `corners` differ from the ones given
+  double corners[8] = {};          // the geometry to use, input pixels
   double est_error_px = HUGE_VAL;  // estimated largest error over the frame, reference pixels
-  int frame_pairs = 0;          // the aligned frame's pairs in the correction's last fit
-  Mapping mapping;              // the whole mapping; lens distortion only when chosen
+  int frame_pairs = 0;             // the aligned frame's pairs in the correction's last fit
+  Mapping mapping;                 // the whole mapping; lens distortion only when chosen
 };
 
 // Re-fits the homography of the frame found at `corners` over `pairs` (all
@@ -55,12 +55,12 @@ constexpr double kLensHeldOutGain = 0.9;
 // The lens model's fit to `evidence` (capture points in `input`), started
 // from the capture-to-reference homography `to_reference`.
 struct LensFit {
-  bool chosen = false;     // the evidence supports it
-  Mapping mapping;         // the fit, valid when `pairs` > 0
-  int pairs = 0;           // pairs in its last fit
+  bool chosen = false;          // the evidence supports it
+  Mapping mapping;              // the fit, valid when `pairs` > 0
+  int pairs = 0;                // pairs in its last fit
   double deviation = HUGE_VAL;  // std of the worst grid point's position, reference pixels
-  double effect = 0.0;     // largest gap over the frame to `to_reference`, reference pixels
-  double held_out = 1.0;   // held-out loss, lens over homography
+  double effect = 0.0;          // largest gap over the frame to `to_reference`, reference pixels
+  double held_out = 1.0;        // held-out loss, lens over homography
 };
 LensFit fit_lens(const PointPairs& evidence, const cv::Matx33d& to_reference, cv::Size capture,
                  int width, int height);

@@ -96,9 +96,10 @@ void save_alignment_results(const char* result_folder, const unsigned char* inpu
                             int input_width, int input_height, double best_score,
                             bool jpeg_output) {
   const cv::Mat capture(input_height, input_width, CV_8UC1, const_cast<unsigned char*>(input));
-  write_result_folder(result_folder, capture,
-                      SlotSet::from_rows(std::max(count, 0), aligned, pts, content_pts, width, height),
-                      best_score, jpeg_output);
+  write_result_folder(
+      result_folder, capture,
+      SlotSet::from_rows(std::max(count, 0), aligned, pts, content_pts, width, height), best_score,
+      jpeg_output);
 }
 
 }  // namespace framealign

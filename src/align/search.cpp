@@ -54,8 +54,13 @@ SearchSchedule effective_schedule() {
 struct Attempts {
   Attempts(const cv::Mat& image, int width, int height, const FeatureLoadCallback& load,
            const FeatureSaveCallback& save)
-      : work(image), width(width), height(height), sanity_width(image.cols),
-        sanity_height(image.rows), load(load), save(save) {
+      : work(image),
+        width(width),
+        height(height),
+        sanity_width(image.cols),
+        sanity_height(image.rows),
+        load(load),
+        save(save) {
     frame_corners(width, height, ref_corners);
     for (Slot& slot : slots) slot = Slot::blank(width, height);
   }
@@ -121,9 +126,10 @@ struct Attempts {
                       const RectifiedMatches& rectified, int i) {
     RefinedCorners refined;  // not accepted, no estimate, unless the refinement ends
     try {
-      refined = refine_corners(matched_points(all_matches, ref_keypoints, keypoints[i]),
-                               matched_points(rectified.matches, ref_keypoints, rectified.keypoints),
-                               slot.corners.data(), width, height, work.size());
+      refined =
+          refine_corners(matched_points(all_matches, ref_keypoints, keypoints[i]),
+                         matched_points(rectified.matches, ref_keypoints, rectified.keypoints),
+                         slot.corners.data(), width, height, work.size());
     } catch (const cv::Exception&) {
     }
     apply_refinement(slot, work, refined);
@@ -175,9 +181,8 @@ MatchingMode choose_matching_mode(const cv::Mat& image, const cv::Mat& reference
     double ignored_score = 1.0;
     const std::size_t found =
         calculateMatches(small_input, small_ref, small_width, small_height, GAUSSIAN_BLUR,
-                         small_corners, nullptr, small_ref_descriptors,
-                         small_ref_keypoints, descriptors, keypoints, nullptr, nullptr,
-                         ignored_score, trial == 1)
+                         small_corners, nullptr, small_ref_descriptors, small_ref_keypoints,
+                         descriptors, keypoints, nullptr, nullptr, ignored_score, trial == 1)
             .size();
     mode.trial_matches[trial] = found;
     if (trial == 0) {
@@ -239,8 +244,8 @@ Found search_slots(const cv::Mat& image, const cv::Mat& ref, const FeatureLoadCa
 }
 
 int get_rectified_imgs(const cv::Mat& image, int width, int height, const char* result_folder,
-                       const unsigned char* reference, unsigned char** aligned,
-                       double (*pts)[8], double (*content_pts)[20], double* best_score,
+                       const unsigned char* reference, unsigned char** aligned, double (*pts)[8],
+                       double (*content_pts)[20], double* best_score,
                        const FeatureLoadCallback& load, const FeatureSaveCallback& save,
                        bool advanced) {
   (void)result_folder;  // read by nothing the search calls

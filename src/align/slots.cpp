@@ -44,7 +44,8 @@ SlotSet SlotSet::with_enhanced_copies(std::vector<Slot> results) {
 SlotSet SlotSet::variants(const Slot& plain, const std::vector<int>& codes) {
   const int n = static_cast<int>(codes.size());
   std::vector<Slot> slots(codes.size());
-  parallel_for(0, n, [&](int i) { slots[i] = finished_copy(plain, codes[i]); }, n);
+  parallel_for(
+      0, n, [&](int i) { slots[i] = finished_copy(plain, codes[i]); }, n);
   return SlotSet(std::move(slots));
 }
 

@@ -21,10 +21,10 @@ constexpr int kSlots = 6;
 // One aligned frame: the capture warped onto the reference frame by
 // `corners`, and what the alignment knows of it.
 struct Slot {
-  cv::Mat frame;                      // CV_8UC1, the reference's size, continuous
-  std::array<double, 8> corners{};    // capture pixels; zeros until located
-  std::array<double, 20> polygon;     // content polygon; -1 where unwritten
-  double score = kFailedScore;        // lower is better
+  cv::Mat frame;                    // CV_8UC1, the reference's size, continuous
+  std::array<double, 8> corners{};  // capture pixels; zeros until located
+  std::array<double, 20> polygon;   // content polygon; -1 where unwritten
+  double score = kFailedScore;      // lower is better
   // With refinement: the estimated largest error over the frame, reference
   // pixels (+inf when the matches were too few to tell), whether the refined
   // geometry replaced the search's, and the mapping the frame was warped by.

@@ -82,7 +82,8 @@ double tracked_score(const PointPairs& pairs, double offered, int width, int hei
     spread.emplace_back(pairs.reference[i]);
   }
   const double covered = coverage(spread, width, height);
-  if (offered < kLeastPart || covered < kMinimumCoverage * std::min(1.0, offered)) return kFailedScore;
+  if (offered < kLeastPart || covered < kMinimumCoverage * std::min(1.0, offered))
+    return kFailedScore;
   return rectification_score(as_matches, reference_points) *
          match_term(pairs.input.size() * covered * width * height);
 }
@@ -96,8 +97,9 @@ std::vector<cv::Point2f> track_points(const cv::Mat& reference) {
   return points;
 }
 
-std::optional<Slot> tracked_rectified_img(const cv::Mat& image, const std::vector<TrackGroup>& groups,
-                                          const double* seed, const TrackTerms& terms) {
+std::optional<Slot> tracked_rectified_img(const cv::Mat& image,
+                                          const std::vector<TrackGroup>& groups, const double* seed,
+                                          const TrackTerms& terms) {
   if (groups.empty()) return std::nullopt;
   const int width = groups[0].reference.cols, height = groups[0].reference.rows;
   if (!check_ref_pts_sanity(seed, image.cols, image.rows)) return std::nullopt;
@@ -117,7 +119,8 @@ std::optional<Slot> tracked_rectified_img(const cv::Mat& image, const std::vecto
     pairs.input.insert(pairs.input.end(), found.input.begin(), found.input.end());
     points.insert(points.end(), group.points.begin(), group.points.end());
   }
-  if (pairs.input.size() < static_cast<std::size_t>(terms.acceptance.least_pairs)) return std::nullopt;
+  if (pairs.input.size() < static_cast<std::size_t>(terms.acceptance.least_pairs))
+    return std::nullopt;
   const double offered = coverage(points, width, height);
   const double followed_score = tracked_score(pairs, offered, width, height);
   if (!(followed_score < kFailedScore)) return std::nullopt;

@@ -40,7 +40,8 @@ struct TrackTerms {
 // the pairs that come back. The first group's reference sets the exposure.
 // The slot only when verified as the quick path's is (verified_slot, within
 // `terms`); none otherwise.
-std::optional<Slot> tracked_rectified_img(const cv::Mat& image, const std::vector<TrackGroup>& groups,
-                                          const double* seed, const TrackTerms& terms);
+std::optional<Slot> tracked_rectified_img(const cv::Mat& image,
+                                          const std::vector<TrackGroup>& groups, const double* seed,
+                                          const TrackTerms& terms);
 
 }  // namespace framealign

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdio>
 
 #include "align/align.h"
 #include "align/mapping.h"
@@ -30,13 +31,33 @@ double coverage(const std::vector<cv::Point2f>& points, int width, int height) {
   return calculateConvexHullArea(points) / (double(width) * height);
 }
 
+std::string refusal(const RefinedCorners& refined, std::size_t offered,
+                    const Acceptance& acceptance) {
+  char text[160];
+  if (acceptance.moved && !refined.accepted) {
+    return "the refinement found no better geometry (its corrections did not agree, or moved a "
+           "corner too far)";
+  }
+  if (refined.frame_pairs < acceptance.least_pairs || refined.frame_pairs < 0.5 * offered) {
+    std::snprintf(text, sizeof(text),
+                  "the refined geometry kept %d of %zu matched pairs (at least %d and half are "
+                  "needed)",
+                  refined.frame_pairs, offered, acceptance.least_pairs);
+    return text;
+  }
+  if (!(refined.est_error_px <= acceptance.most_error)) {
+    std::snprintf(text, sizeof(text),
+                  "the refined geometry's estimated error is %.2f px (at most %.2f is taken)",
+                  refined.est_error_px, acceptance.most_error);
+    return text;
+  }
+  return "";
+}
+
 std::optional<Slot> verified_slot(const cv::Mat& image, const RefinedCorners& refined,
                                   std::size_t offered, const Acceptance& acceptance, double score,
                                   int width, int height) {
-  if (!refined.accepted || refined.frame_pairs < acceptance.least_pairs ||
-      refined.frame_pairs < 0.5 * offered || !(refined.est_error_px <= acceptance.most_error)) {
-    return std::nullopt;
-  }
+  if (!refusal(refined, offered, acceptance).empty()) return std::nullopt;
   Slot slot = Slot::blank(width, height);
   warp_refined(image, refined, slot);
   slot.score = score;
@@ -49,7 +70,8 @@ void apply_refinement(Slot& slot, const cv::Mat& image, const RefinedCorners& re
   if (refined.accepted) {
     warp_refined(image, refined, slot);
   } else {
-    slot.mapping = corners_mapping(slot.corners.data(), slot.frame.cols, slot.frame.rows, image.size());
+    slot.mapping =
+        corners_mapping(slot.corners.data(), slot.frame.cols, slot.frame.rows, image.size());
   }
 }
 

@@ -5,6 +5,7 @@
 
 #include <cstddef>
 #include <optional>
+#include <string>
 #include <vector>
 
 #include <opencv2/core.hpp>
@@ -27,10 +28,13 @@ double coverage(const std::vector<cv::Point2f>& points, int width, int height);
 
 // What a refined answer must show to be taken: at least `least_pairs` of
 // the aligned frame's pairs kept by the refinement's last fit, and at least
-// half of those offered to it, and an estimate of at most `most_error`.
+// half of those offered to it, and an estimate of at most `most_error`;
+// with `moved`, a refinement that changed the corners (an answer whose
+// corners came from a coarser fit is taken only once refined).
 struct Acceptance {
   int least_pairs = 100;
   double most_error = kQuickMaxError;
+  bool moved = true;
 };
 
 // The slot of a refined answer when `refined` passes `acceptance` with
@@ -40,6 +44,11 @@ struct Acceptance {
 std::optional<Slot> verified_slot(const cv::Mat& image, const RefinedCorners& refined,
                                   std::size_t offered, const Acceptance& acceptance, double score,
                                   int width, int height);
+
+// Why `refined` does not pass `acceptance` with `offered` pairs, in words
+// with its figures; "" when it passes.
+std::string refusal(const RefinedCorners& refined, std::size_t offered,
+                    const Acceptance& acceptance);
 
 // A found slot finished by the refinement: its estimate recorded and, when
 // the refinement was accepted, its geometry replaced and its frame warped

@@ -26,6 +26,15 @@ void check_grey(const cv::Mat& picture, const char* what) {
   }
 }
 
+void check_hint(const AlignOptions& options) {
+  if (options.hint && options.corners) {
+    throw Error("give corners (warped as given) or a hint (refined), not both");
+  }
+  if (options.hint && options.no_rectify) {
+    throw Error("a hint asks for a rectification, which no_rectify turns off");
+  }
+}
+
 void check_outputs(const std::vector<int>& outputs) {
   as_error([&] {
     for (int code : outputs) check_output_variant(code);
@@ -38,7 +47,9 @@ void check_outputs(const std::vector<int>& outputs) {
 CacheCallbacks capture_cache(const std::string& base, const cv::Mat& capture) {
   if (base.empty()) return CacheCallbacks();
   return cache_callbacks(
-      [base](const char* name) { return name == nullptr ? std::string() : feature_cache_path(base, name); },
+      [base](const char* name) {
+        return name == nullptr ? std::string() : feature_cache_path(base, name);
+      },
       CacheTrust::BY_NOTE, picture_fingerprint(capture));
 }
 
@@ -50,6 +61,7 @@ AlignmentJob make_job(const cv::Mat& input, const Reference::Data& reference,
   job.width = reference.plane.cols;
   job.height = reference.plane.rows;
   job.corners = options.corners;
+  job.hint = options.hint;
   job.crop_width = options.crop_width;
   job.crop_height = options.crop_height;
   job.outputs = options.outputs;
@@ -72,8 +84,10 @@ void describe(const Alignment& alignment, const AlignOptions& options, int width
   result.status = alignment.status();
   result.score = alignment.score;
   result.path = alignment.path;
+  result.reason = alignment.reason;
   const SlotSet& slots = alignment.slots;
-  if (alignment.plan.mode == AlignmentMode::SEARCH && !slots.empty()) {
+  const AlignmentMode mode = alignment.plan.mode;
+  if ((mode == AlignmentMode::SEARCH || mode == AlignmentMode::HINTED) && !slots.empty()) {
     int best = 0;
     for (int i = 0; i < slots.results(); ++i) {
       result.slot_scores.push_back(slots[i].score);
@@ -98,8 +112,13 @@ void describe(const Alignment& alignment, const AlignOptions& options, int width
 bool AlignOptions::refines() const { return plan_of(*this).refine; }
 
 Plan plan_of(const AlignOptions& options) {
-  return make_plan(true, options.corners.has_value(), options.no_rectify, options.refine,
-                   options.fast);
+  Request request;
+  request.corners_given = options.corners.has_value();
+  request.hinted = options.hint.has_value();
+  request.no_rectify = options.no_rectify;
+  request.refine = options.refine;
+  request.fast = options.fast;
+  return make_plan(request);
 }
 
 AlignResult result_of(const Alignment& alignment, const cv::Mat& input, int width, int height,
@@ -117,10 +136,10 @@ AlignResult result_of(const Alignment& alignment, const cv::Mat& input, int widt
   return result;
 }
 
-AlignResult align(const cv::Mat& capture, const Reference& reference,
-                  const AlignOptions& options) {
+AlignResult align(const cv::Mat& capture, const Reference& reference, const AlignOptions& options) {
   check_grey(capture, "the capture");
   check_outputs(options.outputs);
+  check_hint(options);
   // The pipeline reads the capture as one packed plane, and the previews
   // need it after the caller's buffer may be gone.
   const cv::Mat input = capture.isContinuous() && capture.u != nullptr ? capture : capture.clone();

@@ -17,7 +17,7 @@ namespace framealign {
 
 namespace {
 
-constexpr char kTag[] = "framealign result 2\n";
+constexpr char kTag[] = "framealign result 3\n";
 
 class Writer {
  public:
@@ -130,6 +130,7 @@ std::string AlignResult::to_bytes() const {
   optional_field(w, homography, [&](const cv::Matx33d& h) { for (double v : h.val) w.value(v); });
   optional_field(w, mapping, [&](const Mapping& m) { w.mapping(m); });
   w.text(path);
+  w.text(reason);
   w.value<std::uint8_t>(files != nullptr);
   if (!files) return w.bytes_;
   w.picture(files->capture);
@@ -173,6 +174,7 @@ AlignResult AlignResult::from_bytes(const std::string& bytes) {
   });
   out.mapping = optional_field<Mapping>(r, [&] { return r.mapping(); });
   out.path = r.text();
+  out.reason = r.text();
   if (r.flag()) {
     auto files = std::make_shared<Files>();
     files->capture = r.picture();

@@ -20,6 +20,7 @@
 #include <opencv2/core.hpp>
 
 #include "batch/batch_run.h"
+#include "batch/hints.h"
 #include "batch/keep_result.h"
 #include "batch/progress.h"
 #include "batch/references.h"
@@ -58,6 +59,7 @@ SummaryRow run_capture(const BatchRun& run, const CaptureJob& job, References& r
     made.capture = framealign::read_capture(job.input, job.reference.width, job.reference.height);
     framealign::AlignOptions align_options = align_options_of(options);
     if (options.capture_cache) align_options.capture_cache = job.input;
+    align_options.hint = job.hint;
     made.result = framealign::align(made.capture, reference, align_options);
     made.reference = reference.picture();
     return made;
@@ -82,8 +84,8 @@ size_t run_pending(const BatchRun& run, const std::vector<const CaptureJob*>& pe
   const int workers = std::min<int>(options.jobs > 0 ? options.jobs : default_jobs(),
                                     std::max<size_t>(pending.size(), 1));
   if (options.verbosity == 2) {
-    say(std::to_string(pending.size()) + " captures to run, --jobs " + std::to_string(workers) + " (" +
-        (options.jobs > 0 ? "given" : "from the usable CPUs and the memory") + ")");
+    say(std::to_string(pending.size()) + " captures to run, --jobs " + std::to_string(workers) +
+        " (" + (options.jobs > 0 ? "given" : "from the usable CPUs and the memory") + ")");
   }
   const auto run_one = [&](size_t i, const std::function<bool()>&) {
     const SummaryRow row = run_capture(run, *pending[i], references);
@@ -117,12 +119,25 @@ std::vector<const CaptureJob*> still_to_run(const std::vector<CaptureJob>& jobs,
     if (row.status != kError) recorded.insert(id);  // its folder was the batch's result
   }
   root.add_recorded(recorded);
+  const size_t path_value = std::find(columns.begin(), columns.end(), "path") - columns.begin() - 3;
+  // A hint is given to be used: a capture runs again unless this hint made
+  // its row (verified, or unverified with these very corners).
+  const auto hint_done = [&](const SummaryRow& row, const std::array<double, 8>& hint) {
+    if (row.status == framealign::kHintUnverified) {
+      return row.values.size() > 10 &&
+             corner_texts(hint) ==
+                 std::vector<std::string>(row.values.begin() + 3, row.values.begin() + 11);
+    }
+    return row.status == framealign::kAligned && path_value < row.values.size() &&
+           row.values[path_value] == "hint";
+  };
   std::vector<const CaptureJob*> pending;
   for (const CaptureJob& job : jobs) {
     root.discard(job.id);
     const auto it = rows.find(job.id);
     const bool done = !options.force && it != rows.end() && it->second.input == job.input &&
-                      it->second.status != kError && root.has_result(job.id);
+                      it->second.status != kError && root.has_result(job.id) &&
+                      (!job.hint || hint_done(it->second, *job.hint));
     if (done) continue;
     rows.erase(job.id);
     pending.push_back(&job);
@@ -146,9 +161,10 @@ int finish_run(const BatchOptions& options, const std::vector<CaptureJob>& jobs,
   }
   const size_t pictures = summary.size();
   for (SummaryRow& row : video_rows(videos, options, rows)) summary.push_back(std::move(row));
+  const bool paths = path_value < columns.size() - 3;
   for (const SummaryRow& row : summary) {
     ++counts[row.status];
-    if (options.fast) ++counts["path " + row.values.at(path_value)];
+    if (paths) ++counts["path " + row.values.at(path_value)];
   }
   write_summary((root_path / ("summary" + shard_tag(options) + ".csv")).string(), columns, summary);
   try {
@@ -160,11 +176,19 @@ int finish_run(const BatchOptions& options, const std::vector<CaptureJob>& jobs,
   const int status = g_signal != 0 ? 128 + g_signal : counts[kError] > 0 ? 1 : 0;
   if (options.verbosity == 0) return status;
   std::fprintf(stderr,
-               "%zu of %zu captures recorded: %d aligned, %d not_found, %d error; %zu run now in "
+               "%zu of %zu captures recorded: %d aligned, %d not_found, %d error%s; %zu run now in "
                "%.1f s, %.1f s per capture\n",
-               summary.size(), jobs.size() + summary.size() - pictures, counts[framealign::kAligned], counts[framealign::kNotFound], counts[kError],
+               summary.size(), jobs.size() + summary.size() - pictures,
+               counts[framealign::kAligned], counts[framealign::kNotFound], counts[kError],
+               options.hints.empty() ? ""
+                                     : (", " + std::to_string(counts[framealign::kHintUnverified]) +
+                                        " " + framealign::kHintUnverified)
+                                           .c_str(),
                run, seconds, run == 0 ? 0.0 : seconds / run);
-  if (options.fast) {
+  if (!options.hints.empty()) {
+    std::fprintf(stderr, "paths: %d hint, %d fast, %d full\n", counts["path hint"],
+                 counts["path fast"], counts["path full"]);
+  } else if (options.fast) {
     if (counts["path tracked"] > 0) {
       std::fprintf(stderr, "paths: %d tracked, %d fast, %d full\n", counts["path tracked"], counts["path fast"],
                    counts["path full"]);
@@ -176,6 +200,12 @@ int finish_run(const BatchOptions& options, const std::vector<CaptureJob>& jobs,
 }
 
 }  // namespace
+
+std::vector<std::string> run_columns(const BatchOptions& options) {
+  const bool hinted = !options.hints.empty();
+  return summary_columns(align_options_of(options).refines() || hinted, options.fast || hinted,
+                         options.video_columns, hinted);
+}
 
 framealign::AlignOptions align_options_of(const BatchOptions& options) {
   framealign::AlignOptions align;
@@ -213,6 +243,12 @@ int run_batch(const BatchOptions& given) {
   const std::vector<CaptureJob> videos = video_jobs(all, options);
   all.erase(std::remove_if(all.begin(), all.end(), [](const CaptureJob& job) { return job.video; }), all.end());
   options.video_columns = !videos.empty();
+  try {
+    if (!options.hints.empty()) attach_hints(options.hints, all);
+  } catch (const ListError& e) {
+    say(e.what());
+    return 2;
+  }
   std::string clash = options.capture_cache ? shared_capture_cache(all) : "";
   if (clash.empty()) clash = shared_video_id(videos);
   if (!clash.empty()) {
@@ -233,8 +269,7 @@ int run_batch(const BatchOptions& given) {
   const Report report(options.shards == 1 ? options.result_root : "");
   if (options.shards == 1 && !report.enabled()) say(report.why());
 
-  const std::vector<std::string> columns =
-      summary_columns(align_options_of(options).refines(), options.fast, options.video_columns);
+  const std::vector<std::string> columns = run_columns(options);
   std::map<std::string, SummaryRow> rows;
   const std::vector<const CaptureJob*> pending = still_to_run(jobs, options, columns, *root, rows);
 
@@ -253,7 +288,8 @@ int run_batch(const BatchOptions& given) {
     rows[row.id] = row;
   };
   const std::map<std::string, SummaryRow> recorded = rows;
-  const BatchRun run{options, *root, report, journal, recorded, record, [] { return g_signal != 0; }};
+  const BatchRun run{
+      options, *root, report, journal, recorded, record, [] { return g_signal != 0; }};
   size_t count = run_pending(run, pending);
   count += run_videos(run, videos);
 

@@ -30,8 +30,13 @@ struct BatchOptions {
   bool force = false;               // redo captures already done
   bool refine = false;              // refine each found frame, estimate its error
   bool fast = false;                // the quick path first (with refine)
+  std::string hints;                // CSV of rough corners by capture id; "": none
   int verbosity = 1;                // 0 --quiet: errors only; 2 --verbose: jobs, paths, timings
 };
+
+// The summary's columns for a run of `options`: a run with hints has those
+// of --fast (the estimate and the path) and the reasons.
+std::vector<std::string> run_columns(const BatchOptions& options);
 
 // The alignment options the batch's options ask for.
 framealign::AlignOptions align_options_of(const BatchOptions& options);

@@ -69,24 +69,30 @@ void check_ids(const std::vector<CaptureJob>& jobs, const std::string& where,
 
 }  // namespace
 
-std::vector<CaptureJob> read_capture_list(const std::string& path, const ReferenceFrame& defaults) {
+std::vector<CsvRecord> read_csv_file(const std::string& path, const std::string& what) {
   std::error_code error;
-  if (std::filesystem::is_directory(path, error)) throw ListError("the list " + path + " is a folder");
+  if (std::filesystem::is_directory(path, error))
+    throw ListError(what + " " + path + " is a folder");
   std::ifstream in(path, std::ios::binary);
-  if (!in) throw ListError("cannot read the list " + path);
+  if (!in) throw ListError("cannot read " + what + " " + path);
   std::stringstream text;
   text << in.rdbuf();
   std::string content = text.str();
   // Spreadsheets start a CSV file with a UTF-8 byte-order mark.
   if (content.rfind("\xEF\xBB\xBF", 0) == 0) content.erase(0, 3);
-  const std::string where = path + ":";
   std::vector<CsvRecord> records;
   try {
     records = parse_csv(content);
   } catch (const CsvError& e) {
-    throw ListError(where + std::to_string(e.line) + ": " + e.what());
+    throw ListError(path + ":" + std::to_string(e.line) + ": " + e.what());
   }
-  if (records.empty()) throw ListError(where + "1: no header row");
+  if (records.empty()) throw ListError(path + ":1: no header row");
+  return records;
+}
+
+std::vector<CaptureJob> read_capture_list(const std::string& path, const ReferenceFrame& defaults) {
+  const std::vector<CsvRecord> records = read_csv_file(path, "the list");
+  const std::string where = path + ":";
 
   std::map<std::string, size_t> column;
   const CsvRecord& header = records[0];

@@ -2,6 +2,8 @@
 // with its result folder's name (id) and its reference frame.
 #pragma once
 
+#include <array>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <tuple>
@@ -25,6 +27,7 @@ struct CaptureJob {
   std::string input;    // the capture's path
   ReferenceFrame reference;
   bool video = false;   // a capture video: `id` names its frames <id>_<frame>
+  std::optional<std::array<double, 8>> hint;  // rough corners (--hints): refined, verified
 };
 
 // A list that cannot be run: `what()` names the file and line.
@@ -32,6 +35,13 @@ class ListError : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;
 };
+
+struct CsvRecord;
+
+// The records of a CSV file (`what` names it in messages, "the list"), a
+// spreadsheet's byte-order mark skipped. Throws ListError for a file that
+// cannot be read, malformed CSV, or no header row.
+std::vector<CsvRecord> read_csv_file(const std::string& path, const std::string& what);
 
 // Reads a CSV list with a header row. Column "input" is required; "id",
 // "reference", "width", "height", "frame_number" and "video" (1: the input

@@ -24,7 +24,8 @@ std::vector<std::string> with_video(std::vector<std::string> values, const Batch
 }  // namespace
 
 SummaryRow keep_result(const BatchRun& run, const std::string& id, const std::string& input,
-                       std::chrono::steady_clock::time_point start, const std::function<Made()>& make) {
+                       std::chrono::steady_clock::time_point start,
+                       const std::function<Made()>& make) {
   const BatchOptions& options = run.options;
   ResultRoot& root = run.root;
   SummaryRow row{id, input, kError, {}};
@@ -59,7 +60,8 @@ SummaryRow keep_result(const BatchRun& run, const std::string& id, const std::st
 
 SummaryRow error_row(const std::string& id, const std::string& input, const BatchOptions& options,
                      std::chrono::steady_clock::time_point start, const std::string& message) {
-  return SummaryRow{id, input, kError,
-                    with_video(result_values(nullptr, options, seconds_since(start), one_line(message)),
-                               options, {})};
+  return SummaryRow{
+      id, input, kError,
+      with_video(result_values(nullptr, options, seconds_since(start), one_line(message)), options,
+                 {})};
 }

@@ -28,7 +28,8 @@ struct Made {
 // where it was; a folder the batch did not make is left alone. `start` is
 // when the capture's work began (its seconds are counted from it).
 SummaryRow keep_result(const BatchRun& run, const std::string& id, const std::string& input,
-                       std::chrono::steady_clock::time_point start, const std::function<Made()>& make);
+                       std::chrono::steady_clock::time_point start,
+                       const std::function<Made()>& make);
 
 // A row of status "error" with `message`, for capture `input` as <id>.
 SummaryRow error_row(const std::string& id, const std::string& input, const BatchOptions& options,

@@ -52,6 +52,9 @@ void declare_options(CLI::App& app, BatchOptions& options, CommandLine& line) {
                "Refine each found frame below a pixel; summary column est_error_px");
   app.add_flag("--fast", options.fast,
                "A quick path first, the full search when it cannot be verified (implies --refine)");
+  app.add_option("--hints", options.hints,
+                 "CSV id,x1,y1,..,y4: rough corners of some captures, refined and verified (path "
+                 "hint; status hint_unverified when they cannot be); see the README's \"Hints\"");
   app.add_flag("--report-only", line.report_only,
                "Only write report.html and overview.png again from the root's summary (no --list)");
   app.add_flag("--quiet", line.quiet, "No progress and no closing counts; only warnings and errors");

@@ -23,9 +23,10 @@ void Progress::finished(const SummaryRow& row, const std::string& input, double 
                  row.status.c_str(), seconds, input.c_str());
   } else if (tty_ && verbosity_ == 1) {
     const int left = static_cast<int>(per_capture * (total_ - done_));
-    std::fprintf(stderr, "\r%d/%d  aligned %d  not_found %d  error %d  %.1f s/capture  %d:%02d left ",
-                 done_, total_, counts_[framealign::kAligned], counts_[framealign::kNotFound], counts_[kError],
-                 per_capture, left / 60, left % 60);
+    std::fprintf(stderr,
+                 "\r%d/%d  aligned %d  not_found %d  error %d  %.1f s/capture  %d:%02d left ",
+                 done_, total_, counts_[framealign::kAligned], counts_[framealign::kNotFound],
+                 counts_[kError], per_capture, left / 60, left % 60);
   } else {
     std::fprintf(stderr, "%d/%d %s %s %.1f s\n", done_, total_, row.id.c_str(),
                  row.status.c_str(), seconds);

@@ -86,7 +86,8 @@ cv::Mat tile(const fs::path& pictures, const SummaryRow& row, const std::string&
     if (h > 0) picture(cv::Rect(0, 0, picture.cols, h)).copyTo(out(cv::Rect(0, y, picture.cols, h)));
     y += h + 2;
   }
-  const cv::Scalar colour = row.status == framealign::kAligned ? cv::Scalar(200, 230, 200) : cv::Scalar(120, 120, 255);
+  const cv::Scalar colour =
+      row.status == framealign::kAligned ? cv::Scalar(200, 230, 200) : cv::Scalar(120, 120, 255);
   cv::putText(out, row.id.substr(0, 28), {6, out.rows - 20}, cv::FONT_HERSHEY_SIMPLEX, 0.45, colour, 1, cv::LINE_AA);
   cv::putText(out, row.status + (estimate.empty() ? "" : "  est " + estimate + " px"), {6, out.rows - 5},
               cv::FONT_HERSHEY_SIMPLEX, 0.45, colour, 1, cv::LINE_AA);
@@ -126,13 +127,18 @@ void Report::add_pictures(const std::string& id, const cv::Mat& capture, const f
   write_picture(pictures / "full" / (id + ".frames.jpg"), side_by_side(aligned, reference, kFullFrame));
 }
 
+int status_rank(const std::string& status) {
+  if (status == kError) return 0;
+  return status == framealign::kNotFound || status == framealign::kHintUnverified ? 1 : 2;
+}
+
 std::vector<SummaryRow> worst_first(const std::vector<std::string>& columns, std::vector<SummaryRow> rows) {
   const auto at = [&](const char* name) {
     return std::find(columns.begin(), columns.end(), name) - columns.begin() - 3;
   };
   const long est = at("est_error_px"), score = at("best_score");
   const auto badness = [&](const SummaryRow& r) {
-    const int rank = r.status == kError ? 0 : r.status == framealign::kNotFound ? 1 : 2;
+    const int rank = status_rank(r.status);
     const long column = est >= 0 && static_cast<std::size_t>(est) < r.values.size() ? est : score;
     const std::string& v = static_cast<std::size_t>(column) < r.values.size() ? r.values[column] : "";
     return std::make_pair(rank, v.empty() ? HUGE_VAL : -std::strtod(v.c_str(), nullptr));

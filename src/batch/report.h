@@ -49,4 +49,8 @@ std::string report_html(const std::vector<std::string>& columns, const std::vect
 
 // The rows in the report's order: errors first, then not_found, then the
 // aligned by estimated error (or score) from the worst.
+// How badly a capture ended, worst first: 0 error, 1 not_found or
+// hint_unverified, 2 aligned.
+int status_rank(const std::string& status);
+
 std::vector<SummaryRow> worst_first(const std::vector<std::string>& columns, std::vector<SummaryRow> rows);

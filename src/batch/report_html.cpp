@@ -68,7 +68,7 @@ std::string histogram(const std::string& title, const std::vector<double>& value
 
 const char kStyle[] = R"(body{font:14px sans-serif;margin:1.5em;color:#222}
 h1{font-size:1.4em}.counts span{margin-right:1.5em;font-weight:bold}
-.error{color:#b00}.not_found{color:#a60}.aligned{color:#070}
+.error{color:#b00}.not_found,.hint_unverified{color:#a60}.aligned{color:#070}
 .charts{display:flex;gap:2em;flex-wrap:wrap}figure{margin:0}rect{fill:#4a7}
 table{border-collapse:collapse;margin-top:1em}td,th{border-bottom:1px solid #ddd;padding:4px 8px;text-align:left;vertical-align:top}
 th[data-key]{cursor:pointer;background:#f4f4f4}th[data-key]:hover{background:#e4e4e4}
@@ -99,7 +99,8 @@ std::string report_html(const std::vector<std::string>& columns, const std::vect
     const long i = std::find(columns.begin(), columns.end(), name) - columns.begin();
     return i < static_cast<long>(columns.size()) ? i - 3 : -1;
   };
-  const long score = at("best_score"), est = at("est_error_px"), seconds = at("seconds"), message = at("message");
+  const long score = at("best_score"), est = at("est_error_px"), seconds = at("seconds"),
+             message = at("message"), reason = at("reason");
   const auto value = [](const SummaryRow& r, long i) { return i >= 0 && i < long(r.values.size()) ? r.values[i] : ""; };
   std::map<std::string, int> counts;
   std::vector<double> estimates, times;
@@ -115,7 +116,9 @@ std::string report_html(const std::vector<std::string>& columns, const std::vect
   html += kStyle;
   html += "</style></head><body>\n<h1>framealign-batch report</h1>\n<p class='counts'>";
   html += "<span>" + std::to_string(rows.size()) + " captures</span>";
-  for (const char* status : {framealign::kAligned, framealign::kNotFound, kError}) {
+  for (const char* status :
+       {framealign::kAligned, framealign::kNotFound, framealign::kHintUnverified, kError}) {
+    if (status == framealign::kHintUnverified && reason < 0) continue;
     html += "<span class='" + std::string(status) + "'>" + status + " " + std::to_string(counts[status]) + "</span>";
   }
   html += "</p>\n<div class='charts'>";
@@ -129,7 +132,7 @@ std::string report_html(const std::vector<std::string>& columns, const std::vect
           "<th>aligned | reference</th><th>message</th></tr></thead>\n<tbody>\n";
   for (std::size_t i = 0; i < rows.size(); ++i) {
     const SummaryRow& r = rows[i];
-    const int rank = r.status == kError ? 0 : r.status == framealign::kNotFound ? 1 : 2;
+    const int rank = status_rank(r.status);
     html += "<tr data-id='" + escaped(r.id) + "' data-rank='" + std::to_string(rank) + "' data-score='" +
             escaped(value(r, score)) + "' data-est='" + escaped(value(r, est)) + "' data-seconds='" +
             escaped(value(r, seconds)) + "'><td>" + escaped(r.id) + "</td><td class='" + escaped(r.status) + "'>" +
@@ -139,13 +142,16 @@ std::string report_html(const std::vector<std::string>& columns, const std::vect
     for (const char* kind : {"capture", "frames"}) {
       const std::string name = url(r.id) + "." + kind + ".jpg";
       html += "<td>";
-      if (has_pictures[i] && (kind[0] == 'c' || r.status == framealign::kAligned)) {
+      if (has_pictures[i] && (kind[0] == 'c' || r.status == framealign::kAligned ||
+                              r.status == framealign::kHintUnverified)) {
         html += "<a href='report/full/" + name + "' target='_blank'><img class='" + kind + "' loading='lazy' src='report/" +
                 name + "' alt='" + kind + " of " + escaped(r.id) + "'></a>";
       }
       html += "</td>";
     }
-    html += "<td class='message'>" + escaped(value(r, message)) + "</td></tr>\n";
+    const std::string why = value(r, reason), note = value(r, message);
+    html += "<td class='message'>" +
+            escaped(why.empty() || note.empty() ? why + note : why + "; " + note) + "</td></tr>\n";
   }
   html += "</tbody></table>\n<script>";
   html += kScript;

@@ -14,11 +14,12 @@
 #include "batch/csv.h"
 #include "batch/files.h"
 
-std::vector<std::string> summary_columns(bool refined, bool fast, bool videos) {
+std::vector<std::string> summary_columns(bool refined, bool fast, bool videos, bool reasons) {
   std::vector<std::string> columns = {"id", "input", "status", "best_score", "best_slot",
                                       "slot_scores", "x1", "y1", "x2", "y2", "x3", "y3", "x4", "y4"};
   if (refined) columns.push_back("est_error_px");
   if (fast) columns.push_back("path");
+  if (reasons) columns.push_back("reason");
   if (videos) columns.insert(columns.end(), {"capture_frame", "ref_frame", "ref_frames", "mixed", "sync_score"});
   columns.insert(columns.end(), {"seconds", "message"});
   return columns;
@@ -39,7 +40,11 @@ bool some_layout(std::size_t fields) {
     std::set<std::size_t> all;
     for (bool refined : {false, true}) {
       for (bool fast : {false, true}) {
-        for (bool videos : {false, true}) all.insert(summary_columns(refined, fast, videos).size());
+        for (bool videos : {false, true}) {
+          for (bool reasons : {false, true}) {
+            all.insert(summary_columns(refined, fast, videos, reasons).size());
+          }
+        }
       }
     }
     return all;

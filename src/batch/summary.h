@@ -18,16 +18,18 @@
 
 // The summary's columns, in order: id, input, status, best_score,
 // best_slot, slot_scores, x1 .. y4, with `refined` est_error_px, with `fast`
-// path, with `videos` the kVideoColumns capture_frame, ref_frame,
-// ref_frames, mixed and sync_score, then seconds and message.
-std::vector<std::string> summary_columns(bool refined, bool fast, bool videos = false);
+// path, with `reasons` reason (why a hint was not verified), with `videos`
+// the kVideoColumns capture_frame, ref_frame, ref_frames, mixed and
+// sync_score, then seconds and message.
+std::vector<std::string> summary_columns(bool refined, bool fast, bool videos = false,
+                                         bool reasons = false);
 constexpr std::size_t kVideoColumns = 5;
 
 // A capture's status when it could not be aligned at all (its message says why).
 inline constexpr const char kError[] = "error";
 
 struct SummaryRow {
-  std::string id, input, status;  // status: framealign's (kAligned, kNotFound) or kError
+  std::string id, input, status;    // status: framealign's (kAligned, kNotFound) or kError
   std::vector<std::string> values;  // the remaining columns, as written
   std::vector<std::string> fields() const;
 };

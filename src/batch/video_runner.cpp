@@ -50,7 +50,8 @@ std::vector<std::string> video_values(const framealign::VideoFrame& frame) {
 
 // One video, frame after frame. A video that cannot be opened gives one
 // error row under its id.
-std::size_t run_video(const BatchRun& run, const CaptureJob& video, const std::function<bool()>& stopped) {
+std::size_t run_video(const BatchRun& run, const CaptureJob& video,
+                      const std::function<bool()>& stopped) {
   const BatchOptions& options = run.options;
   framealign::VideoOptions video_options;
   video_options.align = align_options_of(options);
@@ -59,7 +60,9 @@ std::size_t run_video(const BatchRun& run, const CaptureJob& video, const std::f
   video_options.first_frame = options.first_frame + options.shard - 1;
   video_options.last_frame = options.last_frame;
   video_options.step = options.shards;
-  video_options.skip = [&](int frame) { return done(options, run.recorded, run.root, video, frame); };
+  video_options.skip = [&](int frame) {
+    return done(options, run.recorded, run.root, video, frame);
+  };
   std::unique_ptr<framealign::VideoAligner> aligner;
   const auto opened = std::chrono::steady_clock::now();
   try {
@@ -84,10 +87,11 @@ std::size_t run_video(const BatchRun& run, const CaptureJob& video, const std::f
       failure = std::current_exception();
       frame.capture_frame = aligner->last_read();
     }
-    const SummaryRow row = keep_result(run, frame_id(video, frame.capture_frame), video.input, start, [&] {
-      if (failure) std::rethrow_exception(failure);
-      return Made{frame.result, frame.capture, frame.reference, video_values(frame)};
-    });
+    const SummaryRow row =
+        keep_result(run, frame_id(video, frame.capture_frame), video.input, start, [&] {
+          if (failure) std::rethrow_exception(failure);
+          return Made{frame.result, frame.capture, frame.reference, video_values(frame)};
+        });
     run.keep(row);
     progress.finished(row, video.input, std::stod(row.values[row.values.size() - 2]));
     ++count;
@@ -107,7 +111,14 @@ std::vector<CaptureJob> video_jobs(const std::vector<CaptureJob>& listed, const 
   for (const std::string& path : options.videos) {
     const bool named = std::any_of(videos.begin(), videos.end(),
                                    [&](const CaptureJob& v) { return v.line < 0 && v.input == path; });
-    if (!named) videos.push_back(CaptureJob{--line, fs::path(path).stem().string(), path, options.defaults, true});
+    if (named) continue;
+    CaptureJob video;
+    video.line = --line;
+    video.id = fs::path(path).stem().string();
+    video.input = path;
+    video.reference = options.defaults;
+    video.video = true;
+    videos.push_back(video);
   }
   return videos;
 }
@@ -128,9 +139,10 @@ std::size_t run_videos(const BatchRun& run, const std::vector<CaptureJob>& video
   std::atomic<std::size_t> count{0};
   const int workers = std::min<int>(run.options.jobs > 0 ? run.options.jobs : default_jobs(),
                                     static_cast<int>(videos.size()));
-  run_on_workers(videos.size(), workers, run.stopped, [&](std::size_t i, const std::function<bool()>& halted) {
-    count += run_video(run, videos[i], halted);
-  });
+  run_on_workers(videos.size(), workers, run.stopped,
+                 [&](std::size_t i, const std::function<bool()>& halted) {
+                   count += run_video(run, videos[i], halted);
+                 });
   return count;
 }
 

@@ -28,8 +28,8 @@ void frame_corners(double width, double height, double (&corners)[8]) {
 std::vector<cv::Point2f> corner_points(const double* corners) {
   std::vector<cv::Point2f> points(4);
   for (int i = 0; i < 4; ++i) {
-    points[i] = cv::Point2f(static_cast<float>(corners[2 * i]),
-                            static_cast<float>(corners[2 * i + 1]));
+    points[i] =
+        cv::Point2f(static_cast<float>(corners[2 * i]), static_cast<float>(corners[2 * i + 1]));
   }
   return points;
 }

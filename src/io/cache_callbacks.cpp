@@ -6,11 +6,12 @@
 
 namespace framealign {
 
-CacheCallbacks cache_callbacks(std::function<std::string(const char* name)> path_of, CacheTrust trust,
-                               const std::string& fingerprint,
+CacheCallbacks cache_callbacks(std::function<std::string(const char* name)> path_of,
+                               CacheTrust trust, const std::string& fingerprint,
                                std::function<void(const std::string& damage)> on_damage) {
   CacheCallbacks callbacks;
-  callbacks.load = [=](std::vector<cv::KeyPoint>& keypoints, cv::Mat& descriptors, const char* name) {
+  callbacks.load = [=](std::vector<cv::KeyPoint>& keypoints, cv::Mat& descriptors,
+                       const char* name) {
     const std::string path = path_of(name);
     if (path.empty()) return false;
     if (trust == CacheTrust::BY_NOTE && !cache_made_from(path, fingerprint)) return false;

@@ -30,8 +30,8 @@ struct CacheCallbacks {
 // (picture_fingerprint). A damaged file is a miss; with BY_NAME its damage
 // goes to `on_damage` first, when given. Safe to call from several threads
 // when `path_of` and `on_damage` are.
-CacheCallbacks cache_callbacks(std::function<std::string(const char* name)> path_of, CacheTrust trust,
-                               const std::string& fingerprint = "",
+CacheCallbacks cache_callbacks(std::function<std::string(const char* name)> path_of,
+                               CacheTrust trust, const std::string& fingerprint = "",
                                std::function<void(const std::string& damage)> on_damage = nullptr);
 
 }  // namespace framealign

@@ -17,13 +17,16 @@ cv::Mat grey_picture(const py::object& value, const char* argument) {
   }
   const auto array = py::reinterpret_borrow<py::array>(value);
   if (array.ndim() != 2) {
-    throw py::value_error(std::string(argument) + " must have two dimensions (height, width), not " +
+    throw py::value_error(std::string(argument) +
+                          " must have two dimensions (height, width), not " +
                           std::to_string(array.ndim()));
   }
   if (!(array.flags() & py::array::c_style)) {
-    throw py::value_error(std::string(argument) + " must be C-contiguous (numpy.ascontiguousarray)");
+    throw py::value_error(std::string(argument) +
+                          " must be C-contiguous (numpy.ascontiguousarray)");
   }
-  if (array.shape(0) < 1 || array.shape(1) < 1) throw py::value_error(std::string(argument) + " is empty");
+  if (array.shape(0) < 1 || array.shape(1) < 1)
+    throw py::value_error(std::string(argument) + " is empty");
   const py::ssize_t most = std::numeric_limits<int>::max();
   if (array.shape(0) > most || array.shape(1) > most) {
     throw py::value_error(std::string(argument) + " is larger than the library can hold");
@@ -41,7 +44,8 @@ py::array_t<uint8_t> to_array(const cv::Mat& picture) {
 }
 
 std::array<double, 8> corner_values(const py::object& value) {
-  const auto corners = py::array_t<double, py::array::c_style | py::array::forcecast>::ensure(value);
+  const auto corners =
+      py::array_t<double, py::array::c_style | py::array::forcecast>::ensure(value);
   if (!corners || corners.size() != 8) throw py::value_error("corners must hold 4 x 2 numbers");
   std::array<double, 8> out;
   std::copy(corners.data(), corners.data() + 8, out.begin());

@@ -54,10 +54,12 @@ void bind_options(pybind11::module_& m);
 
 // AlignOptions from align()'s keywords, checked as the record's setters
 // check them; and whether options are all at their defaults.
-framealign::AlignOptions align_options(bool advanced, bool refine, bool fast, const pybind11::object& outputs,
-                                       bool jpeg_output, const pybind11::object& corners, int crop_width,
+framealign::AlignOptions align_options(bool advanced, bool refine, bool fast,
+                                       const pybind11::object& outputs, bool jpeg_output,
+                                       const pybind11::object& corners, int crop_width,
                                        int crop_height, bool no_rectify,
-                                       const std::optional<std::filesystem::path>& capture_cache);
+                                       const std::optional<std::filesystem::path>& capture_cache,
+                                       const pybind11::object& hint);
 bool is_default(const framealign::AlignOptions& options);
 
 // An 8-bit grey picture from Python, checked: uint8, two dimensions, rows

@@ -132,27 +132,31 @@ AlignResult align_interruptibly(const cv::Mat& picture, const Reference& referen
 // framealign.align, taking every option of AlignOptions as a keyword, or
 // an AlignOptions.
 void def_align(py::module_& m) {
-  m.def("align", [](const GreyArray& capture, const Reference& reference, bool advanced, bool refine,
-                    const py::object& outputs, bool jpeg_output, bool fast, const py::object& corners,
-                    int crop_width, int crop_height, bool no_rectify,
-                    const std::optional<std::filesystem::path>& capture_cache,
-                    const std::optional<framealign::AlignOptions>& options) {
-          const cv::Mat picture = grey_picture(capture.value, "capture");
-          const framealign::AlignOptions given = align_options(
-              advanced, refine, fast, outputs, jpeg_output, corners, crop_width, crop_height, no_rectify,
-              capture_cache);
-          if (options && !is_default(given)) {
-            throw py::value_error("give the options either as an AlignOptions or as keywords, not both");
-          }
-          return align_interruptibly(picture, reference, options ? *options : given);
-        },
-        py::arg("capture"), py::arg("reference"), py::arg("advanced") = false, py::arg("refine") = false,
-        py::arg("outputs") = py::list(), py::arg("jpeg_output") = false, py::arg("fast") = false,
-        py::arg("corners") = py::none(), py::arg("crop_width") = 0, py::arg("crop_height") = 0,
-        py::arg("no_rectify") = false, py::arg("capture_cache") = std::nullopt,
-        py::arg("options") = std::nullopt,
-        "Finds the reference in a uint8 height x width capture, with the options as keywords or as "
-        "an AlignOptions; the GIL is released meanwhile.");
+  m.def(
+      "align",
+      [](const GreyArray& capture, const Reference& reference, bool advanced, bool refine,
+         const py::object& outputs, bool jpeg_output, bool fast, const py::object& corners,
+         int crop_width, int crop_height, bool no_rectify,
+         const std::optional<std::filesystem::path>& capture_cache, const py::object& hint,
+         const std::optional<framealign::AlignOptions>& options) {
+        const cv::Mat picture = grey_picture(capture.value, "capture");
+        const framealign::AlignOptions given =
+            align_options(advanced, refine, fast, outputs, jpeg_output, corners, crop_width,
+                          crop_height, no_rectify, capture_cache, hint);
+        if (options && !is_default(given)) {
+          throw py::value_error(
+              "give the options either as an AlignOptions or as keywords, not both");
+        }
+        return align_interruptibly(picture, reference, options ? *options : given);
+      },
+      py::arg("capture"), py::arg("reference"), py::arg("advanced") = false,
+      py::arg("refine") = false, py::arg("outputs") = py::list(), py::arg("jpeg_output") = false,
+      py::arg("fast") = false, py::arg("corners") = py::none(), py::arg("crop_width") = 0,
+      py::arg("crop_height") = 0, py::arg("no_rectify") = false,
+      py::arg("capture_cache") = std::nullopt, py::arg("hint") = py::none(),
+      py::arg("options") = std::nullopt,
+      "Finds the reference in a uint8 height x width capture, with the options as keywords or as "
+      "an AlignOptions; the GIL is released meanwhile.");
 }
 
 }  // namespace

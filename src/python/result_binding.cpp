@@ -71,13 +71,15 @@ void bind_result(py::module_& m) {
       .def("__reduce__", [](const py::object& self) {
         return py::make_tuple(self.get_type(), py::make_tuple(py::bytes(self.cast<const AlignResult&>().to_bytes())));
       })
-      .def_readonly("status", &AlignResult::status, "'aligned' or 'not_found' ('unrectified' with no_rectify)")
+      .def_readonly("status", &AlignResult::status,
+                    "'aligned' or 'not_found' ('unrectified' with no_rectify, 'hint_unverified' with a hint)")
+      .def_readonly("reason", &AlignResult::reason, "why a hint was not verified; '' otherwise")
       .def_readonly("score", &AlignResult::score, "the best score, lower is better; 999999 when not found")
       .def_readonly("best_slot", &AlignResult::best_slot, "the best attempt's result slot, or None")
       .def_readonly("slot_scores", &AlignResult::slot_scores, "every successful attempt's score, by slot")
       .def_readonly("est_error_px", &AlignResult::est_error_px,
                     "with refine=True: the best slot's estimated largest error over the frame, reference pixels")
-      .def_readonly("path", &AlignResult::path, "with fast=True: 'fast' or 'full'")
+      .def_readonly("path", &AlignResult::path, "with fast=True: 'fast' or 'full'; with a hint: 'hint'")
       .def_property_readonly("corners", [](const AlignResult& r) -> std::optional<py::array_t<double>> {
             if (!r.corners) return std::nullopt;
             py::array_t<double> out({4, 2});

@@ -51,16 +51,21 @@ class VideoFrames {
 
 void bind_video(py::module_& m) {
   py::class_<VideoFrame>(m, "VideoFrame", "One captured frame of a video and what became of it.")
-      .def_readonly("capture_frame", &VideoFrame::capture_frame, "its index in the capture video, from 0")
-      .def_readonly("ref_frame", &VideoFrame::ref_frame,
-                    "the reference frame at the screen's middle; -1 when none of those given is shown")
-      .def_readonly("ref_frames", &VideoFrame::ref_frames, "every reference frame on the screen, top to bottom")
+      .def_readonly("capture_frame", &VideoFrame::capture_frame,
+                    "its index in the capture video, from 0")
+      .def_readonly(
+          "ref_frame", &VideoFrame::ref_frame,
+          "the reference frame at the screen's middle; -1 when none of those given is shown")
+      .def_readonly("ref_frames", &VideoFrame::ref_frames,
+                    "every reference frame on the screen, top to bottom")
       .def_readonly("mixed", &VideoFrame::mixed, "more than one reference frame on the screen")
-      .def_readonly("sync_score", &VideoFrame::sync_score,
-                    "mean over the screen's bands of 1 - correlation with the frames told; 0 is perfect")
+      .def_readonly(
+          "sync_score", &VideoFrame::sync_score,
+          "mean over the screen's bands of 1 - correlation with the frames told; 0 is perfect")
       .def_readonly("result", &VideoFrame::result, "the frame's AlignResult, against ref_frame")
-      .def_property_readonly("capture", [](const VideoFrame& f) { return to_array(f.capture); },
-                             "the frame as aligned, height x width uint8")
+      .def_property_readonly(
+          "capture", [](const VideoFrame& f) { return to_array(f.capture); },
+          "the frame as aligned, height x width uint8")
       .def("__repr__", [](const VideoFrame& f) {
         return "<framealign.VideoFrame " + std::to_string(f.capture_frame) + " " + f.result.status +
                " ref_frame=" + std::to_string(f.ref_frame) + (f.mixed ? " mixed" : "") + ">";

@@ -16,14 +16,14 @@ std::optional<AlignResult> track(const cv::Mat& capture, const std::vector<Track
   if (!slot) return std::nullopt;
   const double score = slot->score;
   const Alignment alignment{plan_of(options), score, kTrackedPath,
-                            SlotSet::with_enhanced_copies({std::move(*slot)})};
+                            SlotSet::with_enhanced_copies({std::move(*slot)}), ""};
   return result_of(alignment, input, width, height, options);
 }
 
 AlignResult not_found_result(const cv::Mat& capture, int width, int height,
                              const AlignOptions& options) {
   const Plan plan = plan_of(options);
-  return result_of(Alignment{plan, kFailedScore, plan.path(false), SlotSet()}, capture, width,
+  return result_of(Alignment{plan, kFailedScore, plan.path(false), SlotSet(), ""}, capture, width,
                    height, options);
 }
 

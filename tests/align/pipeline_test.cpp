@@ -171,20 +171,22 @@ TEST_F(MirroredSearch, SchedulesWriteIdenticalResults) {
   EXPECT_TRUE(folders_[0] == folders_[1]);
   EXPECT_TRUE(folders_[2] == folders_[3]);
   ASSERT_EQ(runs_[2].size(), runs_[3].size());
-  for (size_t i = 0; i < runs_[2].size(); ++i) EXPECT_EQ(runs_[2][i].est_error_px, runs_[3][i].est_error_px);
+  for (size_t i = 0; i < runs_[2].size(); ++i)
+    EXPECT_EQ(runs_[2][i].est_error_px, runs_[3][i].est_error_px);
 }
 
 // Refinement changes the geometry, not the search's scores: every attempt,
 // more than a pixel off here, ends well below one, with an estimate that
 // does not understate its error.
 TEST_F(MirroredSearch, RefinementBringsEveryAttemptBelowAPixel) {
-  const std::vector<Slot> &plain = runs_[0], &refined = runs_[2];
+  const std::vector<Slot>&plain = runs_[0], &refined = runs_[2];
   ASSERT_EQ(refined.size(), plain.size());
   double worst_plain = 0.0;
   for (size_t i = 0; i < refined.size(); ++i) {
     EXPECT_EQ(refined[i].score, plain[i].score);
     EXPECT_FALSE(plain[i].est_error_px);
-    worst_plain = std::max(worst_plain, corner_error(kCorners, plain[i].corners.data(), 640, 360).max);
+    worst_plain =
+        std::max(worst_plain, corner_error(kCorners, plain[i].corners.data(), 640, 360).max);
     EXPECT_LT(worst_plain, 2.0) << "corners located on the unmirrored capture";
     const double error = corner_error(kCorners, refined[i].corners.data(), 640, 360).max;
     EXPECT_TRUE(refined[i].refined);

@@ -1,12 +1,13 @@
 // Answers that skip the full search, against known homographies: the one
 // verification they share, the quick path on a whole capture, and the
-// tracker from a seed. A right answer is taken and lands within a fraction
+// tracker from a seed, and a hint. A right answer is taken and lands within a fraction
 // of a pixel; an answer most pairs disagree with, one about 2 px off whose
 // pairs lie in a corner, one from too few pairs, or another picture, is
 // refused.
 #include <gtest/gtest.h>
 #include <opencv2/imgproc.hpp>
 
+#include "align/hinted.h"
 #include "align/quick_path.h"
 #include "align/refinement.h"
 #include "align/tracking.h"
@@ -21,7 +22,8 @@ const double kTruth[8] = {110.4, 80.2, 830.7, 100.9, 90.3, 610.6, 860.2, 640.5};
 
 double worst_corner(const std::array<double, 8>& found) {
   double worst = 0.0;
-  for (int i = 0; i < 8; i += 2) worst = std::max(worst, std::hypot(found[i] - kTruth[i], found[i + 1] - kTruth[i + 1]));
+  for (int i = 0; i < 8; i += 2)
+    worst = std::max(worst, std::hypot(found[i] - kTruth[i], found[i + 1] - kTruth[i + 1]));
   return worst;
 }
 
@@ -30,11 +32,13 @@ double worst_corner(const std::array<double, 8>& found) {
 // the frame given (shares of its width and height from the top-left), pair
 // i moved by shifts[i % size] pixels to the right.
 PointPairs seen_pairs(const double* start, int n, double part, const std::vector<double>& shifts) {
-  const cv::Mat to_aligned = frame_to_capture(kW, kH, start).inv() * frame_to_capture(kW, kH, kTruth);
+  const cv::Mat to_aligned =
+      frame_to_capture(kW, kH, start).inv() * frame_to_capture(kW, kH, kTruth);
   cv::RNG rng(11);
   PointPairs pairs;
   for (int i = 0; i < n; ++i) {
-    std::vector<cv::Point2d> ref = {{rng.uniform(0.0, kW * part), rng.uniform(0.0, kH * part)}}, seen;
+    std::vector<cv::Point2d> ref = {{rng.uniform(0.0, kW * part), rng.uniform(0.0, kH * part)}},
+                             seen;
     cv::perspectiveTransform(ref, seen, to_aligned);
     seen[0] += cv::Point2d(rng.gaussian(0.2) + shifts[i % shifts.size()], rng.gaussian(0.2));
     pairs.reference.push_back(ref[0]);
@@ -66,7 +70,8 @@ TEST(verified_slot, TakesOnlyWhatTheEvidenceHolds) {
   for (const Case& c : cases) {
     const PointPairs pairs = seen_pairs(start, c.pairs, c.part, c.shifts);
     const RefinedCorners refined = refine_corners(PointPairs{}, pairs, start, kW, kH, kCapture);
-    const std::optional<Slot> slot = verified_slot(capture, refined, pairs.input.size(), Acceptance{}, 7.0, kW, kH);
+    const std::optional<Slot> slot =
+        verified_slot(capture, refined, pairs.input.size(), Acceptance{}, 7.0, kW, kH);
     EXPECT_EQ(slot.has_value(), c.taken) << c.what;
     if (!slot) continue;
     EXPECT_LT(worst_corner(slot->corners), 0.3) << c.what;
@@ -97,7 +102,8 @@ TEST(quick_rectified_img, TakesTheRightViewAndRefusesAnotherPicture) {
   };
   for (const Case& c : cases) {
     const cv::Mat capture = make_capture(c.shown, kTruth, kCapture.width, kCapture.height, 23);
-    const std::optional<Slot> slot = quick_rectified_img(capture, reference, quick, keypoints, descriptors);
+    const std::optional<Slot> slot =
+        quick_rectified_img(capture, reference, quick, keypoints, descriptors);
     EXPECT_EQ(slot.has_value(), c.taken) << c.what;
     if (slot) {
       EXPECT_LT(worst_corner(slot->corners), 0.3) << c.what;
@@ -127,6 +133,45 @@ TEST(tracked_rectified_img, FollowsFromASeedAndRefusesAFrameNotShown) {
     if (slot) {
       EXPECT_LT(worst_corner(slot->corners), 0.3) << c.what;
     }
+  }
+}
+
+// Hints as a hand clicks them: every corner up to 3% of the frame's size
+// off, in random directions.
+TEST(hinted_slot, RefinesRoughCornersAndRefusesWhatTheyDoNotShow) {
+  const cv::Mat reference = make_reference_frame(kW, kH, 41);
+  std::vector<cv::KeyPoint> keypoints;
+  cv::Mat descriptors;
+  SIFTdetectAndCompute(reference, keypoints, descriptors, false);
+  const cv::Mat shown = make_capture(reference, kTruth, kCapture.width, kCapture.height, 42);
+  const cv::Mat other =
+      make_capture(make_reference_frame(kW, kH, 43), kTruth, kCapture.width, kCapture.height, 42);
+  cv::RNG rng(44);
+  for (int trial = 0; trial < 4; ++trial) {
+    std::array<double, 8> hint;
+    for (int i = 0; i < 8; ++i) hint[i] = kTruth[i] + rng.uniform(-0.03, 0.03) * kW;
+    const HintedAttempt found = hinted_slot(shown, hint, reference, keypoints, descriptors);
+    ASSERT_TRUE(found.slot) << "trial " << trial << ": " << found.reason;
+    EXPECT_LT(worst_corner(found.slot->corners), 0.5) << "trial " << trial;
+    EXPECT_TRUE(found.reason.empty());
+  }
+  std::array<double, 8> right;
+  std::copy(kTruth, kTruth + 8, right.begin());
+  const std::array<double, 8> folded = {100, 100, 100, 100, 100, 600, 800, 600};
+  struct Case {
+    const char* what;
+    cv::Mat capture;
+    std::array<double, 8> hint;
+    const char* reason;
+  };
+  const Case refused[] = {
+      {"another picture where the hint points", other, right, "matches"},
+      {"a hint that is no view", shown, folded, "no view of a screen"},
+  };
+  for (const Case& c : refused) {
+    const HintedAttempt found = hinted_slot(c.capture, c.hint, reference, keypoints, descriptors);
+    EXPECT_FALSE(found.slot) << c.what;
+    EXPECT_NE(found.reason.find(c.reason), std::string::npos) << c.what << ": " << found.reason;
   }
 }
 

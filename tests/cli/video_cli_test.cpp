@@ -49,10 +49,23 @@ class Video : public testing::Test {
         {"--seed", "9", "--reference-frames", "16"},
         {"--seed", "6", "--reference-frames", "36", "--display-fps", "60", "--readout", "0.8"}};
     for (const std::vector<std::string>& clip : clips) {
-      std::vector<std::string> a = {"--video", "--out", "clip" + clip[1], "--width", "640",
-                                    "--height", "360", "--capture-width", "960",
-                                    "--capture-height", "540", "--seconds", "0.5", "--drift", "4",
-                                    "--codec", "mjpg"};
+      std::vector<std::string> a = {"--video",
+                                    "--out",
+                                    "clip" + clip[1],
+                                    "--width",
+                                    "640",
+                                    "--height",
+                                    "360",
+                                    "--capture-width",
+                                    "960",
+                                    "--capture-height",
+                                    "540",
+                                    "--seconds",
+                                    "0.5",
+                                    "--drift",
+                                    "4",
+                                    "--codec",
+                                    "mjpg"};
       a.insert(a.end(), clip.begin(), clip.end());
       const ToolRun sim = run_tool(a, dir_, kSim);
       ASSERT_EQ(sim.exit_code, 0) << sim.err;

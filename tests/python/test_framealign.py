@@ -101,6 +101,19 @@ class Module(unittest.TestCase):
         self.assertEqual(framealign.align(self.capture, self.ref, no_rectify=True).status, "unrectified")
         self.assertTrue(framealign.AlignOptions(fast=True).refines())
         self.assertIs(framealign.Result, framealign.AlignResult)
+        # A hint 3% off is refined to the truth; one on empty wall is said unverified, with its reason.
+        hint = corners + np.array([[12, 9], [-12, 9], [12, -9], [-12, -9]])
+        hinted = framealign.align(self.capture, self.ref, options=framealign.AlignOptions(hint=hint))
+        self.assertEqual((hinted.status, hinted.path, hinted.reason), ("aligned", "hint", ""))
+        self.assertLess(np.abs(hinted.corners - corners).max(), 1.0)
+        self.assertLess(hinted.est_error_px, 1.0)
+        wall = np.array([[5, 5], [200, 5], [5, 120], [200, 120]], float)
+        unverified = pickle.loads(pickle.dumps(framealign.align(self.capture, self.ref, hint=wall)))
+        self.assertEqual(unverified.status, "hint_unverified")
+        self.assertIn("matches with the reference where the hint puts the screen", unverified.reason)
+        np.testing.assert_array_equal(unverified.corners, wall)
+        with self.assertRaisesRegex(RuntimeError, "not both"):
+            framealign.align(self.capture, self.ref, hint=hint, corners=corners)
 
     def test_pickles_and_states_are_checked(self):
         for protocol in range(pickle.HIGHEST_PROTOCOL + 1):

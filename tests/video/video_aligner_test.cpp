@@ -39,9 +39,11 @@ void write_reference(const std::string& path, uint64_t seed) {
 cv::Mat screen_capture(const cv::Mat& frame, const std::array<double, 8>& corners, uint64_t seed) {
   constexpr int kBezel = 12;
   cv::Mat screen, capture = make_reference_frame(kCapture.width, kCapture.height, seed) / 2;
-  cv::copyMakeBorder(frame, screen, kBezel, kBezel, kBezel, kBezel, cv::BORDER_CONSTANT, cv::Scalar(40));
+  cv::copyMakeBorder(frame, screen, kBezel, kBezel, kBezel, kBezel, cv::BORDER_CONSTANT,
+                     cv::Scalar(40));
   const cv::Matx33d into_screen(1, 0, -kBezel, 0, 1, -kBezel, 0, 0, 1);
-  cv::warpPerspective(screen, capture, frame_to_capture(kW, kH, corners.data()) * cv::Mat(into_screen),
+  cv::warpPerspective(screen, capture,
+                      frame_to_capture(kW, kH, corners.data()) * cv::Mat(into_screen),
                       capture.size(), cv::INTER_LINEAR, cv::BORDER_TRANSPARENT);
   return capture;
 }
@@ -50,12 +52,13 @@ cv::Mat screen_capture(const cv::Mat& frame, const std::array<double, 8>& corner
 // `seed` at corners_of(j). Empty when no lossless writer is there.
 std::string write_capture(const TempDir& dir, uint64_t seed, int frames) {
   const std::string path = dir.file("capture_" + std::to_string(seed) + ".mkv");
-  cv::VideoWriter writer(path, cv::CAP_FFMPEG, cv::VideoWriter::fourcc('F', 'F', 'V', '1'), 30, kCapture, true);
+  cv::VideoWriter writer(path, cv::CAP_FFMPEG, cv::VideoWriter::fourcc('F', 'F', 'V', '1'), 30,
+                         kCapture, true);
   if (!writer.isOpened()) return "";
   for (int j = 0; j < frames; ++j) {
     cv::Mat colour;
-    cv::cvtColor(screen_capture(make_reference_frame(kW, kH, seed + j), corners_of(j), 90 + j), colour,
-                 cv::COLOR_GRAY2BGR);
+    cv::cvtColor(screen_capture(make_reference_frame(kW, kH, seed + j), corners_of(j), 90 + j),
+                 colour, cv::COLOR_GRAY2BGR);
     writer.write(colour);
   }
   return path;
@@ -71,7 +74,8 @@ TEST(VideoAligner, TellsTracksAndPlacesEveryFrame) {
     bool held;  // they are the reference's
   };
   // Frames not held each take the full search: two are enough.
-  const Case cases[] = {{"the reference's frames", 70, kFrames, true}, {"frames it does not hold", 170, 2, false}};
+  const Case cases[] = {{"the reference's frames", 70, kFrames, true},
+                        {"frames it does not hold", 170, 2, false}};
   for (const Case& c : cases) {
     const std::string video = write_capture(dir, c.shown, c.frames);
     if (video.empty()) GTEST_SKIP() << "no lossless video writer (FFV1) in this OpenCV";
@@ -93,7 +97,9 @@ TEST(VideoAligner, TellsTracksAndPlacesEveryFrame) {
       ASSERT_TRUE(frame.result.corners) << c.what << " frame " << j;
       const std::array<double, 8> truth = corners_of(j);
       for (int i = 0; i < 8; i += 2) {
-        EXPECT_LT(std::hypot((*frame.result.corners)[i] - truth[i], (*frame.result.corners)[i + 1] - truth[i + 1]), 1.0)
+        EXPECT_LT(std::hypot((*frame.result.corners)[i] - truth[i],
+                             (*frame.result.corners)[i + 1] - truth[i + 1]),
+                  1.0)
             << c.what << " frame " << j << " corner " << i / 2;
       }
       tracked += frame.result.path == "tracked";
