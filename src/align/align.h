@@ -128,6 +128,9 @@ double get_angle_old(const cv::Point2f& a, const cv::Point2f& b, const cv::Point
 // side at least a twentieth of the frame, every corner angle in [45, 135]
 // degrees with the frame's turning direction (a mirrored view fails).
 bool check_ref_pts_sanity(const double* pts, int width, int height);
+// The first of those checks that fails, in words with its figure; empty
+// when the corners pass.
+std::string sanity_failure(const double* pts, int width, int height);
 
 // Area of the convex hull of the points rounded to pixels; 1.0 for fewer than 3.
 double calculateConvexHullArea(const std::vector<cv::Point2f>& pts);

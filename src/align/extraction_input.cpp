@@ -27,8 +27,8 @@ ReferenceFeatures reference_features(const AlignmentJob& job) {
   return ref;
 }
 
-// The quick path's slot, when its answer was verified.
-std::optional<Slot> quick_attempt(const AlignmentJob& job) {
+// The quick path's verified slot, or why there is none.
+VerifiedAttempt quick_attempt(const AlignmentJob& job) {
   stop_if_asked(job.stop);
   QuickFeatures computed;
   if (job.quick_reference == nullptr) computed = quick_features(job.reference);
@@ -44,7 +44,7 @@ Alignment hinted_alignment(const AlignmentJob& job, const Plan& plan) {
   stop_if_asked(job.stop);
   const ReferenceFeatures ref = reference_features(job);
   stop_if_asked(job.stop);
-  HintedAttempt attempt =
+  VerifiedAttempt attempt =
       hinted_slot(job.input, *job.hint, job.reference, ref.keypoints, ref.descriptors);
   if (attempt.slot) {
     const double score = attempt.slot->score;
@@ -68,19 +68,26 @@ Alignment extraction_slots(const AlignmentJob& job) {
     return Alignment{plan, 0.0, "", SlotSet::with_enhanced_copies({slot}), ""};
   }
   if (plan.mode == AlignmentMode::HINTED) return hinted_alignment(job, plan);
+  std::string refused;  // why the quick answer was not taken
   if (plan.quick_first) {
-    if (std::optional<Slot> quick = quick_attempt(job)) {
-      const double score = quick->score;
-      return Alignment{plan, score, plan.path(true), SlotSet::with_enhanced_copies({*quick}), ""};
+    VerifiedAttempt quick = quick_attempt(job);
+    if (quick.slot) {
+      const double score = quick.slot->score;
+      return Alignment{plan, score, plan.path(true),
+                       SlotSet::with_enhanced_copies({std::move(*quick.slot)}), ""};
     }
+    refused = "quick path refused: " + quick.reason;
   }
   SearchTerms terms;
   terms.advanced = job.advanced;
   terms.refine = plan.refine;
   terms.stop = job.stop;
   Found found = search_slots(job.input, job.reference, job.load, job.save, terms);
+  const std::string reason = found.reason.empty() || refused.empty()
+                                 ? found.reason + refused
+                                 : found.reason + "; " + refused;
   return Alignment{plan, found.best_score, plan.path(false),
-                   SlotSet::with_enhanced_copies(std::move(found.results)), ""};
+                   SlotSet::with_enhanced_copies(std::move(found.results)), reason};
 }
 
 int generate_extraction_input(const char* result_folder, const cv::Mat& image,

@@ -1,6 +1,8 @@
 #include <algorithm>
 #include <cmath>
+#include <cstdio>
 #include <stdexcept>
+#include <string>
 
 #include <opencv2/imgproc.hpp>
 
@@ -70,23 +72,48 @@ double get_angle_old(const cv::Point2f& a, const cv::Point2f& b, const cv::Point
          180.0 / 3.141592653589793;
 }
 
-bool check_ref_pts_sanity(const double* pts, int width, int height) {
+std::string sanity_failure(const double* pts, int width, int height) {
   const cv::Point2f p1(static_cast<float>(pts[0]), static_cast<float>(pts[1]));
   const cv::Point2f p2(static_cast<float>(pts[2]), static_cast<float>(pts[3]));
   const cv::Point2f p3(static_cast<float>(pts[4]), static_cast<float>(pts[5]));
   const cv::Point2f p4(static_cast<float>(pts[6]), static_cast<float>(pts[7]));
-
+  char text[160];
   // Each test is written as its failure condition so that NaN passes.
-  if (side_length(p1, p2) < width / 20.0) return false;
-  if (side_length(p3, p4) < width / 20.0) return false;
-  if (side_length(p1, p3) < height / 20.0) return false;
-  if (side_length(p2, p4) < height / 20.0) return false;
+  const struct {
+    const char* name;
+    double length, least;
+  } sides[] = {{"top", side_length(p1, p2), width / 20.0},
+               {"bottom", side_length(p3, p4), width / 20.0},
+               {"left", side_length(p1, p3), height / 20.0},
+               {"right", side_length(p2, p4), height / 20.0}};
+  for (const auto& side : sides) {
+    if (side.length < side.least) {
+      std::snprintf(text, sizeof(text), "the %s side is %.1f px long (at least %.1f, a twentieth)",
+                    side.name, side.length, side.least);
+      return text;
+    }
+  }
+  const struct {
+    const char* name;
+    double degrees;
+  } angles[] = {{"top-left", get_angle(p2, p1, p3)},
+                {"bottom-left", get_angle(p1, p3, p4)},
+                {"bottom-right", get_angle(p4, p2, p1)},
+                {"top-right", get_angle(p3, p4, p2)}};
+  for (const auto& angle : angles) {
+    if (angle_out_of_range(angle.degrees)) {
+      std::snprintf(text, sizeof(text),
+                    "the %s corner's angle is %.0f degrees (45 to 135 is a view of a screen; a "
+                    "mirrored view turns the other way)",
+                    angle.name, angle.degrees);
+      return text;
+    }
+  }
+  return "";
+}
 
-  if (angle_out_of_range(get_angle(p2, p1, p3))) return false;
-  if (angle_out_of_range(get_angle(p1, p3, p4))) return false;
-  if (angle_out_of_range(get_angle(p4, p2, p1))) return false;
-  if (angle_out_of_range(get_angle(p3, p4, p2))) return false;
-  return true;
+bool check_ref_pts_sanity(const double* pts, int width, int height) {
+  return sanity_failure(pts, width, height).empty();
 }
 
 double calculateConvexHullArea(const std::vector<cv::Point2f>& pts) {

@@ -37,12 +37,6 @@ constexpr int kCorrections = 2;
 // upside down, a repeated pattern), not the hinted one.
 constexpr double kLargestMove = 0.1;
 
-std::string figures(const char* pattern, double a, double b = 0.0) {
-  char text[200];
-  std::snprintf(text, sizeof(text), pattern, a, b);
-  return text;
-}
-
 // The capture seen through `corners`, matched with the reference.
 struct Look {
   Slot seen;
@@ -100,9 +94,10 @@ double moved_share(const std::array<double, 8>& hint, const double* corners) {
 
 }  // namespace
 
-HintedAttempt hinted_slot(const cv::Mat& image, const std::array<double, 8>& hint,
-                          const cv::Mat& reference, const std::vector<cv::KeyPoint>& ref_keypoints,
-                          const cv::Mat& ref_descriptors) {
+VerifiedAttempt hinted_slot(const cv::Mat& image, const std::array<double, 8>& hint,
+                            const cv::Mat& reference,
+                            const std::vector<cv::KeyPoint>& ref_keypoints,
+                            const cv::Mat& ref_descriptors) {
   const int width = reference.cols, height = reference.rows;
   double corners[8];
   std::copy(hint.begin(), hint.end(), corners);
@@ -159,11 +154,11 @@ HintedAttempt hinted_slot(const cv::Mat& image, const std::array<double, 8>& hin
   // The corrected hint was fitted at the reference's own scale: when the
   // refinement keeps it, it stands, its estimate as the refinement gives it.
   const Acceptance acceptance{kMinimumFramePairs, kQuickMaxError, false};
-  const std::string why = refusal(refined, look.rectified.matches.size(), acceptance);
-  if (!why.empty()) return {std::nullopt, why};
-  return {verified_slot(image, refined, look.rectified.matches.size(), acceptance, score, width,
-                        height),
-          ""};
+  const std::size_t offered = look.rectified.matches.size();
+  std::optional<Slot> slot =
+      verified_slot(image, refined, offered, acceptance, score, width, height);
+  if (!slot) return {std::nullopt, refusal(refined, offered, acceptance)};
+  return {std::move(slot), ""};
 }
 
 Slot unverified_hint_slot(const cv::Mat& image, const std::array<double, 8>& hint, int width,

@@ -12,22 +12,19 @@
 #include <opencv2/core.hpp>
 
 #include "align/slots.h"
+#include "align/verification.h"
 
 namespace framealign {
-
-struct HintedAttempt {
-  std::optional<Slot> slot;  // the verified answer
-  std::string reason;        // why there is none, in words with figures
-};
 
 // Where the reference (with its tuned features `ref_keypoints`,
 // `ref_descriptors`) lies in `image`, started from `hint` (corners in the
 // capture, Z order). The capture is warped by the hint, the warped frame
 // matched with the reference, the hint corrected by what the matches say
 // (twice), and the correction refined and verified.
-HintedAttempt hinted_slot(const cv::Mat& image, const std::array<double, 8>& hint,
-                          const cv::Mat& reference, const std::vector<cv::KeyPoint>& ref_keypoints,
-                          const cv::Mat& ref_descriptors);
+VerifiedAttempt hinted_slot(const cv::Mat& image, const std::array<double, 8>& hint,
+                            const cv::Mat& reference,
+                            const std::vector<cv::KeyPoint>& ref_keypoints,
+                            const cv::Mat& ref_descriptors);
 
 // The slot of a hint that was not verified: the capture warped by the
 // hint's corners as given, scored as a failed attempt.

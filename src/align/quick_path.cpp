@@ -6,6 +6,8 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdio>
+#include <string>
 
 #include <opencv2/calib3d.hpp>
 #include <opencv2/features2d.hpp>
@@ -71,10 +73,10 @@ void frame_seen_through(const cv::Mat& to_capture, int width, int height, double
 
 }  // namespace
 
-std::optional<Slot> quick_rectified_img(const cv::Mat& image, const cv::Mat& reference,
-                                        const QuickFeatures& reference_quick,
-                                        const std::vector<cv::KeyPoint>& ref_keypoints,
-                                        const cv::Mat& ref_descriptors) {
+VerifiedAttempt quick_rectified_img(const cv::Mat& image, const cv::Mat& reference,
+                                    const QuickFeatures& reference_quick,
+                                    const std::vector<cv::KeyPoint>& ref_keypoints,
+                                    const cv::Mat& ref_descriptors) {
   const int width = reference.cols, height = reference.rows;
   const double scale = std::min(1.0, kQuickWidthRatio * width / image.cols);
   cv::Mat reduced;
@@ -84,12 +86,17 @@ std::optional<Slot> quick_rectified_img(const cv::Mat& image, const cv::Mat& ref
     reduced = image;
   }
   const QuickFeatures capture = quick_features(reduced);
-  if (capture.descriptors.empty() || reference_quick.descriptors.empty()) return std::nullopt;
+  if (capture.descriptors.empty() || reference_quick.descriptors.empty()) {
+    return {std::nullopt, "the quick pass found no features"};
+  }
 
   cv::theRNG() = cv::RNG();  // FLANN's trees, as the search draws them
   const std::vector<cv::DMatch> matches =
       ratio_test_matches(reference_quick.descriptors, capture.descriptors);
-  if (matches.size() < static_cast<std::size_t>(kMinimumInliers)) return std::nullopt;
+  if (matches.size() < static_cast<std::size_t>(kMinimumInliers)) {
+    return {std::nullopt, figures("the quick pass matched %.0f features (at least %.0f are needed)",
+                                  double(matches.size()), kMinimumInliers)};
+  }
   std::vector<cv::Point2f> from, to;
   for (const cv::DMatch& m : matches) {
     from.push_back(reference_quick.keypoints[m.queryIdx].pt);
@@ -98,7 +105,7 @@ std::optional<Slot> quick_rectified_img(const cv::Mat& image, const cv::Mat& ref
   std::vector<unsigned char> inlier;
   const cv::Mat to_capture = cv::findHomography(from, to, cv::RANSAC, kInlierThreshold / scale,
                                                 inlier, 2000, 0.995);
-  if (to_capture.empty()) return std::nullopt;
+  if (to_capture.empty()) return {std::nullopt, "the quick pass's matches agree on no geometry"};
   std::vector<cv::Point2f> kept_reference;
   PointPairs pairs;  // all of them: the refinement gates them itself
   for (std::size_t j = 0; j < matches.size(); ++j) {
@@ -108,13 +115,17 @@ std::optional<Slot> quick_rectified_img(const cv::Mat& image, const cv::Mat& ref
   }
   const double covered = coverage(kept_reference, width, height);
   if (static_cast<int>(kept_reference.size()) < kMinimumInliers || covered < kMinimumCoverage) {
-    return std::nullopt;
+    return {std::nullopt, figures("the quick pass kept %.0f matches spanning %.0f%% of the "
+                                  "reference (at least 60 over 35%% are needed)",
+                                  double(kept_reference.size()), 100.0 * covered)};
   }
 
   double corners[8];
   frame_seen_through(to_capture, width, height, corners);
-  if (!upright(corners) || !check_ref_pts_sanity(corners, image.cols, image.rows))
-    return std::nullopt;
+  if (!upright(corners))
+    return {std::nullopt, "the quick pass saw the frame turned over 45 degrees"};
+  const std::string insane = sanity_failure(corners, image.cols, image.rows);
+  if (!insane.empty()) return {std::nullopt, "the quick pass's corners: " + insane};
 
   Slot seen = Slot::blank(width, height);
   warp_to_frame(image, width, height, corners, seen.frame.data, seen.polygon.data());
@@ -125,13 +136,21 @@ std::optional<Slot> quick_rectified_img(const cv::Mat& image, const cv::Mat& ref
   const double quick_score =
       rectification_score(rectified, ref_keypoints) *
       match_term(static_cast<double>(kept_reference.size()) * covered * width * height);
-  if (!(quick_score < kFailedScore)) return std::nullopt;
+  if (!(quick_score < kFailedScore)) {
+    return {std::nullopt, figures("the frame warped by the quick pass's corners matched %.0f of "
+                                  "the reference's features (at least 10 are needed)",
+                                  double(rectified.matches.size()))};
+  }
 
   const RefinedCorners refined =
       refine_corners(pairs, matched_points(rectified.matches, ref_keypoints, rectified.keypoints),
                      corners, width, height, image.size());
-  return verified_slot(image, refined, rectified.matches.size(), Acceptance{kMinimumFramePairs},
-                       quick_score, width, height);
+  const Acceptance acceptance{kMinimumFramePairs};
+  const std::size_t offered = rectified.matches.size();
+  std::optional<Slot> slot =
+      verified_slot(image, refined, offered, acceptance, quick_score, width, height);
+  if (!slot) return {std::nullopt, refusal(refined, offered, acceptance)};
+  return {std::move(slot), ""};
 }
 
 }  // namespace framealign

@@ -8,6 +8,7 @@
 #include <opencv2/core.hpp>
 
 #include "align/slots.h"
+#include "align/verification.h"
 
 namespace framealign {
 
@@ -24,10 +25,10 @@ QuickFeatures quick_features(const cv::Mat& picture);
 // corners, the aligned frame matched with the reference's tuned features
 // (`ref_keypoints`, `ref_descriptors`), refinement. The slot (frame,
 // corners, content polygon, score, estimate, the mapping it was warped by)
-// only when the answer is verified (verified_slot); none otherwise.
-std::optional<Slot> quick_rectified_img(const cv::Mat& image, const cv::Mat& reference,
-                                        const QuickFeatures& reference_quick,
-                                        const std::vector<cv::KeyPoint>& ref_keypoints,
-                                        const cv::Mat& ref_descriptors);
+// only when the answer is verified (verified_slot); otherwise the reason.
+VerifiedAttempt quick_rectified_img(const cv::Mat& image, const cv::Mat& reference,
+                                    const QuickFeatures& reference_quick,
+                                    const std::vector<cv::KeyPoint>& ref_keypoints,
+                                    const cv::Mat& ref_descriptors);
 
 }  // namespace framealign

@@ -4,6 +4,7 @@
 #include "align/search.h"
 
 #include <algorithm>
+#include <cstdio>
 #include <cstring>
 #include <stdexcept>
 #include <string>
@@ -27,6 +28,7 @@ namespace {
 constexpr int kAttempts = 3;
 constexpr PreprocessingType kAttemptTypes[kAttempts] = {GAUSSIAN_BLUR, ORIGINAL,
                                                         MORPHOLOGICAL_OPENING};
+const char* const kAttemptNames[kAttempts] = {"blurred", "original", "opened"};
 
 // FLANN's randomised k-d trees draw from OpenCV's per-thread generator.
 // Starting every attempt, and the advanced pre-pass, from a fresh generator
@@ -75,6 +77,7 @@ struct Attempts {
   const FeatureLoadCallback& load;
   const FeatureSaveCallback& save;
   Slot slots[kAttempts];
+  AttemptStory stories[kAttempts];
   std::vector<cv::KeyPoint> keypoints[kAttempts];
   cv::Mat descriptors[kAttempts];
   bool refine = false;
@@ -93,13 +96,18 @@ struct Attempts {
     stop_if_asked(stop);
     reset_thread_rng();
     Slot& slot = slots[i];
+    AttemptStory& story = stories[i];
     double match_score = 1.0;
     std::vector<cv::DMatch> all_matches;
     // Not caught: a failure to match at all ends the search.
     const std::vector<cv::DMatch> matches =
         match_features(width, height, ref_corners, ref_descriptors, ref_keypoints, descriptors[i],
-                       keypoints[i], match_score, refine ? &all_matches : nullptr);
-    if (matches.size() <= 3) return;
+                       keypoints[i], match_score, &all_matches);
+    tell(story, i, all_matches.size(), matches);
+    if (matches.size() <= 3) {
+      story.gave_up = "more than 3 kept matches are needed";
+      return;
+    }
     try {
       align_frame(matches, ref_keypoints, keypoints[i], work, width, height, ref_corners,
                   slot.frame.data, slot.corners.data(), slot.polygon.data());
@@ -108,15 +116,36 @@ struct Attempts {
       // The product of both scores, deliberately: residual displacement
       // weighted by how many matches agreed and how much they covered.
       const double score = rectification_score(rectified, ref_keypoints) * match_score;
-      if (!affine && score > 100.0 &&
-          !check_ref_pts_sanity(slot.corners.data(), sanity_width, sanity_height)) {
-        throw std::runtime_error("bad ref pts");
+      if (!affine && score > 100.0) {
+        story.gave_up = sanity_failure(slot.corners.data(), sanity_width, sanity_height);
+        if (!story.gave_up.empty()) throw std::runtime_error("bad ref pts");
       }
       slot.score = score;
+      if (!(score < kFailedScore)) story.gave_up = unmatched(rectified.matches.size(), score);
       if (refine) refine_attempt(slot, all_matches, rectified, i);
-    } catch (const std::exception&) {
+    } catch (const std::exception& e) {
       // The attempt failed; its slot keeps whatever was written.
+      if (story.gave_up.empty()) story.gave_up = e.what();
     }
+  }
+
+  // What attempt i's matching found.
+  void tell(AttemptStory& story, int i, std::size_t matched, const std::vector<cv::DMatch>& kept) {
+    story.features = keypoints[i].size();
+    story.matches = matched;
+    story.kept = kept.size();
+    std::vector<cv::Point2f> points;
+    for (const cv::DMatch& m : kept) points.push_back(ref_keypoints[m.queryIdx].pt);
+    if (points.size() >= 3) story.spread = coverage(points, width, height);
+  }
+
+  static std::string unmatched(std::size_t matched, double score) {
+    char text[200];
+    std::snprintf(text, sizeof(text),
+                  "the frame warped by its geometry matched %zu of the reference's features and "
+                  "scored %.0f (at least 10 matches and a score under 999999 are needed)",
+                  matched, score);
+    return text;
   }
 
   // Finishes attempt i's slot by the refinement; the score stays the one
@@ -143,6 +172,7 @@ struct Attempts {
       found.best_score = std::min(found.best_score, slot.score);
       found.results.push_back(std::move(slot));
     }
+    if (found.results.empty()) found.reason = search_reason(stories, kAttemptNames, kAttempts);
     return found;
   }
 };

@@ -3,6 +3,7 @@
 
 #include <atomic>
 #include <cstddef>
+#include <string>
 #include <vector>
 
 #include <opencv2/core.hpp>
@@ -52,11 +53,26 @@ struct SearchTerms {
   const std::atomic<bool>* stop = nullptr;  // see stop_if_asked
 };
 
+// What one attempt saw before it ended, for the reason a search gives when
+// no attempt succeeded.
+struct AttemptStory {
+  std::size_t features = 0;  // the capture's features under the attempt's pre-filter
+  std::size_t matches = 0;   // those that passed the ratio test with the reference's
+  std::size_t kept = 0;      // kept by the per-cell selection
+  double spread = 0.0;       // share of the reference the kept ones span
+  std::string gave_up;       // the step that ended it, with its figure; empty on success
+};
+
+// Why no attempt succeeded, attempt by attempt (`names` are the pre-filters').
+std::string search_reason(const AttemptStory* stories, const char* const* names, int count);
+
 // What a search found: its successful attempts in attempt order, and the
-// lowest of their scores (kFailedScore when none succeeded).
+// lowest of their scores (kFailedScore when none succeeded), with the reason
+// when none did.
 struct Found {
   std::vector<Slot> results;
   double best_score = kFailedScore;
+  std::string reason;
 };
 
 // The rectification search of `image` for the width x height `reference`

@@ -31,6 +31,12 @@ double coverage(const std::vector<cv::Point2f>& points, int width, int height) {
   return calculateConvexHullArea(points) / (double(width) * height);
 }
 
+std::string figures(const char* pattern, double a, double b) {
+  char text[200];
+  std::snprintf(text, sizeof(text), pattern, a, b);
+  return text;
+}
+
 std::string refusal(const RefinedCorners& refined, std::size_t offered,
                     const Acceptance& acceptance) {
   char text[160];

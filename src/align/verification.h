@@ -23,6 +23,12 @@ constexpr double kQuickMaxError = 1.0;
 // the frame (their convex hull in reference pixels).
 constexpr double kMinimumCoverage = 0.35;
 
+// An answer that skips the full search, or why there is none.
+struct VerifiedAttempt {
+  std::optional<Slot> slot;  // the verified answer
+  std::string reason;        // why there is none, in words with figures
+};
+
 // Share of a width x height frame covered by the convex hull of `points`.
 double coverage(const std::vector<cv::Point2f>& points, int width, int height);
 
@@ -44,6 +50,9 @@ struct Acceptance {
 std::optional<Slot> verified_slot(const cv::Mat& image, const RefinedCorners& refined,
                                   std::size_t offered, const Acceptance& acceptance, double score,
                                   int width, int height);
+
+// A reason's text: `pattern` (printf, at most two doubles) filled in.
+std::string figures(const char* pattern, double a, double b = 0.0);
 
 // Why `refined` does not pass `acceptance` with `offered` pairs, in words
 // with its figures; "" when it passes.

@@ -168,7 +168,7 @@ int finish_run(const BatchOptions& options, const std::vector<CaptureJob>& jobs,
   }
   write_summary((root_path / ("summary" + shard_tag(options) + ".csv")).string(), columns, summary);
   try {
-    report.write(columns, summary);
+    report.write(columns, summary, options.command);
   } catch (const std::exception& e) {
     say(e.what());  // summary.csv stands
   }
@@ -204,7 +204,7 @@ int finish_run(const BatchOptions& options, const std::vector<CaptureJob>& jobs,
 std::vector<std::string> run_columns(const BatchOptions& options) {
   const bool hinted = !options.hints.empty();
   return summary_columns(align_options_of(options).refines() || hinted, options.fast || hinted,
-                         options.video_columns, hinted);
+                         options.video_columns, true);
 }
 
 framealign::AlignOptions align_options_of(const BatchOptions& options) {

@@ -32,10 +32,11 @@ struct BatchOptions {
   bool fast = false;                // the quick path first (with refine)
   std::string hints;                // CSV of rough corners by capture id; "": none
   int verbosity = 1;                // 0 --quiet: errors only; 2 --verbose: jobs, paths, timings
+  std::string command;              // the command line, quoted for a shell: the report's next step
 };
 
 // The summary's columns for a run of `options`: a run with hints has those
-// of --fast (the estimate and the path) and the reasons.
+// of --fast (the estimate and the path); every run has the reasons.
 std::vector<std::string> run_columns(const BatchOptions& options);
 
 // The alignment options the batch's options ask for.

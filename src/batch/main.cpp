@@ -113,8 +113,36 @@ void complete_options(BatchOptions& options, const CommandLine& line) {
   }
 }
 
+// The command line as a shell takes it back: words with anything but
+// letters, digits and -_./=:, in single quotes. Without a --hints and its
+// file, which the report's next step gives anew.
+std::string quoted_command(int argc, char** argv) {
+  std::string command;
+  for (int i = 0; i < argc; ++i) {
+    std::string word = argv[i];
+    if (word == "--hints") {
+      ++i;
+      continue;
+    }
+    if (word.rfind("--hints=", 0) == 0) continue;
+    const bool plain =
+        !word.empty() &&
+        word.find_first_not_of(
+            "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789-_./=:") ==
+            std::string::npos;
+    if (!plain) {
+      std::string q = "'";
+      for (char c : word) q += c == '\'' ? std::string("'\\''") : std::string(1, c);
+      word = q + "'";
+    }
+    command += (i ? " " : "") + word;
+  }
+  return command;
+}
+
 int run(int argc, char** argv) {
   BatchOptions options;
+  options.command = quoted_command(argc, argv);
   CommandLine line;
   CLI::App app{"Aligns many captures of known reference frames; see framealign for one.",
                "framealign-batch"};

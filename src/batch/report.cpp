@@ -121,6 +121,10 @@ void Report::add_pictures(const std::string& id, const cv::Mat& capture, const f
   fs::create_directories(pictures / "full");
   write_picture(pictures / (id + ".capture.jpg"), outlined(capture, result.corners, kSmallCapture));
   write_picture(pictures / "full" / (id + ".capture.jpg"), outlined(capture, result.corners, kFullCapture));
+  // At the capture's own size, to set its corners on by hand.
+  const bool unsure = result.status != framealign::kAligned ||
+                      (result.est_error_px && !(*result.est_error_px <= 1.0));
+  if (unsure) write_picture(pictures / "full" / (id + ".plain.jpg"), capture);
   if (!result.best_slot || reference.empty()) return;
   const cv::Mat& aligned = result.frames.at(static_cast<std::size_t>(*result.best_slot));
   write_picture(pictures / (id + ".frames.jpg"), side_by_side(aligned, reference, kSmallFrame));
@@ -148,14 +152,15 @@ std::vector<SummaryRow> worst_first(const std::vector<std::string>& columns, std
   return rows;
 }
 
-void Report::write(const std::vector<std::string>& columns, const std::vector<SummaryRow>& rows) const {
+void Report::write(const std::vector<std::string>& columns, const std::vector<SummaryRow>& rows,
+                   const std::string& command) const {
   if (!enabled()) return;
   const fs::path root(root_), pictures = root / "report";
   const std::vector<SummaryRow> ordered = worst_first(columns, rows);
   std::vector<bool> has_pictures;
   std::error_code ec;
   for (const SummaryRow& row : ordered) has_pictures.push_back(fs::exists(pictures / (row.id + ".capture.jpg"), ec));
-  const std::string html = report_html(columns, ordered, has_pictures);
+  const std::string html = report_html(columns, ordered, has_pictures, command);
   write_checked(root / "report.html", std::vector<unsigned char>(html.begin(), html.end()));
 
   const long est = std::find(columns.begin(), columns.end(), "est_error_px") - columns.begin() - 3;

@@ -31,7 +31,9 @@ class Report {
 
   // report.html and overview.png from the summary's rows. Throws
   // std::runtime_error when one cannot be written.
-  void write(const std::vector<std::string>& columns, const std::vector<SummaryRow>& rows) const;
+  // `command` is the run's command line, shown as the next step.
+  void write(const std::vector<std::string>& columns, const std::vector<SummaryRow>& rows,
+             const std::string& command = "") const;
 
  private:
   std::string root_, why_;
@@ -44,8 +46,22 @@ int rebuild_report(const std::string& root);
 
 // The page itself, for `rows` (summary columns `columns`); `has_pictures`
 // says whether a capture's pictures exist.
-std::string report_html(const std::vector<std::string>& columns, const std::vector<SummaryRow>& rows,
-                        const std::vector<bool>& has_pictures);
+// `command` is the run's, shown as the next step with --hints added ("":
+// a placeholder).
+std::string report_html(const std::vector<std::string>& columns,
+                        const std::vector<SummaryRow>& rows, const std::vector<bool>& has_pictures,
+                        const std::string& command = "");
+
+// Whether the report offers to set a capture's corners by hand: it ended
+// other than aligned, or its estimate (`estimate`, "" when none) is over
+// 1 px or infinite.
+bool needs_a_look(const SummaryRow& row, const std::string& estimate);
+
+// The "set corners" mode's style, panel (with `command` as the next step)
+// and script (report_corners.cpp).
+const char* corners_style();
+const char* corners_script();
+std::string corners_panel(const std::string& command);
 
 // The rows in the report's order: errors first, then not_found, then the
 // aligned by estimated error (or score) from the worst.

@@ -93,14 +93,20 @@ window.addEventListener('load', () => {
 
 }  // namespace
 
-std::string report_html(const std::vector<std::string>& columns, const std::vector<SummaryRow>& rows,
-                        const std::vector<bool>& has_pictures) {
+bool needs_a_look(const SummaryRow& row, const std::string& estimate) {
+  return row.status != framealign::kAligned ||
+         (!estimate.empty() && !(std::strtod(estimate.c_str(), nullptr) <= 1.0));
+}
+
+std::string report_html(const std::vector<std::string>& columns,
+                        const std::vector<SummaryRow>& rows, const std::vector<bool>& has_pictures,
+                        const std::string& command) {
   const auto at = [&](const char* name) -> long {
     const long i = std::find(columns.begin(), columns.end(), name) - columns.begin();
     return i < static_cast<long>(columns.size()) ? i - 3 : -1;
   };
   const long score = at("best_score"), est = at("est_error_px"), seconds = at("seconds"),
-             message = at("message"), reason = at("reason");
+             message = at("message"), reason = at("reason"), x1 = at("x1");
   const auto value = [](const SummaryRow& r, long i) { return i >= 0 && i < long(r.values.size()) ? r.values[i] : ""; };
   std::map<std::string, int> counts;
   std::vector<double> estimates, times;
@@ -114,14 +120,20 @@ std::string report_html(const std::vector<std::string>& columns, const std::vect
   }
   std::string html = "<!doctype html>\n<html lang='en'><head><meta charset='utf-8'><title>framealign-batch report</title><style>";
   html += kStyle;
+  html += corners_style();
   html += "</style></head><body>\n<h1>framealign-batch report</h1>\n<p class='counts'>";
   html += "<span>" + std::to_string(rows.size()) + " captures</span>";
   for (const char* status :
        {framealign::kAligned, framealign::kNotFound, framealign::kHintUnverified, kError}) {
-    if (status == framealign::kHintUnverified && reason < 0) continue;
+    if (status == framealign::kHintUnverified && counts[status] == 0) continue;
     html += "<span class='" + std::string(status) + "'>" + status + " " + std::to_string(counts[status]) + "</span>";
   }
-  html += "</p>\n<div class='charts'>";
+  html += "</p>\n";
+  bool settable = false;  // some capture to set the corners of
+  for (std::size_t i = 0; i < rows.size(); ++i)
+    settable |= has_pictures[i] && needs_a_look(rows[i], value(rows[i], est));
+  if (settable) html += corners_panel(command);
+  html += "<div class='charts'>";
   if (est >= 0) html += histogram("est_error_px (reference pixels)", estimates, infinite);
   html += histogram("seconds per capture", times, 0);
   html += "</div>\n<p>Errors first, then not_found, then the largest estimates (or scores). Click a heading to sort, "
@@ -133,9 +145,15 @@ std::string report_html(const std::vector<std::string>& columns, const std::vect
   for (std::size_t i = 0; i < rows.size(); ++i) {
     const SummaryRow& r = rows[i];
     const int rank = status_rank(r.status);
-    html += "<tr data-id='" + escaped(r.id) + "' data-rank='" + std::to_string(rank) + "' data-score='" +
-            escaped(value(r, score)) + "' data-est='" + escaped(value(r, est)) + "' data-seconds='" +
-            escaped(value(r, seconds)) + "'><td>" + escaped(r.id) + "</td><td class='" + escaped(r.status) + "'>" +
+    const bool set = has_pictures[i] && needs_a_look(r, value(r, est));
+    std::string corners;
+    for (long c = x1; set && x1 >= 0 && c < x1 + 8; ++c)
+      corners += (c > x1 ? " " : "") + value(r, c);
+    html += "<tr data-id='" + escaped(r.id) + "' data-rank='" + std::to_string(rank) +
+            "' data-score='" + escaped(value(r, score)) + "' data-est='" + escaped(value(r, est)) +
+            "' data-seconds='" + escaped(value(r, seconds)) +
+            (set ? "' data-file='" + url(r.id) + "' data-corners='" + escaped(corners) : "") +
+            "'><td>" + escaped(r.id) + "</td><td class='" + escaped(r.status) + "'>" +
             escaped(r.status) + "</td><td>" + escaped(value(r, score)) + "</td>";
     if (est >= 0) html += "<td>" + escaped(value(r, est)) + "</td>";
     html += "<td>" + escaped(value(r, seconds)) + "</td>";
@@ -151,9 +169,11 @@ std::string report_html(const std::vector<std::string>& columns, const std::vect
     }
     const std::string why = value(r, reason), note = value(r, message);
     html += "<td class='message'>" +
-            escaped(why.empty() || note.empty() ? why + note : why + "; " + note) + "</td></tr>\n";
+            escaped(why.empty() || note.empty() ? why + note : why + "; " + note) +
+            (set ? "<br><button class='set'>set corners</button>" : "") + "</td></tr>\n";
   }
   html += "</tbody></table>\n<script>";
   html += kScript;
+  if (settable) html += corners_script();
   return html + "</script></body></html>\n";
 }

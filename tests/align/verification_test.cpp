@@ -102,11 +102,12 @@ TEST(quick_rectified_img, TakesTheRightViewAndRefusesAnotherPicture) {
   };
   for (const Case& c : cases) {
     const cv::Mat capture = make_capture(c.shown, kTruth, kCapture.width, kCapture.height, 23);
-    const std::optional<Slot> slot =
+    const VerifiedAttempt attempt =
         quick_rectified_img(capture, reference, quick, keypoints, descriptors);
-    EXPECT_EQ(slot.has_value(), c.taken) << c.what;
-    if (slot) {
-      EXPECT_LT(worst_corner(slot->corners), 0.3) << c.what;
+    EXPECT_EQ(attempt.slot.has_value(), c.taken) << c.what;
+    EXPECT_EQ(attempt.reason.empty(), c.taken) << c.what << ": " << attempt.reason;
+    if (attempt.slot) {
+      EXPECT_LT(worst_corner(attempt.slot->corners), 0.3) << c.what;
     }
   }
 }
@@ -150,7 +151,7 @@ TEST(hinted_slot, RefinesRoughCornersAndRefusesWhatTheyDoNotShow) {
   for (int trial = 0; trial < 4; ++trial) {
     std::array<double, 8> hint;
     for (int i = 0; i < 8; ++i) hint[i] = kTruth[i] + rng.uniform(-0.03, 0.03) * kW;
-    const HintedAttempt found = hinted_slot(shown, hint, reference, keypoints, descriptors);
+    const VerifiedAttempt found = hinted_slot(shown, hint, reference, keypoints, descriptors);
     ASSERT_TRUE(found.slot) << "trial " << trial << ": " << found.reason;
     EXPECT_LT(worst_corner(found.slot->corners), 0.5) << "trial " << trial;
     EXPECT_TRUE(found.reason.empty());
@@ -169,7 +170,7 @@ TEST(hinted_slot, RefinesRoughCornersAndRefusesWhatTheyDoNotShow) {
       {"a hint that is no view", shown, folded, "no view of a screen"},
   };
   for (const Case& c : refused) {
-    const HintedAttempt found = hinted_slot(c.capture, c.hint, reference, keypoints, descriptors);
+    const VerifiedAttempt found = hinted_slot(c.capture, c.hint, reference, keypoints, descriptors);
     EXPECT_FALSE(found.slot) << c.what;
     EXPECT_NE(found.reason.find(c.reason), std::string::npos) << c.what << ": " << found.reason;
   }

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <opencv2/imgcodecs.hpp>
 
+#include "batch/csv.h"
 #include "cli/batch_fixture.h"
 
 namespace {
@@ -33,7 +34,8 @@ TEST_F(Batch, FoldersAreFramealignsInEveryMode) {
   }
   const std::string text = read_text(dir_.file("full/summary.csv"));
   EXPECT_EQ(text.substr(0, text.find('\n')),
-            "id,input,status,best_score,best_slot,slot_scores,x1,y1,x2,y2,x3,y3,x4,y4,seconds,message");
+            "id,input,status,best_score,best_slot,slot_scores,x1,y1,x2,y2,x3,y3,x4,y4,reason,"
+            "seconds,message");
   // cap1: best score, best slot, the slot scores, the first corner.
   const std::vector<std::string> row = split(split(text, '\n').at(1), ',');
   ASSERT_GE(row.size(), 7u);
@@ -58,16 +60,23 @@ TEST_F(Batch, RefineEstimatesAndRerunsIdentically) {
   const std::string text = summary(dir_.file("refined/summary.csv"));
   EXPECT_EQ(text, summary(dir_.file("again/summary.csv")));
   const std::vector<std::string> rows = split(text, '\n');
-  EXPECT_EQ(rows.at(0), "id,input,status,best_score,best_slot,slot_scores,x1,y1,x2,y2,x3,y3,x4,y4,est_error_px,seconds,message");
+  EXPECT_EQ(rows.at(0),
+            "id,input,status,best_score,best_slot,slot_scores,x1,y1,x2,y2,x3,y3,x4,y4,est_error_px,"
+            "reason,"
+            "seconds,message");
   for (int i = 1; i <= 4; ++i) {
     const std::string id = "/cap" + std::to_string(i);
     EXPECT_TRUE(read_folder(dir_.file("refined" + id)) == read_folder(dir_.file("again" + id))) << id;
-    const std::vector<std::string> row = split(rows.at(i), ',');
-    ASSERT_EQ(row.size(), 16u) << rows.at(i);  // the message, empty, ends the line
+    const std::vector<std::string> row = parse_csv(rows.at(i) + "\n").at(0).fields;
+    ASSERT_EQ(row.size(), 18u) << rows.at(i);
     if (i == 3) {
+      // Each attempt's figures and the step that ended it.
       EXPECT_EQ(row[2] + row[14], "not_found");
+      EXPECT_EQ(row[15].rfind("no attempt found the reference; blurred: ", 0), 0u) << row[15];
+      EXPECT_NE(row[15].find("; opened: "), std::string::npos) << row[15];
       continue;
     }
+    EXPECT_EQ(row[15], "") << id;
     double corners[8];
     for (int c = 0; c < 8; ++c) corners[c] = std::stod(row[6 + c]);
     const double error = corner_error(corners_[i], corners, 640, 360).max;
@@ -141,12 +150,20 @@ TEST_F(Batch, FastVerifiesOrFallsBack) {
   }
   const std::vector<std::string> rows = split(summary(dir_.file("fast/summary.csv")), '\n');
   EXPECT_EQ(summary(dir_.file("fast/summary.csv")), summary(dir_.file("fast_again/summary.csv")));
-  EXPECT_EQ(rows.at(0).substr(rows.at(0).find("est_error_px")), "est_error_px,path,seconds,message");
+  EXPECT_EQ(rows.at(0).substr(rows.at(0).find("est_error_px")),
+            "est_error_px,path,reason,seconds,message");
   const std::vector<std::string> expected = {"c1 aligned fast", "small aligned full", "c3 not_found full",
                                              "other not_found full", "upside aligned full", "unrelated not_found full"};
   for (size_t i = 0; i < expected.size(); ++i) {
-    const std::vector<std::string> row = split(rows.at(i + 1), ',');
+    // Every answer the quick path refused says why; a search that found
+    // nothing says so first.
+    const std::vector<std::string> row = parse_csv(rows.at(i + 1) + "\n").at(0).fields;
     EXPECT_EQ(row.at(0) + " " + row.at(2) + " " + row.at(15), expected[i]);
+    const std::string& reason = row.at(16);
+    EXPECT_EQ(reason.empty(), i == 0) << reason;
+    EXPECT_EQ(reason.find("no attempt found the reference") == 0, row.at(2) == "not_found")
+        << reason;
+    EXPECT_EQ(reason.find("quick path refused: ") != std::string::npos, i > 0) << reason;
     EXPECT_TRUE(read_folder(dir_.file("fast/" + row[0])) == read_folder(dir_.file("fast_again/" + row[0]))) << row[0];
   }
   double corners[8];
@@ -174,12 +191,17 @@ TEST_F(Batch, FaultsAreRows) {
                               "360", "--result-root", "faults"}, dir_, kBatch);
   EXPECT_EQ(r.exit_code, 1);
   const std::vector<std::string> expected = {
-      "c5,./c5.jpg,aligned,", "missing,missing.jpg,error,,,,,,,,,,,,,Failed to read image file: missing.jpg",
-      "notes,notes.txt,error,,,,,,,,,,,,,Unsupported input file format (.txt)",
-      "short,short.yuv,error,,,,,,,,,,,,,Failed to read complete YUV420 data from file: short.yuv with resolution 640x360",
-      "flat,flat.png,error,,,,,,,,,,,,,No features found to match against (a featureless picture?)",
-      "small,./c5.jpg,error,,,,,,,,,,,,,The feature cache ./gone_0.ftrs holds keypoints outside the 320x180 frame",
-      "big,./c5.jpg,error,,,,,,,,,,,,,The feature cache ./gone2_0.ftrs holds keypoints only within"};
+      "c5,./c5.jpg,aligned,",
+      "missing,missing.jpg,error,,,,,,,,,,,,,,Failed to read image file: missing.jpg",
+      "notes,notes.txt,error,,,,,,,,,,,,,,Unsupported input file format (.txt)",
+      "short,short.yuv,error,,,,,,,,,,,,,,Failed to read complete YUV420 data from file: short.yuv "
+      "with resolution 640x360",
+      "flat,flat.png,error,,,,,,,,,,,,,,No features found to match against (a featureless "
+      "picture?)",
+      "small,./c5.jpg,error,,,,,,,,,,,,,,The feature cache ./gone_0.ftrs holds keypoints outside "
+      "the 320x180 frame",
+      "big,./c5.jpg,error,,,,,,,,,,,,,,The feature cache ./gone2_0.ftrs holds keypoints only "
+      "within"};
   const std::vector<std::string> rows = split(summary(dir_.file("faults/summary.csv")), '\n');
   for (size_t i = 0; i < expected.size(); ++i) EXPECT_EQ(rows.at(i + 1).substr(0, expected[i].size()), expected[i]);
   EXPECT_TRUE(std::filesystem::exists(dir_.file("bare_0.ftrs.source")));  // "bare.yuv": its cache beside it

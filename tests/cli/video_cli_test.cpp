@@ -12,6 +12,7 @@
 #include <opencv2/imgproc.hpp>
 #include <opencv2/videoio.hpp>
 
+#include "batch/csv.h"
 #include "cli/batch_fixture.h"
 
 namespace {
@@ -21,13 +22,11 @@ const std::string kSim = FRAMEALIGN_SIM;
 using Table = std::map<std::string, std::map<std::string, std::string>>;  // key column -> column -> value
 
 Table read_table(const std::string& path, const std::string& key) {
-  std::istringstream text(read_text(path));
-  std::string line;
-  std::getline(text, line);
-  const std::vector<std::string> columns = split(line, ',');
+  const std::vector<CsvRecord> records = parse_csv(read_text(path));
+  const std::vector<std::string>& columns = records.at(0).fields;
   Table table;
-  while (std::getline(text, line)) {
-    std::vector<std::string> values = split(line, ',');
+  for (size_t r = 1; r < records.size(); ++r) {
+    std::vector<std::string> values = records[r].fields;
     values.resize(columns.size());
     std::map<std::string, std::string> row;
     for (size_t i = 0; i < columns.size(); ++i) row[columns[i]] = values[i];
