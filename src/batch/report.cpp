@@ -160,7 +160,17 @@ void Report::write(const std::vector<std::string>& columns, const std::vector<Su
   std::vector<bool> has_pictures;
   std::error_code ec;
   for (const SummaryRow& row : ordered) has_pictures.push_back(fs::exists(pictures / (row.id + ".capture.jpg"), ec));
-  const std::string html = report_html(columns, ordered, has_pictures, command);
+  // The run's command is kept beside the pictures, so that --report-only
+  // writes the same page.
+  std::string next = command;
+  if (next.empty()) {
+    std::ifstream kept(pictures / "command.txt");
+    std::getline(kept, next);
+  } else {
+    fs::create_directories(pictures);
+    write_checked(pictures / "command.txt", std::vector<unsigned char>(next.begin(), next.end()));
+  }
+  const std::string html = report_html(columns, ordered, has_pictures, next);
   write_checked(root / "report.html", std::vector<unsigned char>(html.begin(), html.end()));
 
   const long est = std::find(columns.begin(), columns.end(), "est_error_px") - columns.begin() - 3;
