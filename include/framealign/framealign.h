@@ -23,6 +23,7 @@
 
 #include <array>
 #include <atomic>
+#include <limits>
 #include <memory>
 #include <optional>
 #include <stdexcept>
@@ -179,6 +180,15 @@ inline constexpr const char kUnrectified[] = "unrectified";
 inline constexpr const char kHintUnverified[] = "hint_unverified";
 
 // What align() found.
+// One match that located an answer: where it lies on the reference, and how
+// far the answer's geometry puts the capture point it was matched with from
+// there.
+struct MatchPoint {
+  double x = 0.0, y = 0.0;  // reference pixels
+  // Reference pixels; NaN when the answer was not refined.
+  double residual = std::numeric_limits<double>::quiet_NaN();
+};
+
 struct FRAMEALIGN_API AlignResult {
   // "aligned" (the frame was found, or corners were given), "not_found" (no
   // attempt succeeded), "unrectified" (no_rectify: the capture as it is), or
@@ -186,8 +196,9 @@ struct FRAMEALIGN_API AlignResult {
   // frame is warped by the hint's corners, which are only as good as the
   // clicks that made them).
   std::string status;
-  // Why a hint was not verified, in words, with the figures of the check
-  // that failed; "" otherwise.
+  // Why the capture was not found, a hint not verified or the quick path's
+  // answer refused, in words with the figures of the step that gave up; ""
+  // otherwise.
   std::string reason;
   // The best attempt's score, lower is better; 999999 when not found, 0 with
   // corners given or no_rectify.
@@ -209,6 +220,12 @@ struct FRAMEALIGN_API AlignResult {
   // of `corners` (of the mirrored capture when the advanced pre-pass
   // mirrored it). None when not found or unrectified.
   std::optional<Mapping> mapping;
+  // The matches that located the best slot (the search attempt's kept
+  // matches, or the quick path's or the hint's agreeing ones), with their
+  // residuals when refined; for a capture not found, the matches of the
+  // attempt that kept the most (no residuals). Empty with corners given, no
+  // rectification, an unverified hint or a tracked frame.
+  std::vector<MatchPoint> matches;
   // With fast: "fast" when the quick path was verified, else "full"; a
   // frame of a video tracked from the frame before (VideoAligner): "tracked";
   // with a hint: "hint".

@@ -71,9 +71,9 @@ Alignment run_alignment(const AlignmentJob& job) {
   switch (plan.mode) {
     case AlignmentMode::FEATURES_ONLY:
       generate_copy_features(job.input, job.load, job.save);
-      return Alignment{plan, -1.0, "", SlotSet(), ""};
+      return Alignment{plan, -1.0, "", SlotSet(), "", {}};
     case AlignmentMode::CORNERS_GIVEN:
-      return Alignment{plan, 0.0, "", corner_slots(job), ""};
+      return Alignment{plan, 0.0, "", corner_slots(job), "", {}};
     default:
       return extraction_slots(job);
   }

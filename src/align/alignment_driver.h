@@ -61,9 +61,11 @@ struct Alignment {
   double score = 0.0;  // align_frame's return value
   std::string path;    // see Plan::path
   SlotSet slots;
-  // Why the answer is not there or not trusted, in words (a refused hint);
-  // "" otherwise.
+  // Why the answer is not there or not trusted, or why the quick path's
+  // was refused, in words; "" otherwise.
   std::string reason;
+  // With no result slot: the matches the search had best (Found::evidence).
+  std::vector<MatchPoint> evidence;
 
   std::string status() const { return plan.status(score); }
 };

@@ -48,12 +48,14 @@ Alignment hinted_alignment(const AlignmentJob& job, const Plan& plan) {
       hinted_slot(job.input, *job.hint, job.reference, ref.keypoints, ref.descriptors);
   if (attempt.slot) {
     const double score = attempt.slot->score;
-    return Alignment{plan, score, plan.path(false),
-                     SlotSet::with_enhanced_copies({std::move(*attempt.slot)}), ""};
+    return Alignment{
+        plan, score, plan.path(false), SlotSet::with_enhanced_copies({std::move(*attempt.slot)}),
+        "",   {}};
   }
   Slot given = unverified_hint_slot(job.input, *job.hint, job.width, job.height);
-  return Alignment{plan, kFailedScore, plan.path(false), SlotSet::with_enhanced_copies({given}),
-                   attempt.reason};
+  return Alignment{
+      plan, kFailedScore, plan.path(false), SlotSet::with_enhanced_copies({given}), attempt.reason,
+      {}};
 }
 
 }  // namespace
@@ -65,7 +67,7 @@ Alignment extraction_slots(const AlignmentJob& job) {
     copy_plane(job.input, slot.frame.data, job.width, job.height);
     write_frame_polygon(job.width, job.height, slot.polygon.data());
     // No score: the capture was not searched.
-    return Alignment{plan, 0.0, "", SlotSet::with_enhanced_copies({slot}), ""};
+    return Alignment{plan, 0.0, "", SlotSet::with_enhanced_copies({slot}), "", {}};
   }
   if (plan.mode == AlignmentMode::HINTED) return hinted_alignment(job, plan);
   std::string refused;  // why the quick answer was not taken
@@ -73,8 +75,9 @@ Alignment extraction_slots(const AlignmentJob& job) {
     VerifiedAttempt quick = quick_attempt(job);
     if (quick.slot) {
       const double score = quick.slot->score;
-      return Alignment{plan, score, plan.path(true),
-                       SlotSet::with_enhanced_copies({std::move(*quick.slot)}), ""};
+      return Alignment{
+          plan, score, plan.path(true), SlotSet::with_enhanced_copies({std::move(*quick.slot)}),
+          "",   {}};
     }
     refused = "quick path refused: " + quick.reason;
   }
@@ -86,8 +89,12 @@ Alignment extraction_slots(const AlignmentJob& job) {
   const std::string reason = found.reason.empty() || refused.empty()
                                  ? found.reason + refused
                                  : found.reason + "; " + refused;
-  return Alignment{plan, found.best_score, plan.path(false),
-                   SlotSet::with_enhanced_copies(std::move(found.results)), reason};
+  return Alignment{plan,
+                   found.best_score,
+                   plan.path(false),
+                   SlotSet::with_enhanced_copies(std::move(found.results)),
+                   reason,
+                   std::move(found.evidence)};
 }
 
 int generate_extraction_input(const char* result_folder, const cv::Mat& image,

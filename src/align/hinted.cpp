@@ -134,8 +134,12 @@ VerifiedAttempt hinted_slot(const cv::Mat& image, const std::array<double, 8>& h
     }
   }
   std::vector<cv::Point2f> kept;
+  PointPairs agreeing;
   for (std::size_t j = 0; j < inlier.size(); ++j) {
-    if (inlier[j]) kept.push_back(look.reference[j]);
+    if (!inlier[j]) continue;
+    kept.push_back(look.reference[j]);
+    agreeing.reference.push_back(look.pairs.reference[j]);
+    agreeing.input.push_back(look.pairs.input[j]);
   }
   const double covered = coverage(kept, width, height);
   if (kept.size() < static_cast<std::size_t>(kMinimumFramePairs) || covered < kMinimumCoverage) {
@@ -158,6 +162,7 @@ VerifiedAttempt hinted_slot(const cv::Mat& image, const std::array<double, 8>& h
   std::optional<Slot> slot =
       verified_slot(image, refined, offered, acceptance, score, width, height);
   if (!slot) return {std::nullopt, refusal(refined, offered, acceptance)};
+  record_evidence(*slot, agreeing);
   return {std::move(slot), ""};
 }
 

@@ -108,8 +108,13 @@ VerifiedAttempt quick_rectified_img(const cv::Mat& image, const cv::Mat& referen
   if (to_capture.empty()) return {std::nullopt, "the quick pass's matches agree on no geometry"};
   std::vector<cv::Point2f> kept_reference;
   PointPairs pairs;  // all of them: the refinement gates them itself
+  PointPairs agreeing;
   for (std::size_t j = 0; j < matches.size(); ++j) {
-    if (inlier[j]) kept_reference.push_back(from[j]);
+    if (inlier[j]) {
+      kept_reference.push_back(from[j]);
+      agreeing.reference.emplace_back(from[j]);
+      agreeing.input.emplace_back(to[j]);
+    }
     pairs.reference.emplace_back(from[j]);
     pairs.input.emplace_back(to[j]);
   }
@@ -150,6 +155,7 @@ VerifiedAttempt quick_rectified_img(const cv::Mat& image, const cv::Mat& referen
   std::optional<Slot> slot =
       verified_slot(image, refined, offered, acceptance, quick_score, width, height);
   if (!slot) return {std::nullopt, refusal(refined, offered, acceptance)};
+  record_evidence(*slot, agreeing);
   return {std::move(slot), ""};
 }
 

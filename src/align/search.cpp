@@ -123,6 +123,7 @@ struct Attempts {
       slot.score = score;
       if (!(score < kFailedScore)) story.gave_up = unmatched(rectified.matches.size(), score);
       if (refine) refine_attempt(slot, all_matches, rectified, i);
+      record_evidence(slot, matched_points(matches, ref_keypoints, keypoints[i]));
     } catch (const std::exception& e) {
       // The attempt failed; its slot keeps whatever was written.
       if (story.gave_up.empty()) story.gave_up = e.what();
@@ -135,7 +136,10 @@ struct Attempts {
     story.matches = matched;
     story.kept = kept.size();
     std::vector<cv::Point2f> points;
-    for (const cv::DMatch& m : kept) points.push_back(ref_keypoints[m.queryIdx].pt);
+    for (const cv::DMatch& m : kept) {
+      points.push_back(ref_keypoints[m.queryIdx].pt);
+      story.where.push_back(MatchPoint{points.back().x, points.back().y});
+    }
     if (points.size() >= 3) story.spread = coverage(points, width, height);
   }
 
@@ -172,7 +176,14 @@ struct Attempts {
       found.best_score = std::min(found.best_score, slot.score);
       found.results.push_back(std::move(slot));
     }
-    if (found.results.empty()) found.reason = search_reason(stories, kAttemptNames, kAttempts);
+    if (found.results.empty()) {
+      found.reason = search_reason(stories, kAttemptNames, kAttempts);
+      const AttemptStory* most = &stories[0];
+      for (const AttemptStory& story : stories) {
+        if (story.kept > most->kept) most = &story;
+      }
+      found.evidence = most->where;
+    }
     return found;
   }
 };
@@ -180,51 +191,6 @@ struct Attempts {
 }  // namespace
 
 void set_search_schedule(SearchSchedule schedule) { g_schedule = schedule; }
-
-MatchingMode choose_matching_mode(const cv::Mat& image, const cv::Mat& reference) {
-  // On small copies of both pictures, try plain SIFT, affine SIFT and plain
-  // SIFT on the mirrored input; a trial that finds far more matches than the
-  // kept one decides how the full-size attempts run.
-  const int width = reference.cols;
-  const int height = reference.rows;
-  if (height <= 0) throw std::invalid_argument("reference height must be positive");
-  const int small_height = 3 * height < 720 ? (3 * height) / 2 : 360;
-  const int small_width = static_cast<int>(static_cast<long long>(width) * small_height / height);
-  cv::Mat small_ref, small_input;
-  cv::resize(reference, small_ref, cv::Size(small_width, small_height), 0, 0, cv::INTER_LINEAR);
-  cv::resize(image, small_input, cv::Size(small_width, small_height), 0, 0, cv::INTER_LINEAR);
-  std::vector<cv::KeyPoint> small_ref_keypoints;
-  cv::Mat small_ref_descriptors;
-  SIFTdetectAndCompute(small_ref, small_ref_keypoints, small_ref_descriptors, false);
-  double small_corners[8];
-  frame_corners(small_width, small_height, small_corners);
-
-  MatchingMode mode;
-  std::size_t kept = 0;
-  // The trials run one after another on this thread, so trials 1 and 2
-  // continue the generator sequence that trial 0 left, as FLANN draws it.
-  reset_thread_rng();
-  for (int trial = 0; trial < 3; ++trial) {
-    if (trial == 2) cv::flip(small_input, small_input, 1);
-    std::vector<cv::KeyPoint> keypoints;
-    cv::Mat descriptors;
-    double ignored_score = 1.0;
-    const std::size_t found =
-        calculateMatches(small_input, small_ref, small_width, small_height, GAUSSIAN_BLUR,
-                         small_corners, nullptr, small_ref_descriptors, small_ref_keypoints,
-                         descriptors, keypoints, nullptr, nullptr, ignored_score, trial == 1)
-            .size();
-    mode.trial_matches[trial] = found;
-    if (trial == 0) {
-      kept = found;
-    } else if (found > 10 && found > 2 * kept) {
-      kept = found;
-      mode.affine = trial == 1;
-      mode.mirror = trial == 2;
-    }
-  }
-  return mode;
-}
 
 Found search_slots(const cv::Mat& image, const cv::Mat& ref, const FeatureLoadCallback& load,
                    const FeatureSaveCallback& save, const SearchTerms& terms) {

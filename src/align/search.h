@@ -60,6 +60,7 @@ struct AttemptStory {
   std::size_t matches = 0;   // those that passed the ratio test with the reference's
   std::size_t kept = 0;      // kept by the per-cell selection
   double spread = 0.0;       // share of the reference the kept ones span
+  std::vector<MatchPoint> where;  // the kept ones' reference points
   std::string gave_up;       // the step that ended it, with its figure; empty on success
 };
 
@@ -68,11 +69,12 @@ std::string search_reason(const AttemptStory* stories, const char* const* names,
 
 // What a search found: its successful attempts in attempt order, and the
 // lowest of their scores (kFailedScore when none succeeded), with the reason
-// when none did.
+// and the kept matches of the attempt that kept the most when none did.
 struct Found {
   std::vector<Slot> results;
   double best_score = kFailedScore;
   std::string reason;
+  std::vector<MatchPoint> evidence;
 };
 
 // The rectification search of `image` for the width x height `reference`

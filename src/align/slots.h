@@ -31,6 +31,9 @@ struct Slot {
   std::optional<double> est_error_px;
   bool refined = false;
   std::optional<Mapping> mapping;
+  // The matches that located it, with their residuals under `mapping` when
+  // refined (record_evidence).
+  std::vector<MatchPoint> evidence;
 
   // A black frame of the given size, no corners, no polygon.
   static Slot blank(int width, int height);

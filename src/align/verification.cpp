@@ -71,6 +71,20 @@ std::optional<Slot> verified_slot(const cv::Mat& image, const RefinedCorners& re
   return slot;
 }
 
+void record_evidence(Slot& slot, const PointPairs& pairs) {
+  const bool refined = slot.est_error_px.has_value() && slot.mapping.has_value();
+  const std::vector<cv::Point2d> back =
+      refined ? slot.mapping->to_reference(pairs.input) : std::vector<cv::Point2d>();
+  slot.evidence.clear();
+  for (std::size_t i = 0; i < pairs.reference.size(); ++i) {
+    MatchPoint point;
+    point.x = pairs.reference[i].x;
+    point.y = pairs.reference[i].y;
+    if (refined) point.residual = cv::norm(back[i] - pairs.reference[i]);
+    slot.evidence.push_back(point);
+  }
+}
+
 void apply_refinement(Slot& slot, const cv::Mat& image, const RefinedCorners& refined) {
   slot.est_error_px = refined.est_error_px;
   if (refined.accepted) {

@@ -59,6 +59,12 @@ std::string figures(const char* pattern, double a, double b = 0.0);
 std::string refusal(const RefinedCorners& refined, std::size_t offered,
                     const Acceptance& acceptance);
 
+// Records in `slot` the pairs that located it (`pairs`: reference points and
+// where the capture shows them, in the coordinates of its mapping) and, when
+// the slot was refined, how far its mapping puts each capture point from
+// its reference point.
+void record_evidence(Slot& slot, const PointPairs& pairs);
+
 // A found slot finished by the refinement: its estimate recorded and, when
 // the refinement was accepted, its geometry replaced and its frame warped
 // again (its polygon rewritten over the old one); otherwise its mapping is

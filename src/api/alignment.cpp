@@ -85,6 +85,7 @@ void describe(const Alignment& alignment, const AlignOptions& options, int width
   result.score = alignment.score;
   result.path = alignment.path;
   result.reason = alignment.reason;
+  result.matches = alignment.evidence;  // a search that found nothing
   const SlotSet& slots = alignment.slots;
   const AlignmentMode mode = alignment.plan.mode;
   if ((mode == AlignmentMode::SEARCH || mode == AlignmentMode::HINTED) && !slots.empty()) {
@@ -97,6 +98,7 @@ void describe(const Alignment& alignment, const AlignOptions& options, int width
     result.corners = slots[best].corners;
     result.est_error_px = slots[best].est_error_px;
     result.mapping = slots[best].mapping;
+    result.matches = slots[best].evidence;
   } else if (alignment.plan.mode == AlignmentMode::CORNERS_GIVEN) {
     result.corners = options.corners;
   }

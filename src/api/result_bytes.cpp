@@ -17,7 +17,7 @@ namespace framealign {
 
 namespace {
 
-constexpr char kTag[] = "framealign result 3\n";
+constexpr char kTag[] = "framealign result 4\n";
 
 class Writer {
  public:
@@ -131,6 +131,10 @@ std::string AlignResult::to_bytes() const {
   optional_field(w, mapping, [&](const Mapping& m) { w.mapping(m); });
   w.text(path);
   w.text(reason);
+  w.value<std::uint64_t>(matches.size());
+  for (const MatchPoint& m : matches) {
+    for (double v : {m.x, m.y, m.residual}) w.value(v);
+  }
   w.value<std::uint8_t>(files != nullptr);
   if (!files) return w.bytes_;
   w.picture(files->capture);
@@ -175,6 +179,13 @@ AlignResult AlignResult::from_bytes(const std::string& bytes) {
   out.mapping = optional_field<Mapping>(r, [&] { return r.mapping(); });
   out.path = r.text();
   out.reason = r.text();
+  // Each match is 24 bytes: a count beyond what is left cannot be one.
+  out.matches.resize(r.size(body.size() / 24));
+  for (MatchPoint& m : out.matches) {
+    m.x = r.value<double>();
+    m.y = r.value<double>();
+    m.residual = r.value<double>();
+  }
   if (r.flag()) {
     auto files = std::make_shared<Files>();
     files->capture = r.picture();

@@ -71,6 +71,24 @@ cv::Mat side_by_side(const cv::Mat& aligned, const cv::Mat& reference, int width
   return both;
 }
 
+// The reference, dimmed, with each match a dot: blue without a residual,
+// green under half a pixel, yellow under one, red from one on.
+cv::Mat matches_on(const cv::Mat& reference, const std::vector<framealign::MatchPoint>& matches,
+                   int width) {
+  cv::Mat colour;
+  cv::cvtColor(scaled_to_width(reference, width) * 0.6, colour, cv::COLOR_GRAY2BGR);
+  const double s = double(colour.cols) / reference.cols;
+  const int radius = std::max(1, colour.cols / 240);
+  for (const framealign::MatchPoint& m : matches) {
+    const cv::Scalar dot = std::isnan(m.residual) ? cv::Scalar(255, 150, 40)
+                           : m.residual < 0.5     ? cv::Scalar(60, 220, 60)
+                           : m.residual < 1.0     ? cv::Scalar(40, 220, 240)
+                                                  : cv::Scalar(60, 60, 255);
+    cv::circle(colour, cv::Point(int(m.x * s), int(m.y * s)), radius, dot, cv::FILLED, cv::LINE_AA);
+  }
+  return colour;
+}
+
 // One tile of the overview: the capture, its frames, and what became of it.
 cv::Mat tile(const fs::path& pictures, const SummaryRow& row, const std::string& estimate) {
   cv::Mat out(kTile * 3 / 4 + 110, kTile, CV_8UC3, cv::Scalar(40, 40, 40));
@@ -125,6 +143,12 @@ void Report::add_pictures(const std::string& id, const cv::Mat& capture, const f
   const bool unsure = result.status != framealign::kAligned ||
                       (result.est_error_px && !(*result.est_error_px <= 1.0));
   if (unsure) write_picture(pictures / "full" / (id + ".plain.jpg"), capture);
+  if (!reference.empty() && !result.matches.empty()) {
+    write_picture(pictures / (id + ".matches.jpg"),
+                  matches_on(reference, result.matches, kSmallCapture));
+    write_picture(pictures / "full" / (id + ".matches.jpg"),
+                  matches_on(reference, result.matches, kFullFrame));
+  }
   if (!result.best_slot || reference.empty()) return;
   const cv::Mat& aligned = result.frames.at(static_cast<std::size_t>(*result.best_slot));
   write_picture(pictures / (id + ".frames.jpg"), side_by_side(aligned, reference, kSmallFrame));
@@ -157,9 +181,12 @@ void Report::write(const std::vector<std::string>& columns, const std::vector<Su
   if (!enabled()) return;
   const fs::path root(root_), pictures = root / "report";
   const std::vector<SummaryRow> ordered = worst_first(columns, rows);
-  std::vector<bool> has_pictures;
+  std::vector<RowPictures> has;
   std::error_code ec;
-  for (const SummaryRow& row : ordered) has_pictures.push_back(fs::exists(pictures / (row.id + ".capture.jpg"), ec));
+  for (const SummaryRow& row : ordered) {
+    has.push_back({fs::exists(pictures / (row.id + ".capture.jpg"), ec),
+                   fs::exists(pictures / (row.id + ".matches.jpg"), ec)});
+  }
   // The run's command is kept beside the pictures, so that --report-only
   // writes the same page.
   std::string next = command;
@@ -170,7 +197,7 @@ void Report::write(const std::vector<std::string>& columns, const std::vector<Su
     fs::create_directories(pictures);
     write_checked(pictures / "command.txt", std::vector<unsigned char>(next.begin(), next.end()));
   }
-  const std::string html = report_html(columns, ordered, has_pictures, next);
+  const std::string html = report_html(columns, ordered, has, next);
   write_checked(root / "report.html", std::vector<unsigned char>(html.begin(), html.end()));
 
   const long est = std::find(columns.begin(), columns.end(), "est_error_px") - columns.begin() - 3;

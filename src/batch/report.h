@@ -23,8 +23,10 @@ class Report {
   const std::string& why() const { return why_; }
 
   // One capture's pictures, small and full size: the capture with the found
-  // frame outlined (<id>.capture.jpg), and the aligned frame of the best
-  // slot beside the reference (<id>.frames.jpg). Throws std::runtime_error
+  // frame outlined (<id>.capture.jpg), the aligned frame of the best slot
+  // beside the reference (<id>.frames.jpg), and the reference with the
+  // answer's matches coloured by residual (<id>.matches.jpg); the capture at
+  // its own size when it needs a look (<id>.plain.jpg). Throws std::runtime_error
   // when one cannot be written.
   void add_pictures(const std::string& id, const cv::Mat& capture,
                     const framealign::AlignResult& result, const cv::Mat& reference) const;
@@ -44,13 +46,19 @@ class Report {
 // status; 2 when the root has no summary or the report's names are taken.
 int rebuild_report(const std::string& root);
 
-// The page itself, for `rows` (summary columns `columns`); `has_pictures`
-// says whether a capture's pictures exist.
+// Which of a capture's pictures report/ holds.
+struct RowPictures {
+  bool capture = false;  // the capture and, when aligned, the frames
+  bool matches = false;  // its matches on the reference
+};
+
+// The page itself, for `rows` (summary columns `columns`); `pictures` says
+// which of each capture's pictures exist.
 // `command` is the run's, shown as the next step with --hints added ("":
 // a placeholder).
 std::string report_html(const std::vector<std::string>& columns,
-                        const std::vector<SummaryRow>& rows, const std::vector<bool>& has_pictures,
-                        const std::string& command = "");
+                        const std::vector<SummaryRow>& rows,
+                        const std::vector<RowPictures>& pictures, const std::string& command = "");
 
 // Whether the report offers to set a capture's corners by hand: it ended
 // other than aligned, or its estimate (`estimate`, "" when none) is over

@@ -72,7 +72,7 @@ h1{font-size:1.4em}.counts span{margin-right:1.5em;font-weight:bold}
 .charts{display:flex;gap:2em;flex-wrap:wrap}figure{margin:0}rect{fill:#4a7}
 table{border-collapse:collapse;margin-top:1em}td,th{border-bottom:1px solid #ddd;padding:4px 8px;text-align:left;vertical-align:top}
 th[data-key]{cursor:pointer;background:#f4f4f4}th[data-key]:hover{background:#e4e4e4}
-img{display:block;background:#eee}img.capture{width:160px}img.frames{width:244px}td.message{max-width:30em})";
+img{display:block;background:#eee}img.capture{width:160px}img.frames{width:244px}img.matches{width:160px}td.message{max-width:30em})";
 
 const char kScript[] = R"(const body = document.querySelector('#rows tbody');
 document.querySelectorAll('th[data-key]').forEach((th, column) => {
@@ -99,8 +99,8 @@ bool needs_a_look(const SummaryRow& row, const std::string& estimate) {
 }
 
 std::string report_html(const std::vector<std::string>& columns,
-                        const std::vector<SummaryRow>& rows, const std::vector<bool>& has_pictures,
-                        const std::string& command) {
+                        const std::vector<SummaryRow>& rows,
+                        const std::vector<RowPictures>& pictures, const std::string& command) {
   const auto at = [&](const char* name) -> long {
     const long i = std::find(columns.begin(), columns.end(), name) - columns.begin();
     return i < static_cast<long>(columns.size()) ? i - 3 : -1;
@@ -131,7 +131,7 @@ std::string report_html(const std::vector<std::string>& columns,
   html += "</p>\n";
   bool settable = false;  // some capture to set the corners of
   for (std::size_t i = 0; i < rows.size(); ++i)
-    settable |= has_pictures[i] && needs_a_look(rows[i], value(rows[i], est));
+    settable |= pictures[i].capture && needs_a_look(rows[i], value(rows[i], est));
   if (settable) html += corners_panel(command);
   html += "<div class='charts'>";
   if (est >= 0) html += histogram("est_error_px (reference pixels)", estimates, infinite);
@@ -140,12 +140,16 @@ std::string report_html(const std::vector<std::string>& columns,
           "a picture to open it full size.</p>\n<table id='rows'><thead><tr><th data-key='id'>id</th>"
           "<th data-key='rank'>status</th><th data-key='score' data-number>score</th>";
   if (est >= 0) html += "<th data-key='est' data-number>est_error_px</th>";
-  html += "<th data-key='seconds' data-number>seconds</th><th>capture, frame found</th>"
-          "<th>aligned | reference</th><th>message</th></tr></thead>\n<tbody>\n";
+  html +=
+      "<th data-key='seconds' data-number>seconds</th><th>capture, frame found</th>"
+      "<th>aligned | reference</th><th title='green: under 0.5 px from the answer, yellow: under 1 "
+      "px, red: "
+      "further; blue: not refined'>matches on the "
+      "reference</th><th>message</th></tr></thead>\n<tbody>\n";
   for (std::size_t i = 0; i < rows.size(); ++i) {
     const SummaryRow& r = rows[i];
     const int rank = status_rank(r.status);
-    const bool set = has_pictures[i] && needs_a_look(r, value(r, est));
+    const bool set = pictures[i].capture && needs_a_look(r, value(r, est));
     std::string corners;
     for (long c = x1; set && x1 >= 0 && c < x1 + 8; ++c)
       corners += (c > x1 ? " " : "") + value(r, c);
@@ -157,11 +161,13 @@ std::string report_html(const std::vector<std::string>& columns,
             escaped(r.status) + "</td><td>" + escaped(value(r, score)) + "</td>";
     if (est >= 0) html += "<td>" + escaped(value(r, est)) + "</td>";
     html += "<td>" + escaped(value(r, seconds)) + "</td>";
-    for (const char* kind : {"capture", "frames"}) {
+    for (const char* kind : {"capture", "frames", "matches"}) {
       const std::string name = url(r.id) + "." + kind + ".jpg";
       html += "<td>";
-      if (has_pictures[i] && (kind[0] == 'c' || r.status == framealign::kAligned ||
-                              r.status == framealign::kHintUnverified)) {
+      const bool frames =
+          r.status == framealign::kAligned || r.status == framealign::kHintUnverified;
+      if (kind[0] == 'm' ? pictures[i].matches
+                         : pictures[i].capture && (kind[0] == 'c' || frames)) {
         html += "<a href='report/full/" + name + "' target='_blank'><img class='" + kind + "' loading='lazy' src='report/" +
                 name + "' alt='" + kind + " of " + escaped(r.id) + "'></a>";
       }

@@ -15,16 +15,20 @@ std::optional<AlignResult> track(const cv::Mat& capture, const std::vector<Track
       as_error([&] { return tracked_rectified_img(input, groups, seed.data(), terms); });
   if (!slot) return std::nullopt;
   const double score = slot->score;
-  const Alignment alignment{plan_of(options), score, kTrackedPath,
-                            SlotSet::with_enhanced_copies({std::move(*slot)}), ""};
+  const Alignment alignment{plan_of(options),
+                            score,
+                            kTrackedPath,
+                            SlotSet::with_enhanced_copies({std::move(*slot)}),
+                            "",
+                            {}};
   return result_of(alignment, input, width, height, options);
 }
 
 AlignResult not_found_result(const cv::Mat& capture, int width, int height,
-                             const AlignOptions& options) {
+                             const AlignOptions& options, const std::string& reason) {
   const Plan plan = plan_of(options);
-  return result_of(Alignment{plan, kFailedScore, plan.path(false), SlotSet(), ""}, capture, width,
-                   height, options);
+  return result_of(Alignment{plan, kFailedScore, plan.path(false), SlotSet(), reason, {}}, capture,
+                   width, height, options);
 }
 
 }  // namespace framealign

@@ -4,6 +4,7 @@
 
 #include <array>
 #include <optional>
+#include <string>
 #include <vector>
 
 #include <opencv2/core.hpp>
@@ -21,8 +22,8 @@ std::optional<AlignResult> track(const cv::Mat& capture, const std::vector<Track
                                  const TrackTerms& terms = TrackTerms());
 
 // What a search that found nothing gives for `capture` against a width x
-// height reference.
+// height reference, with the reason.
 AlignResult not_found_result(const cv::Mat& capture, int width, int height,
-                             const AlignOptions& options);
+                             const AlignOptions& options, const std::string& reason);
 
 }  // namespace framealign

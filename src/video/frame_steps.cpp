@@ -163,7 +163,16 @@ void VideoAligner::State::search_frame(VideoFrame& frame, const std::optional<Id
       return;
     }
   }
-  frame.result = not_found_result(frame.capture, width, height, options.align);
+  // Why, frame by frame of the reference tried.
+  std::string reason;
+  for (const auto& [ref_frame, outcome] : tried) {
+    reason +=
+        (reason.empty() ? "reference frame " : "; reference frame ") + std::to_string(ref_frame) +
+        ": " +
+        (outcome.first.status != kAligned ? outcome.first.reason
+                                          : std::string("found, but not told as the frame shown"));
+  }
+  frame.result = not_found_result(frame.capture, width, height, options.align, reason);
 }
 
 }  // namespace framealign

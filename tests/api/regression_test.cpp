@@ -5,6 +5,7 @@
 // here. When a change is meant, update the pinned text in the same commit
 // and say why; a failing case prints the text it found, and every file's
 // checksum.
+#include <cmath>
 #include <cstdio>
 
 #include <gtest/gtest.h>
@@ -170,6 +171,22 @@ TEST_P(Pinned, ResultsAndFilesAreUnchanged) {
   result.save(dir.file("out"));
   const std::string found = describe(result, dir.file("out"));
   EXPECT_EQ(found, c.pinned) << "found:\n\"" << found << "\"\nfiles:\n" << file_sums(dir.file("out"));
+  // The matches that located a found answer, with residuals exactly when it
+  // was refined, and then most of them within a pixel of its geometry; none
+  // for corners given or no rectification.
+  if (result.best_slot) {
+    EXPECT_FALSE(result.matches.empty());
+  } else if (result.status != framealign::kNotFound) {
+    EXPECT_TRUE(result.matches.empty());
+  }
+  std::size_t within = 0;
+  for (const framealign::MatchPoint& m : result.matches) {
+    EXPECT_EQ(std::isnan(m.residual), !result.est_error_px);
+    within += m.residual < 1.0;
+  }
+  if (result.est_error_px && *result.est_error_px < 1.0) {
+    EXPECT_GT(2 * within, result.matches.size());
+  }
 }
 
 INSTANTIATE_TEST_SUITE_P(align, Pinned, testing::ValuesIn(kCases),

@@ -92,10 +92,14 @@ TEST_F(Batch, RefineEstimatesAndRerunsIdentically) {
 TEST_F(Batch, ReportShowsEveryCapture) {
   const std::string page = read_text(dir_.file("full/report.html"));
   EXPECT_LT(page.find("data-id='cap3'"), page.find("data-id='cap1'"));  // not_found before aligned
-  for (const char* picture : {"cap1.capture.jpg", "cap1.frames.jpg", "full/cap1.frames.jpg", "cap3.capture.jpg"}) {
+  // The not_found capture (cap3) shows where its matches lie, and can have its corners set.
+  for (const char* picture :
+       {"cap1.capture.jpg", "cap1.frames.jpg", "full/cap1.frames.jpg", "cap3.capture.jpg",
+        "cap1.matches.jpg", "cap3.matches.jpg", "full/cap3.plain.jpg"}) {
     EXPECT_FALSE(cv::imread(dir_.file(std::string("full/report/") + picture)).empty()) << picture;
   }
   EXPECT_FALSE(std::filesystem::exists(dir_.file("full/report/cap3.frames.jpg")));
+  EXPECT_FALSE(std::filesystem::exists(dir_.file("full/report/full/cap1.plain.jpg")));
   EXPECT_EQ(cv::imread(dir_.file("full/overview.png")).cols, 4 * 320);
   std::filesystem::remove(dir_.file("full/report.html"));
   EXPECT_EQ(run_tool({"--result-root", "full", "--report-only"}, dir_, kBatch).exit_code, 0);
@@ -110,8 +114,10 @@ TEST_F(Batch, ReportShowsEveryCapture) {
   std::vector<std::string> dump = flags, shot = flags;
   dump.insert(dump.end(), {"--dump-dom", "file://" + dir_.file("full/report.html")});
   shot.insert(shot.end(), {"--screenshot=" + dir_.file("shot.png"), "file://" + dir_.file("full/report.html")});
-  // Four rows, and the pictures of the three captures that were read (the aligned two also with their frames).
-  EXPECT_NE(run_tool(dump, dir_, browser).out.find("data-rows=\"4\" data-pictures-shown=\"7\""), std::string::npos);
+  // Four rows, and each capture's picture and matches, the aligned three also with their frames.
+  const std::string dom = run_tool(dump, dir_, browser).out;
+  EXPECT_NE(dom.find("data-rows=\"4\" data-pictures-shown=\"11\""), std::string::npos)
+      << dom.substr(0, 2000);
   run_tool(shot, dir_, browser);
   cv::Scalar mean, deviation;
   cv::meanStdDev(cv::imread(dir_.file("shot.png"), cv::IMREAD_GRAYSCALE), mean, deviation);

@@ -57,6 +57,10 @@ class Module(unittest.TestCase):
         self.assertIsNone(r.est_error_px)
         self.assertLess(np.abs(refined.corners - truth).max(), 0.5)
         self.assertLess(refined.est_error_px, 1.0)
+        # Where the matches lie, and how far the refined geometry leaves them.
+        self.assertEqual(r.matches.shape[1], 3)
+        self.assertTrue(np.isnan(r.matches[:, 2]).all())
+        self.assertLess(np.median(refined.matches[:, 2]), 1.0)
 
     def test_lens_mapping_round_trips_and_follows_the_truth(self):
         subprocess.run([f"{BUILD}/framealign-sim", "--out", f"{self.dir}/lens", "--width", "640", "--height", "360",
@@ -141,6 +145,7 @@ class Module(unittest.TestCase):
             back = pickle.loads(pickle.dumps(r, protocol))
             self.assertEqual(repr(back), repr(r))
             np.testing.assert_array_equal(back.corners, r.corners)
+            np.testing.assert_array_equal(back.matches, r.matches)  # NaN residuals included
             self.assertTrue(all((a == b).all() for a, b in zip(back.frames, r.frames)))
         back.save(pathlib.Path(self.dir, "unpickled"))
         state = r.__reduce__()[1][0]
