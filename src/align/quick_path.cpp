@@ -73,19 +73,27 @@ void frame_seen_through(const cv::Mat& to_capture, int width, int height, double
 
 }  // namespace
 
+namespace {
+
+// Features of the capture reduced to about the reference's width; `scale`
+// is the reduction (1 for a capture no wider).
+QuickFeatures reduced_features(const cv::Mat& image, int width, double& scale) {
+  scale = std::min(1.0, kQuickWidthRatio * width / image.cols);
+  if (!(scale < 1.0)) return quick_features(image);
+  cv::Mat reduced;
+  cv::resize(image, reduced, cv::Size(), scale, scale, cv::INTER_AREA);
+  return quick_features(reduced);
+}
+
+}  // namespace
+
 VerifiedAttempt quick_rectified_img(const cv::Mat& image, const cv::Mat& reference,
                                     const QuickFeatures& reference_quick,
                                     const std::vector<cv::KeyPoint>& ref_keypoints,
                                     const cv::Mat& ref_descriptors) {
   const int width = reference.cols, height = reference.rows;
-  const double scale = std::min(1.0, kQuickWidthRatio * width / image.cols);
-  cv::Mat reduced;
-  if (scale < 1.0) {
-    cv::resize(image, reduced, cv::Size(), scale, scale, cv::INTER_AREA);
-  } else {
-    reduced = image;
-  }
-  const QuickFeatures capture = quick_features(reduced);
+  double scale = 1.0;
+  const QuickFeatures capture = reduced_features(image, width, scale);
   if (capture.descriptors.empty() || reference_quick.descriptors.empty()) {
     return {std::nullopt, "the quick pass found no features"};
   }

@@ -98,25 +98,78 @@ bool needs_a_look(const SummaryRow& row, const std::string& estimate) {
          (!estimate.empty() && !(std::strtod(estimate.c_str(), nullptr) <= 1.0));
 }
 
+namespace {
+
+// Where the page's values lie in a summary row's values; -1 for a column
+// the run does not have.
+struct Fields {
+  explicit Fields(const std::vector<std::string>& columns) : columns(columns) {}
+  long at(const char* name) const {
+    const long i = std::find(columns.begin(), columns.end(), name) - columns.begin();
+    return i < static_cast<long>(columns.size()) ? i - 3 : -1;
+  }
+  const std::vector<std::string>& columns;
+  const long score = at("best_score"), est = at("est_error_px"), seconds = at("seconds"),
+             message = at("message"), reason = at("reason"), x1 = at("x1");
+};
+
+std::string value(const SummaryRow& r, long i) {
+  return i >= 0 && i < long(r.values.size()) ? r.values[i] : "";
+}
+
+// One capture's row: its figures, its pictures, why it ended as it did,
+// and "set corners" when it needs a look.
+std::string row_html(const SummaryRow& r, const RowPictures& has, const Fields& f) {
+  const bool set = has.capture && needs_a_look(r, value(r, f.est));
+  std::string corners;
+  for (long c = f.x1; set && f.x1 >= 0 && c < f.x1 + 8; ++c) {
+    corners += (c > f.x1 ? " " : "") + value(r, c);
+  }
+  std::string html =
+      "<tr data-id='" + escaped(r.id) + "' data-rank='" + std::to_string(status_rank(r.status)) +
+      "' data-score='" + escaped(value(r, f.score)) + "' data-est='" + escaped(value(r, f.est)) +
+      "' data-seconds='" + escaped(value(r, f.seconds)) +
+      (set ? "' data-file='" + url(r.id) + "' data-corners='" + escaped(corners) : "") + "'><td>" +
+      escaped(r.id) + "</td><td class='" + escaped(r.status) + "'>" + escaped(r.status) +
+      "</td><td>" + escaped(value(r, f.score)) + "</td>";
+  if (f.est >= 0) html += "<td>" + escaped(value(r, f.est)) + "</td>";
+  html += "<td>" + escaped(value(r, f.seconds)) + "</td>";
+  const bool frames = r.status == framealign::kAligned || r.status == framealign::kHintUnverified;
+  for (const char* kind : {"capture", "frames", "matches"}) {
+    const std::string name = url(r.id) + "." + kind + ".jpg";
+    html += "<td>";
+    if (kind[0] == 'm' ? has.matches : has.capture && (kind[0] == 'c' || frames)) {
+      html += "<a href='report/full/" + name + "' target='_blank'><img class='" + kind +
+              "' loading='lazy' src='report/" + name + "' alt='" + kind + " of " + escaped(r.id) +
+              "'></a>";
+    }
+    html += "</td>";
+  }
+  const std::string why = value(r, f.reason), note = value(r, f.message);
+  return html + "<td class='message'>" +
+         escaped(why.empty() || note.empty() ? why + note : why + "; " + note) +
+         (set ? "<br><button class='set'>set corners</button>" : "") + "</td></tr>\n";
+}
+
+}  // namespace
+
 std::string report_html(const std::vector<std::string>& columns,
                         const std::vector<SummaryRow>& rows,
                         const std::vector<RowPictures>& pictures, const std::string& command) {
-  const auto at = [&](const char* name) -> long {
-    const long i = std::find(columns.begin(), columns.end(), name) - columns.begin();
-    return i < static_cast<long>(columns.size()) ? i - 3 : -1;
-  };
-  const long score = at("best_score"), est = at("est_error_px"), seconds = at("seconds"),
-             message = at("message"), reason = at("reason"), x1 = at("x1");
-  const auto value = [](const SummaryRow& r, long i) { return i >= 0 && i < long(r.values.size()) ? r.values[i] : ""; };
+  const Fields f(columns);
   std::map<std::string, int> counts;
   std::vector<double> estimates, times;
   int infinite = 0;
-  for (const SummaryRow& r : rows) {
+  bool settable = false;  // some capture to set the corners of
+  for (std::size_t i = 0; i < rows.size(); ++i) {
+    const SummaryRow& r = rows[i];
     ++counts[r.status];
-    if (!value(r, seconds).empty()) times.push_back(std::strtod(value(r, seconds).c_str(), nullptr));
-    const std::string e = value(r, est);
+    if (!value(r, f.seconds).empty())
+      times.push_back(std::strtod(value(r, f.seconds).c_str(), nullptr));
+    const std::string e = value(r, f.est);
     if (e == "inf") ++infinite;
     else if (!e.empty()) estimates.push_back(std::strtod(e.c_str(), nullptr));
+    settable |= pictures[i].capture && needs_a_look(r, e);
   }
   std::string html = "<!doctype html>\n<html lang='en'><head><meta charset='utf-8'><title>framealign-batch report</title><style>";
   html += kStyle;
@@ -129,55 +182,21 @@ std::string report_html(const std::vector<std::string>& columns,
     html += "<span class='" + std::string(status) + "'>" + status + " " + std::to_string(counts[status]) + "</span>";
   }
   html += "</p>\n";
-  bool settable = false;  // some capture to set the corners of
-  for (std::size_t i = 0; i < rows.size(); ++i)
-    settable |= pictures[i].capture && needs_a_look(rows[i], value(rows[i], est));
   if (settable) html += corners_panel(command);
   html += "<div class='charts'>";
-  if (est >= 0) html += histogram("est_error_px (reference pixels)", estimates, infinite);
+  if (f.est >= 0) html += histogram("est_error_px (reference pixels)", estimates, infinite);
   html += histogram("seconds per capture", times, 0);
   html += "</div>\n<p>Errors first, then not_found, then the largest estimates (or scores). Click a heading to sort, "
           "a picture to open it full size.</p>\n<table id='rows'><thead><tr><th data-key='id'>id</th>"
           "<th data-key='rank'>status</th><th data-key='score' data-number>score</th>";
-  if (est >= 0) html += "<th data-key='est' data-number>est_error_px</th>";
+  if (f.est >= 0) html += "<th data-key='est' data-number>est_error_px</th>";
   html +=
-      "<th data-key='seconds' data-number>seconds</th><th>capture, frame found</th>"
-      "<th>aligned | reference</th><th title='green: under 0.5 px from the answer, yellow: under 1 "
-      "px, red: "
-      "further; blue: not refined'>matches on the "
-      "reference</th><th>message</th></tr></thead>\n<tbody>\n";
-  for (std::size_t i = 0; i < rows.size(); ++i) {
-    const SummaryRow& r = rows[i];
-    const int rank = status_rank(r.status);
-    const bool set = pictures[i].capture && needs_a_look(r, value(r, est));
-    std::string corners;
-    for (long c = x1; set && x1 >= 0 && c < x1 + 8; ++c)
-      corners += (c > x1 ? " " : "") + value(r, c);
-    html += "<tr data-id='" + escaped(r.id) + "' data-rank='" + std::to_string(rank) +
-            "' data-score='" + escaped(value(r, score)) + "' data-est='" + escaped(value(r, est)) +
-            "' data-seconds='" + escaped(value(r, seconds)) +
-            (set ? "' data-file='" + url(r.id) + "' data-corners='" + escaped(corners) : "") +
-            "'><td>" + escaped(r.id) + "</td><td class='" + escaped(r.status) + "'>" +
-            escaped(r.status) + "</td><td>" + escaped(value(r, score)) + "</td>";
-    if (est >= 0) html += "<td>" + escaped(value(r, est)) + "</td>";
-    html += "<td>" + escaped(value(r, seconds)) + "</td>";
-    for (const char* kind : {"capture", "frames", "matches"}) {
-      const std::string name = url(r.id) + "." + kind + ".jpg";
-      html += "<td>";
-      const bool frames =
-          r.status == framealign::kAligned || r.status == framealign::kHintUnverified;
-      if (kind[0] == 'm' ? pictures[i].matches
-                         : pictures[i].capture && (kind[0] == 'c' || frames)) {
-        html += "<a href='report/full/" + name + "' target='_blank'><img class='" + kind + "' loading='lazy' src='report/" +
-                name + "' alt='" + kind + " of " + escaped(r.id) + "'></a>";
-      }
-      html += "</td>";
-    }
-    const std::string why = value(r, reason), note = value(r, message);
-    html += "<td class='message'>" +
-            escaped(why.empty() || note.empty() ? why + note : why + "; " + note) +
-            (set ? "<br><button class='set'>set corners</button>" : "") + "</td></tr>\n";
-  }
+      "<th data-key='seconds' data-number>seconds</th><th>capture, frame found</th><th>aligned | "
+      "reference</th>"
+      "<th title='green: under 0.5 px from the answer, yellow: under 1 px, red: further; blue: not "
+      "refined'>"
+      "matches on the reference</th><th>message</th></tr></thead>\n<tbody>\n";
+  for (std::size_t i = 0; i < rows.size(); ++i) html += row_html(rows[i], pictures[i], f);
   html += "</tbody></table>\n<script>";
   html += kScript;
   if (settable) html += corners_script();
