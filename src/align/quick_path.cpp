@@ -135,8 +135,9 @@ VerifiedAttempt quick_rectified_img(const cv::Mat& image, const cv::Mat& referen
 
   double corners[8];
   frame_seen_through(to_capture, width, height, corners);
-  if (!upright(corners))
+  if (!upright(corners)) {
     return {std::nullopt, "the quick pass saw the frame turned over 45 degrees"};
+  }
   const std::string insane = sanity_failure(corners, image.cols, image.rows);
   if (!insane.empty()) return {std::nullopt, "the quick pass's corners: " + insane};
 
