@@ -49,6 +49,15 @@ struct VideoOptions {
   std::function<bool(int capture_frame)> skip;
 };
 
+// A band of an aligned frame's rows, told at its middle column: the
+// reference frames its rows show and each one's share of the light (to a
+// twentieth; rows exposed while the screen changed show two).
+struct ShownRows {
+  int first_row = 0, last_row = 0;  // both included
+  std::vector<int> frames;
+  std::vector<double> weights;
+};
+
 // One captured frame and what became of it.
 struct VideoFrame {
   int capture_frame = 0;  // its index in the capture video, from 0
@@ -61,12 +70,30 @@ struct VideoFrame {
   // Every reference frame seen on the screen, top row to bottom row.
   std::vector<int> ref_frames;
   bool mixed = false;  // more than one reference frame on the screen
+  // Where the picture changes from one reference frame to the next: rows of
+  // the aligned frame at its middle column, top to bottom (the change lies
+  // along a capture row, so across the aligned frame it is tilted as the
+  // camera was). Empty unless mixed.
+  std::vector<double> tear_rows;
+  // Every row of the aligned frame told, top to bottom.
+  std::vector<ShownRows> shown_rows;
+  // CV_8UC1, the reference's size: the reference as the camera saw it, each
+  // pixel the blend of the frames its capture row shows (reference frame
+  // ref_frame itself on a frame that is not mixed); empty when none.
+  cv::Mat shown;
   // How well the frames told match the aligned frame: the mean over bands
   // of the screen of 1 - their correlation; 0 is a perfect match.
   double sync_score = 1.0;
   AlignResult result;  // as align() gives it, against ref_frame
   cv::Mat reference;   // CV_8UC1: reference frame ref_frame; empty when none
 };
+
+// Writes what `frame` shows into `folder` (its result's folder), named
+// after the result's best slot i: shown_i.txt, a line "first last
+// frame:weight ..." per band of rows, and, for a mixed frame, the picture
+// shown as shown_i__WxxH.yuv (luma, as the aligned frames). Nothing for a
+// frame without an answer. Throws Error when a file cannot be written.
+FRAMEALIGN_API void save_shown(const VideoFrame& frame, const std::string& folder);
 
 // Reads a capture video (any file OpenCV's FFmpeg reader takes, or a
 // printf-style picture sequence such as frames/%06d.png) frame by frame and

@@ -39,7 +39,9 @@ SummaryRow keep_result(const BatchRun& run, const std::string& id, const std::st
   try {
     const Made made = make();
     video = made.video_values;
-    made.result.save(root.fresh_partial(id));
+    const std::string partial = root.fresh_partial(id);
+    made.result.save(partial);
+    if (made.more_files) made.more_files(partial);
     root.install(id, input);
     row.status = made.result.status;
     row.values = with_video(result_values(&made.result, options, seconds_since(start), ""), options, video);

@@ -19,6 +19,8 @@ struct Made {
   cv::Mat capture;    // as aligned
   cv::Mat reference;  // the reference frame, for the report's pictures
   std::vector<std::string> video_values;  // the video columns, when a video's frame
+  // Writes what else belongs in the result's folder (given), when set.
+  std::function<void(const std::string&)> more_files;
 };
 
 // Runs `make` for capture `input` and keeps its result as <run.root>/<id>:

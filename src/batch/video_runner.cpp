@@ -42,10 +42,15 @@ bool done(const BatchOptions& options, const std::map<std::string, SummaryRow>& 
 std::vector<std::string> video_values(const framealign::VideoFrame& frame) {
   std::string shown;
   for (int n : frame.ref_frames) shown += (shown.empty() ? "" : ";") + std::to_string(n);
-  char sync[32];
-  std::snprintf(sync, sizeof(sync), "%.4f", frame.sync_score);
+  std::string tears;
+  char number[32];
+  for (double row : frame.tear_rows) {
+    std::snprintf(number, sizeof(number), "%.1f", row);
+    tears += (tears.empty() ? "" : ";") + std::string(number);
+  }
+  std::snprintf(number, sizeof(number), "%.4f", frame.sync_score);
   return {std::to_string(frame.capture_frame), frame.ref_frame < 0 ? "" : std::to_string(frame.ref_frame),
-          shown, frame.mixed ? "1" : "0", sync};
+          shown, frame.mixed ? "1" : "0", tears, number};
 }
 
 // One video, frame after frame. A video that cannot be opened gives one
@@ -90,7 +95,8 @@ std::size_t run_video(const BatchRun& run, const CaptureJob& video,
     const SummaryRow row =
         keep_result(run, frame_id(video, frame.capture_frame), video.input, start, [&] {
           if (failure) std::rethrow_exception(failure);
-          return Made{frame.result, frame.capture, frame.reference, video_values(frame)};
+          return Made{frame.result, frame.capture, frame.reference, video_values(frame),
+                      [&frame](const std::string& folder) { framealign::save_shown(frame, folder); }};
         });
     run.keep(row);
     progress.finished(row, video.input, std::stod(row.values[row.values.size() - 2]));

@@ -59,6 +59,26 @@ void bind_video(py::module_& m) {
       .def_readonly("ref_frames", &VideoFrame::ref_frames,
                     "every reference frame on the screen, top to bottom")
       .def_readonly("mixed", &VideoFrame::mixed, "more than one reference frame on the screen")
+      .def_readonly("tear_rows", &VideoFrame::tear_rows,
+                    "aligned-frame rows (at the middle column) where the picture changes from one "
+                    "reference frame to the next, top to bottom; empty unless mixed")
+      .def_property_readonly(
+          "shown_rows",
+          [](const VideoFrame& f) {
+            py::list bands;
+            for (const framealign::ShownRows& b : f.shown_rows) {
+              bands.append(py::make_tuple(b.first_row, b.last_row, b.frames, b.weights));
+            }
+            return bands;
+          },
+          "every row of the aligned frame told: (first_row, last_row, frames, weights) per band")
+      .def_property_readonly(
+          "shown", [](const VideoFrame& f) { return f.shown.empty() ? py::object(py::none()) : to_array(f.shown); },
+          "the reference as the camera saw it (each pixel the blend of the frames its capture row "
+          "shows), height x width uint8; None without an answer")
+      .def("save_shown", [](const VideoFrame& f, const std::filesystem::path& folder) {
+            framealign::save_shown(f, folder.string());
+          }, py::arg("folder"), "writes shown_i.txt and, when mixed, shown_i__WxxH.yuv into folder")
       .def_readonly(
           "sync_score", &VideoFrame::sync_score,
           "mean over the screen's bands of 1 - correlation with the frames told; 0 is perfect")

@@ -103,7 +103,7 @@ int render_video(const SimOptions& options) {
   if (options.codec != "png" && !open_writer(writer, video, h264, options)) {
     return fail("cannot write " + video + " (OpenCV's FFmpeg writer)");
   }
-  std::string truth = "capture_frame,ref_frame,ref_frames,mixed,x1,y1,x2,y2,x3,y3,x4,y4\n";
+  std::string truth = "capture_frame,ref_frame,ref_frames,mixed,x1,y1,x2,y2,x3,y3,x4,y4,tear_rows\n";
   bool written = true;
   film(reference, options.capture, options.filming, [&](const cv::Mat& picture, const FrameTruth& t) {
     char name[64], line[512];
@@ -118,9 +118,14 @@ int render_video(const SimOptions& options) {
     std::string shown;
     for (int k : t.ref_frames) shown += (shown.empty() ? "" : ";") + std::to_string(k);
     const double* c = t.corners;
-    std::snprintf(line, sizeof(line), "%d,%d,%s,%d,%f,%f,%f,%f,%f,%f,%f,%f\n", t.capture_frame, t.ref_frame,
+    std::snprintf(line, sizeof(line), "%d,%d,%s,%d,%f,%f,%f,%f,%f,%f,%f,%f,", t.capture_frame, t.ref_frame,
                   shown.c_str(), t.mixed() ? 1 : 0, c[0], c[1], c[2], c[3], c[4], c[5], c[6], c[7]);
     truth += line;
+    for (std::size_t k = 0; k < t.tear_rows.size(); ++k) {
+      std::snprintf(line, sizeof(line), "%s%.2f", k ? ";" : "", t.tear_rows[k]);
+      truth += line;
+    }
+    truth += "\n";
   });
   writer.release();
   if (!written || !write_file(dir + "truth.csv", truth)) return fail("cannot write the captured frames or truth.csv");

@@ -42,6 +42,35 @@ cv::Matx33d wander(double t, const CaptureSettings& c, const VideoSettings& v, c
   return {co, -si, cx - co * cx + si * cy + dx, si, co, cy - si * cx - co * cy + dy, 0, 0, 1};
 }
 
+// The truth's tear rows (see FrameTruth) of a frame whose capture rows
+// show `row_shares` of the frames, the screen on rows first to last.
+std::vector<double> tears_of(const std::vector<std::map<int, double>>& row_shares,
+                             const std::vector<int>& shown, const Capture& shot, cv::Size frame, int first,
+                             int last) {
+  std::vector<double> rows;
+  for (std::size_t k = 0; k + 1 < shown.size(); ++k) {
+    auto later = [&](int y) {
+      double share = 0.0;
+      for (const auto& [f, s] : row_shares[y]) share += f > shown[k] ? s : 0.0;
+      return share;
+    };
+    for (int y = first; y < last; ++y) {
+      const double a = later(y), b = later(y + 1);
+      if (a >= 0.5 || b < 0.5) continue;
+      const double crossing = y + (0.5 - a) / (b - a);
+      // The reference row at the middle column that the capture shows there.
+      double low = -frame.height, high = 2.0 * frame.height;
+      for (int i = 0; i < 60; ++i) {
+        const double mid = (low + high) / 2;
+        (shot.seen_at({frame.width / 2.0, mid}).y < crossing ? low : high) = mid;
+      }
+      rows.push_back((low + high) / 2);
+      break;
+    }
+  }
+  return rows;
+}
+
 }  // namespace
 
 std::vector<cv::Mat> make_reference_video(int width, int height, std::uint64_t seed, int count, double motion) {
@@ -106,6 +135,7 @@ void film(const std::vector<cv::Mat>& reference, const CaptureSettings& camera, 
       if (rows_covered >= 0.05 * (last - first + 1)) truth.ref_frames.push_back(k);
     }
     std::sort(truth.ref_frames.begin(), truth.ref_frames.end());
+    truth.tear_rows = tears_of(row_shares, truth.ref_frames, shot, frame_size, first, last);
     const cv::Point2d middle = shot.seen_at({frame_size.width / 2.0, frame_size.height / 2.0});
     const auto& at_middle = row_shares[std::clamp(static_cast<int>(middle.y), 0, rows - 1)];
     truth.ref_frame = std::max_element(at_middle.begin(), at_middle.end(),

@@ -28,6 +28,10 @@ struct FrameTruth {
   int ref_frame = 0;             // shown at the screen's middle row
   std::vector<int> ref_frames;   // shown on at least 5% of the screen's rows, in order
   double corners[8] = {};        // where the frame's corners lie in this captured frame
+  // Where the picture changes from each frame of ref_frames to the next:
+  // reference rows at the middle column whose capture row shows the two
+  // frames half and half.
+  std::vector<double> tear_rows;
   bool mixed() const { return ref_frames.size() > 1; }
 };
 

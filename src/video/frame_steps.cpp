@@ -23,6 +23,7 @@ void VideoAligner::State::finish(VideoFrame& frame, AlignResult result, int show
   frame.mixed = identity.ref_frames.size() > 1;
   frame.sync_score = identity.sync_score;
   frame.result = std::move(result);
+  told = identity;
 }
 
 // The points to follow on a frame showing `identity`: each band that shows

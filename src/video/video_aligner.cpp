@@ -94,10 +94,12 @@ bool VideoAligner::next(VideoFrame& frame) {
     // Tracking and the edges' check give quick answers: only where the
     // plan takes the quick path first.
     const bool quick = plan_of(o.align).quick_first;
+    s.told = Identity();
     as_error([&] {
       const std::optional<Identity> seeded = s.seeded_identity(frame.capture);
       if (!(quick && seeded && s.track_frame(frame, *seeded))) s.search_frame(frame, seeded);
       if (quick) s.true_to_edges(frame);
+      s.tell_rows(frame);
       return 0;
     });
     s.remember(frame);

@@ -63,6 +63,7 @@ struct VideoAligner::State {
   std::deque<std::pair<int, int>> shown;
   double rate = 1.0;
   std::optional<double> clock;  // the frame the clock expects now
+  Identity told;  // what the frame at hand was last told to show
 
   cv::Mat plane(int n) {
     auto it = planes.find(n);
@@ -148,6 +149,9 @@ struct VideoAligner::State {
   // against its own frame.
   void true_to_edges(VideoFrame& frame);
   void finish(VideoFrame& frame, AlignResult result, int shown);
+  // Each row of the frame's answer told: its tears, bands and the picture
+  // it shows (shown.cpp).
+  void tell_rows(VideoFrame& frame);
   void search_frame(VideoFrame& frame, const std::optional<Identity>& seeded);
 };
 

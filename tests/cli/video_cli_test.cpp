@@ -7,6 +7,8 @@
 #include <cmath>
 #include <fstream>
 #include <map>
+#include <set>
+#include <sstream>
 
 #include <opencv2/imgcodecs.hpp>
 #include <opencv2/imgproc.hpp>
@@ -33,6 +35,35 @@ Table read_table(const std::string& path, const std::string& key) {
     table[row[key]] = row;
   }
   return table;
+}
+
+std::vector<double> rows_of(const std::string& text) {
+  std::vector<double> rows;
+  for (const std::string& r : split(text, ';')) rows.push_back(std::stod(r));
+  return rows;
+}
+
+// What a frame's folder tells of its rows: shown_i.txt covers the aligned
+// frame's rows once, top to bottom, with the frames found; a mixed frame
+// also has the picture it shows.
+void expect_rows_told(const std::string& folder, const std::map<std::string, std::string>& got,
+                      const std::string& at) {
+  const std::string slot = got.at("best_slot");
+  std::ifstream text(folder + "/shown_" + slot + ".txt");
+  std::set<std::string> frames;
+  int next = 0;
+  for (std::string line; std::getline(text, line);) {
+    std::istringstream fields(line);
+    int first = -1, last = -1;
+    fields >> first >> last;
+    EXPECT_EQ(first, next) << at << ": " << line;
+    next = last + 1;
+    for (std::string entry; fields >> entry;) frames.insert(entry.substr(0, entry.find(':')));
+  }
+  EXPECT_EQ(next, 360) << at;
+  const std::vector<std::string> shown = split(got.at("ref_frames"), ';');
+  EXPECT_EQ(frames, std::set<std::string>(shown.begin(), shown.end())) << at;
+  EXPECT_EQ(std::filesystem::exists(folder + "/shown_" + slot + "__640xx360.yuv"), got.at("mixed") == "1") << at;
 }
 
 class Video : public testing::Test {
@@ -94,7 +125,7 @@ TEST_F(Video, TrackedFramesTellTheTruth) {
     const Table summary =
         read_table(dir_.file(std::string("fast_") + clip + "/summary.csv"), "capture_frame");
     ASSERT_EQ(summary.size(), truth.size()) << clip;
-    int frames_right = 0, tracked = 0;
+    int frames_right = 0, tracked = 0, tears = 0, tears_within = 0;
     for (const auto& [frame, want] : truth) {
       const auto& got = summary.at(frame);
       const std::string at = std::string(clip) + " frame " + frame;
@@ -107,12 +138,23 @@ TEST_F(Video, TrackedFramesTellTheTruth) {
       frames_right +=
           shown == split(want.at("ref_frames"), ';') && got.at("mixed") == want.at("mixed");
       tracked += got.at("path") == "tracked";
+      expect_rows_told(dir_.file(std::string("fast_") + clip + "/" + got.at("id")), got, at);
+      const std::vector<double> tears_found = rows_of(got.at("tear_rows")), tears_true = rows_of(want.at("tear_rows"));
+      tears += static_cast<int>(tears_true.size());
+      if (tears_found.size() == tears_true.size()) {
+        for (std::size_t k = 0; k < tears_true.size(); ++k) {
+          EXPECT_NEAR(tears_found[k], tears_true[k], 3.0) << at << " tear " << k;
+          tears_within += std::abs(tears_found[k] - tears_true[k]) <= 2.0;
+        }
+      }
       // The screen is about as wide in the capture as in the reference.
       for (const char* c : {"x1", "y1", "x2", "y2", "x3", "y3", "x4", "y4"}) {
         EXPECT_NEAR(std::stod(got.at(c)), std::stod(want.at(c)), 1.0) << at << " " << c;
       }
     }
     EXPECT_GE(frames_right, static_cast<int>(truth.size()) - 1) << clip;
+    // Where each mixed frame changes, to within 2 rows, all but one.
+    EXPECT_GE(tears_within, tears - 1) << clip;
     // Tracked from the frame before, all but the first and a frame or two
     // whose tracking is not verified.
     EXPECT_GE(tracked, static_cast<int>(truth.size()) - 3) << clip;
@@ -144,7 +186,13 @@ TEST_F(Video, FramesAreFramealignsOwnAndShardsAddUp) {
                                 "640", "--height", "360", "--frame-number", shown, "--result-folder", "own"},
                                dir_, FRAMEALIGN_BINARY);
   ASSERT_EQ(own.exit_code, 0) << own.err;
-  EXPECT_TRUE(read_folder(dir_.file("own")) == read_folder(dir_.file("one/capture_000003")));
+  // framealign's folder, and what the frame's rows show beside it.
+  Folder video_folder = read_folder(dir_.file("one/capture_000003"));
+  const auto told = std::remove_if(video_folder.begin(), video_folder.end(),
+                                   [](const auto& file) { return file.first.rfind("shown_", 0) == 0; });
+  EXPECT_NE(told, video_folder.end());
+  video_folder.erase(told, video_folder.end());
+  EXPECT_TRUE(read_folder(dir_.file("own")) == video_folder);
 }
 
 TEST_F(Video, OtherVideosAndMissingOnesAreSaidSo) {

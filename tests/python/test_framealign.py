@@ -198,10 +198,21 @@ class Module(unittest.TestCase):
             self.assertEqual(str(frame.ref_frame), truth[row["capture_frame"]]["ref_frame"])
             self.assertEqual(";".join(map(str, frame.ref_frames)), row["ref_frames"])
             self.assertEqual(frame.mixed, row["mixed"] == "1")
+            self.assertEqual(";".join(f"{r:.1f}" for r in frame.tear_rows), row["tear_rows"])
+            self.assertEqual(frame.shown.shape, (360, 640))
+            self.assertEqual(frame.shown_rows[0][0], 0)
+            self.assertEqual(frame.shown_rows[-1][1], 359)
+            self.assertEqual(sorted({f for band in frame.shown_rows for f in band[2]}), sorted(frame.ref_frames))
             self.assertEqual(frame.result.path, row["path"])
             np.testing.assert_allclose(frame.result.corners.ravel(), [float(row[c]) for c in
                                        ("x1", "y1", "x2", "y2", "x3", "y3", "x4", "y4")], atol=1e-5)
         self.assertEqual(frames[0].capture.shape, (540, 960))
+        mixed = next(f for f in frames if f.mixed)
+        os.makedirs(f"{self.dir}/shown")
+        mixed.save_shown(f"{self.dir}/shown")
+        slot = mixed.result.best_slot
+        self.assertEqual(np.fromfile(f"{self.dir}/shown/shown_{slot}__640xx360.yuv", np.uint8).tobytes(),
+                         mixed.shown.tobytes())
         with self.assertRaises(framealign.Error):
             framealign.align_video(f"{clip}/capture.mp4", f"{clip}/reference.yuv", 640, 360, reference_frames=(5, 40))
 
