@@ -24,14 +24,35 @@ constexpr double kShareStep = 20.0;
 // the two frames' a and b.
 struct RowSums {
   double aa = 0, ab = 0, bb = 0, sa = 0, sb = 0, ss = 0;
+  double gain = 1.0;  // the camera's, at these rows
 
-  // How far the row is from the blend (1 - w) a + w b at its best gain.
+  // How far the row is from the blend (1 - w) a + w b at the rows' gain.
   double cost(double w) const {
     const double sm = (1 - w) * sa + w * sb;
     const double mm = (1 - w) * (1 - w) * aa + 2 * w * (1 - w) * ab + w * w * bb;
-    return mm > 1e-9 ? ss - sm * sm / mm : ss;
+    return ss - 2 * gain * sm + gain * gain * mm;
   }
 };
+
+// Each row's gain: the seen picture against the two frames' mean (which
+// the blend's share barely moves), smoothed over this many rows either
+// side, so that the gain cannot stand in for the share.
+constexpr int kGainReach = 32;
+
+void set_gains(std::vector<RowSums>& bins) {
+  const int n = static_cast<int>(bins.size());
+  std::vector<double> sm(n + 1, 0.0), mm(n + 1, 0.0);
+  for (int j = 0; j < n; ++j) {
+    const RowSums& b = bins[j];
+    sm[j + 1] = sm[j] + (b.sa + b.sb) / 2;
+    mm[j + 1] = mm[j] + (b.aa + 2 * b.ab + b.bb) / 4;
+  }
+  for (int j = 0; j < n; ++j) {
+    const int lo = std::max(0, j - kGainReach), hi = std::min(n, j + kGainReach + 1);
+    const double m = mm[hi] - mm[lo];
+    bins[j].gain = m > 1e-9 ? (sm[hi] - sm[lo]) / m : 0.0;
+  }
+}
 
 cv::Mat detail(const cv::Mat& picture, int height) {
   cv::Mat reduced, smooth;
@@ -135,6 +156,7 @@ Tear fit_tear(const cv::Mat& seen, const cv::Mat& raw, const cv::Mat& a, const c
       sums.sa += s * p, sums.sb += s * q, sums.ss += s * s;
     }
   }
+  set_gains(bins);
   const Ramp ramp = RampFit(bins, first).best();
   Tear tear;
   tear.centre = ramp.centre;

@@ -5,6 +5,12 @@
 // Each change is fitted as such a ramp on the aligned frame, in capture
 // rows (the change is a straight line across the aligned frame, tilted as
 // the camera was), against the two frames' pictures.
+//
+// Where the video pans, the next frame is the last one shifted, and a
+// blend of the two looks much like a shift: a geometry a tenth of a pixel
+// off reads as a share of the next frame several hundredths off. On a
+// narrow ramp that moves its middle by a row or so; on a broad one (a short
+// readout under a long exposure) by tens of rows (bench/RESULTS.md).
 #pragma once
 
 #include <array>
