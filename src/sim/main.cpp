@@ -85,8 +85,9 @@ bool open_writer(cv::VideoWriter& writer, const std::string& video, bool h264, c
 
 int render_video(const SimOptions& options) {
   if (!options.reference.empty()) return fail("--video films its own reference video; --reference is for stills");
-  const std::vector<cv::Mat> reference = make_reference_video(
-      options.width, options.height, options.capture.seed, options.filming.reference_frames, options.filming.motion);
+  const VideoSettings& f = options.filming;
+  const std::vector<cv::Mat> reference = make_reference_video(options.width, options.height, options.capture.seed,
+                                                              f.reference_frames, f.motion, f.content, f.letterbox);
   std::error_code ec;
   std::filesystem::create_directories(options.out_dir + (options.codec == "png" ? "/frames" : ""), ec);
   const std::string dir = options.out_dir + "/";
@@ -103,7 +104,7 @@ int render_video(const SimOptions& options) {
   if (options.codec != "png" && !open_writer(writer, video, h264, options)) {
     return fail("cannot write " + video + " (OpenCV's FFmpeg writer)");
   }
-  std::string truth = "capture_frame,ref_frame,ref_frames,mixed,x1,y1,x2,y2,x3,y3,x4,y4,tear_rows\n";
+  std::string truth = "capture_frame,ref_frame,ref_frames,mixed,x1,y1,x2,y2,x3,y3,x4,y4,tear_rows,occluded,in_view\n";
   bool written = true;
   film(reference, options.capture, options.filming, [&](const cv::Mat& picture, const FrameTruth& t) {
     char name[64], line[512];
@@ -125,7 +126,8 @@ int render_video(const SimOptions& options) {
       std::snprintf(line, sizeof(line), "%s%.2f", k ? ";" : "", t.tear_rows[k]);
       truth += line;
     }
-    truth += "\n";
+    std::snprintf(line, sizeof(line), ",%.3f,%.3f\n", t.occluded, t.in_view);
+    truth += line;
   });
   writer.release();
   if (!written || !write_file(dir + "truth.csv", truth)) return fail("cannot write the captured frames or truth.csv");

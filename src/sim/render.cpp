@@ -188,8 +188,9 @@ Stage make_stage(cv::Size frame, const CaptureSettings& s, cv::RNG& rng) {
   const int ch = s.capture_height;
   Stage stage;
   // The screen: the frame inside a dark bezel.
-  stage.bezel = std::max(2, frame.width / 40);
-  stage.screen = cv::Size(frame.width + 2 * stage.bezel, frame.height + 2 * stage.bezel);
+  stage.bezel = s.bezel ? std::max(2, frame.width / 40) : 0;
+  stage.side = stage.bezel + s.bars;
+  stage.screen = cv::Size(frame.width + 2 * stage.side, frame.height + 2 * stage.bezel);
 
   // Its place in the capture: centred, scaled, moved and tilted at random.
   const double screen_w = s.screen_scale * cw;
@@ -221,8 +222,8 @@ Stage make_stage(cv::Size frame, const CaptureSettings& s, cv::RNG& rng) {
 }
 
 cv::Mat optical_image(const cv::Mat& frame, const Stage& stage, const cv::Matx33d& drift, const CaptureSettings& s) {
-  cv::Mat screen(stage.screen, CV_8UC1, cv::Scalar(18));
-  frame.copyTo(screen(cv::Rect(stage.bezel, stage.bezel, frame.cols, frame.rows)));
+  cv::Mat screen(stage.screen, CV_8UC1, cv::Scalar(s.bezel_grey));
+  frame.copyTo(screen(cv::Rect(stage.side, stage.bezel, frame.cols, frame.rows)));
   cv::Mat scene = stage.scene.clone();
   cv::warpPerspective(screen, scene, cv::Mat(drift * stage.screen_to_capture), scene.size(), cv::INTER_CUBIC,
                       cv::BORDER_TRANSPARENT);
@@ -233,8 +234,7 @@ Capture develop(const cv::Mat& optical, cv::Size frame, const Stage& stage, cons
                 const CaptureSettings& s, cv::RNG& rng) {
   Capture capture;
   capture.settings = s;
-  const cv::Matx33d frame_in_screen(1, 0, stage.bezel, 0, 1, stage.bezel, 0, 0, 1);
-  capture.frame_to_scene = drift * stage.screen_to_capture * frame_in_screen;
+  capture.frame_to_scene = drift * stage.screen_to_capture * stage.frame_in_screen();
   double corners[8];
   framealign::frame_corners(frame.width, frame.height, corners);
   for (int i = 0; i < 4; ++i) {

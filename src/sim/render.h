@@ -25,6 +25,12 @@ struct CaptureSettings {
   // distorted radius r (in units of half the capture's diagonal) shows the
   // scene at radius r / (1 - barrel * r^2). 0: an ideal lens.
   double barrel = 0.0;
+  // The screen around the frame: a bezel of this grey, a fortieth of the
+  // frame's width wide (none with `bezel` false), and `bars` more columns
+  // of it left and right (a pillarboxed picture).
+  int bezel_grey = 18;
+  bool bezel = true;
+  int bars = 0;
 };
 
 struct Capture {
@@ -60,8 +66,10 @@ Capture render_capture(const cv::Mat& frame, const CaptureSettings& settings);
 struct Stage {
   cv::Mat scene;                  // 8-bit grey, capture size, without the screen
   cv::Matx33d screen_to_capture;  // the screen (frame and bezel) into the capture
-  int bezel = 0;
+  int bezel = 0;                  // above and below the frame
+  int side = 0;                   // left and right of it
   cv::Size screen;
+  cv::Matx33d frame_in_screen() const { return {1, 0, double(side), 0, 1, double(bezel), 0, 0, 1}; }
 };
 Stage make_stage(cv::Size frame, const CaptureSettings& s, cv::RNG& rng);
 cv::Mat optical_image(const cv::Mat& frame, const Stage& stage, const cv::Matx33d& drift,

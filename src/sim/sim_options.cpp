@@ -46,6 +46,10 @@ void add_sim_options(CLI::App& app, SimOptions& o) {
   ranged(app, "--moire", c.moire, 0.0, 1.0, "Moire fringe amplitude over the screen");
   ranged(app, "--barrel", c.barrel, 0.0, 0.3,
          "Barrel distortion of the lens (0.02 mild to 0.08 strong; see grid.txt)");
+  ranged(app, "--bezel-grey", c.bezel_grey, 0, 255, "Grey of the screen's bezel");
+  app.add_flag("--no-bezel", [&c](std::int64_t) { c.bezel = false; },
+               "No bezel: the frame's content meets the room behind the screen");
+  ranged(app, "--bars", c.bars, 0, 4096, "Bezel-grey columns left and right of the frame (pillarbox), reference pixels");
   ranged(app, "--jpeg-quality", o.jpeg_quality, 1, 100, "JPEG quality");
   app.add_flag("--png", o.png, "Write the capture as PNG");
   app.add_flag("--mirror", c.mirror, "Mirror the capture left-right");
@@ -71,6 +75,19 @@ void add_sim_options(CLI::App& app, SimOptions& o) {
   ranged(app, "--readout", v.readout, 0.0, 1.0, "--video: rolling shutter, first to last row, share of a camera frame");
   ranged(app, "--exposure", v.exposure, 0.0, 1.0, "--video: each row's exposure, share of a camera frame");
   ranged(app, "--drift", v.drift, 0.0, 200.0, "--video: hand-held wander of the camera, capture pixels");
+  ranged(app, "--pause-at", v.pause_at, -1.0, 600.0, "--video: the player pauses at this second (-1: never)");
+  ranged(app, "--pause-for", v.pause_for, 0.0, 600.0, "--video: for this many seconds");
+  ranged(app, "--seek-at", v.seek_at, -1.0, 600.0, "--video: the player seeks at this second (-1: never)");
+  ranged(app, "--seek-to", v.seek_to, 0, 100000, "--video: to this reference frame");
+  app.add_option("--content", v.content,
+                 "--video: pan (the whole picture pans by --motion) or small (a still picture, a cursor moves)")
+      ->check(CLI::IsMember({"pan", "small"}))->capture_default_str();
+  ranged(app, "--letterbox", v.letterbox, 0, 4096, "--video: dark rows at the top and bottom of every reference frame");
+  app.add_flag("--hand", v.hand, "--video: a hand passes in front of the screen (truth: occluded)");
+  ranged(app, "--pan", v.pan, -10000.0, 10000.0,
+         "--video: the camera turns, capture pixels per second to the right (truth: in_view)");
+  ranged(app, "--exposure-drift", v.exposure_drift, 0.0, 0.9, "--video: auto exposure, the gain wanders by this share");
+  ranged(app, "--pwm", v.pwm_hz, 0.0, 10000.0, "--video: PWM-dimmed backlight at this frequency (Hz); 0: steady");
   app.add_option("--codec", o.codec, "--video: h264 (capture.mp4), mjpg (capture.avi) or png (frames/NNNNNN.png)")
       ->check(CLI::IsMember({"h264", "mjpg", "png"}))->capture_default_str();
   app.set_version_flag("--version", framealign::version());

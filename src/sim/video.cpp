@@ -6,40 +6,21 @@
 
 #include <opencv2/imgproc.hpp>
 
+#include "core/plane_io.h"
+#include "sim/filming.h"
+
 namespace {
-
-// The screen's frame at time t (seconds from the first capture), clamped to
-// the video's frames.
-int shown_at(double t, const VideoSettings& v) {
-  const int k = static_cast<int>(std::floor((t - v.phase) * v.display_fps));
-  return std::clamp(k, 0, v.reference_frames - 1);
-}
-
-// How long each reference frame is shown within [a, b), as shares.
-std::map<int, double> shown_during(double a, double b, const VideoSettings& v) {
-  std::map<int, double> share;
-  if (b <= a) {
-    share[shown_at(a, v)] = 1.0;
-    return share;
-  }
-  for (double t = a; t < b;) {
-    const int k = shown_at(t, v);
-    const double next_switch = v.phase + (std::floor((t - v.phase) * v.display_fps) + 1) / v.display_fps;
-    const double end = std::min(b, std::max(next_switch, t + 1e-9));
-    share[k] += (end - t) / (b - a);
-    t = end;
-  }
-  return share;
-}
 
 // The hand-held camera's small smooth wander at time t: a shift and a turn
 // about the capture's centre.
 cv::Matx33d wander(double t, const CaptureSettings& c, const VideoSettings& v, const double (&phases)[3]) {
-  if (v.drift <= 0) return cv::Matx33d::eye();
+  if (v.drift <= 0 && v.pan == 0) return cv::Matx33d::eye();
   const double dx = v.drift * std::sin(0.9 * t + phases[0]), dy = v.drift * std::sin(1.3 * t + phases[1]);
   const double turn = v.drift / std::hypot(c.capture_width, c.capture_height) * std::sin(0.7 * t + phases[2]);
   const double cx = c.capture_width / 2.0, cy = c.capture_height / 2.0, co = std::cos(turn), si = std::sin(turn);
-  return {co, -si, cx - co * cx + si * cy + dx, si, co, cy - si * cx - co * cy + dy, 0, 0, 1};
+  // A camera turning to the right moves the scene to the left.
+  const double pan = -v.pan * t;
+  return {co, -si, cx - co * cx + si * cy + dx + pan, si, co, cy - si * cx - co * cy + dy, 0, 0, 1};
 }
 
 // The truth's tear rows (see FrameTruth) of a frame whose capture rows
@@ -73,14 +54,27 @@ std::vector<double> tears_of(const std::vector<std::map<int, double>>& row_share
 
 }  // namespace
 
-std::vector<cv::Mat> make_reference_video(int width, int height, std::uint64_t seed, int count, double motion) {
-  const int wide = width + static_cast<int>(std::ceil(motion * std::max(count - 1, 0))) + 1;
+std::vector<cv::Mat> make_reference_video(int width, int height, std::uint64_t seed, int count, double motion,
+                                          const std::string& content, int letterbox) {
+  const bool small = content == "small";
+  const int wide = width + (small ? 0 : static_cast<int>(std::ceil(motion * std::max(count - 1, 0)))) + 1;
   const cv::Mat canvas = make_reference_frame(wide, height, seed);
   std::vector<cv::Mat> frames;
   for (int k = 0; k < count; ++k) {
-    const cv::Mat shift = (cv::Mat_<double>(2, 3) << 1, 0, -motion * k, 0, 1, 0);
+    const cv::Mat shift = (cv::Mat_<double>(2, 3) << 1, 0, small ? 0.0 : -motion * k, 0, 1, 0);
     cv::Mat frame;
     cv::warpAffine(canvas, frame, shift, cv::Size(width, height), cv::INTER_LINEAR, cv::BORDER_REFLECT);
+    if (small) {
+      // A cursor a fortieth of the frame wide crossing it, a few pixels a frame.
+      const int size = std::max(4, width / 40), step = std::max(2, width / 160);
+      const cv::Point at(width / 8 + (k * step) % (3 * width / 4), height / 3 + (k * step / 3) % (height / 3));
+      cv::rectangle(frame, cv::Rect(at, cv::Size(size, size)), cv::Scalar(250), -1);
+      cv::rectangle(frame, cv::Rect(at, cv::Size(size, size)), cv::Scalar(10), 2);
+    }
+    if (letterbox > 0) {
+      frame.rowRange(0, std::min(letterbox, height)) = cv::Scalar(16);
+      frame.rowRange(std::max(0, height - letterbox), height) = cv::Scalar(16);
+    }
     frames.push_back(frame);
   }
   return frames;
@@ -90,6 +84,7 @@ void film(const std::vector<cv::Mat>& reference, const CaptureSettings& camera, 
           const std::function<void(const cv::Mat&, const FrameTruth&)>& take) {
   VideoSettings v = video;
   v.reference_frames = static_cast<int>(reference.size());
+  const PlayerClock player(v);
   cv::RNG rng(camera.seed * 7919 + 17);
   const cv::Size frame_size = reference.at(0).size();
   const Stage stage = make_stage(frame_size, camera, rng);
@@ -105,21 +100,39 @@ void film(const std::vector<cv::Mat>& reference, const CaptureSettings& camera, 
     std::map<int, cv::Mat> optical;
     for (int y = 0; y < rows; ++y) {
       const double a = start + readout * y / rows;
-      row_shares[y] = shown_during(a, a + exposure, v);
+      row_shares[y] = player.shown_during(a, a + exposure);
       for (const auto& [k, share] : row_shares[y]) {
         if (!optical.count(k)) optical[k] = optical_image(reference[k], stage, drift, camera);
       }
     }
     cv::Mat light(rows, camera.capture_width, CV_32F, cv::Scalar(0));
     for (int y = 0; y < rows; ++y) {
+      const double a = start + readout * y / rows;
+      const double lit = backlight(a, exposure, v.pwm_hz);
       for (const auto& [k, share] : row_shares[y]) {
         cv::Mat row;
-        optical[k].row(y).convertTo(row, CV_32F, share);
+        optical[k].row(y).convertTo(row, CV_32F, share * lit);
         light.row(y) += row;
       }
     }
-    const Capture shot = develop(light, frame_size, stage, drift, camera, rng);
     FrameTruth truth;
+    if (v.hand || v.exposure_drift > 0) {
+      // The hand is drawn in front of where the screen is.
+      Capture where;
+      where.settings = camera;
+      where.frame_to_scene = drift * stage.screen_to_capture * stage.frame_in_screen();
+      double corners[8];
+      framealign::frame_corners(frame_size.width, frame_size.height, corners);
+      for (int c = 0; c < 4; ++c) {
+        const cv::Point2d p = where.seen_at({corners[2 * c], corners[2 * c + 1]});
+        corners[2 * c] = p.x;
+        corners[2 * c + 1] = p.y;
+      }
+      if (v.hand) truth.occluded = draw_hand(light, start, v.seconds, corners);
+      light *= 1.0 + v.exposure_drift * std::sin(2 * CV_PI * start / 3.0 + phases[0]);
+    }
+    const Capture shot = develop(light, frame_size, stage, drift, camera, rng);
+    truth.in_view = share_in_view(shot.corners, light.size());
     truth.capture_frame = i;
     std::copy(shot.corners, shot.corners + 8, truth.corners);
     double top = HUGE_VAL, bottom = -HUGE_VAL;

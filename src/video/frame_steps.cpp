@@ -18,7 +18,8 @@ namespace framealign {
 void VideoAligner::State::finish(VideoFrame& frame, AlignResult result, int shown) {
   const double expected = shown;
   const Identity identity = index->identify(result.frames[result.best_slot.value_or(0)], &expected);
-  frame.ref_frame = shown;
+  // Frames alike but for a small part share their geometry: the part tells.
+  frame.ref_frame = identity.by_differences ? identity.ref_frame : shown;
   frame.ref_frames = identity.ref_frames;
   frame.mixed = identity.ref_frames.size() > 1;
   frame.sync_score = identity.sync_score;

@@ -120,8 +120,10 @@ const FrameIndex::Bands& FrameIndex::bands_of(int frame) {
   if (it != bands_.end()) return it->second;
   Bands& bands = bands_[frame];
   const cv::Mat picture = read_(frame);
-  band_rows(picture, kBands, scaled(picture.size(), kBandWidth, kBands), bands.values,
-            bands.informative);
+  const cv::Size size = scaled(picture.size(), kBandWidth, kBands);
+  band_rows(picture, kBands, size, bands.values, bands.informative);
+  cv::resize(picture, bands.small, size, 0, 0, cv::INTER_AREA);
+  bands.small.convertTo(bands.small, CV_32F);
   return bands;
 }
 
@@ -235,6 +237,7 @@ Identity FrameIndex::identify(const cv::Mat& aligned, const double* expected) {
   identity.ref_frame = identity.band_frames[kBands / 2];
   identity.sync_score = sum / std::max(telling, 1);
   identity.found = telling > 0 && 1.0 - identity.sync_score >= kMinimumCorrelation;
+  if (identity.found) decide_on_differences(aligned, window, identity);
   return identity;
 }
 

@@ -24,6 +24,11 @@ struct Identity {
   std::vector<int> band_frames;  // each band's frame, top to bottom
   // Each band's 1 - correlation with its frame; negative for a flat band.
   std::vector<double> band_costs;
+  // Told on the small part of the picture where the frames near it differ
+  // (the bands cannot tell such frames apart, nor, then, a geometry found
+  // against one of them), and whether that part told them apart clearly.
+  bool by_differences = false;
+  bool unsure = false;
 };
 
 class FrameIndex {
@@ -44,9 +49,14 @@ class FrameIndex {
   struct Bands {
     cv::Mat values;              // CV_32F, one row per band, each zero-mean and unit-length
     std::vector<bool> informative;  // bands with texture enough to tell frames apart
+    cv::Mat small;               // CV_32F, the frame at the bands' width
   };
   const Bands& bands_of(int frame);
   std::vector<int> window_around(const cv::Mat& aligned, const double* expected) const;
+  // Frames alike but for a small part (a cursor, a street's passers-by):
+  // the bands cannot tell them apart, the pixels where they differ can
+  // (differences.cpp).
+  void decide_on_differences(const cv::Mat& aligned, const std::vector<int>& window, Identity& identity);
   std::vector<std::vector<double>> state_costs(const cv::Mat& seen,
                                                const std::vector<bool>& informative,
                                                const std::vector<int>& window,

@@ -80,4 +80,25 @@ TEST(identify, TheClockDecidesOnlyBetweenFramesAlike) {
   EXPECT_EQ(panning.identify(filmed(v[4], v[4], 0, 0), &far).ref_frame, 4);
 }
 
+// A still picture with a small cursor moving: every band matches every
+// frame alike, whatever the clock expects; the cursor tells.
+TEST(identify, ASmallChangeTellsFramesOtherwiseAlike) {
+  const std::vector<cv::Mat> still = make_reference_video(kWidth, kHeight, 6, 12, 0.0, "small");
+  FrameIndex index([&](int n) { return still[n]; }, 0, 11);
+  for (int shown : {2, 6, 9}) {
+    for (double expected : {shown - 2.0, shown + 0.0, shown + 2.0}) {
+      const Identity identity = index.identify(filmed(still[shown], still[shown], 0, 0), &expected);
+      EXPECT_EQ(identity.ref_frame, shown) << "expected " << expected;
+      EXPECT_EQ(identity.ref_frames, std::vector<int>{shown}) << "expected " << expected;
+      EXPECT_FALSE(identity.unsure) << shown;
+    }
+  }
+  // Two frames with the same picture cannot be told apart, and say so.
+  std::vector<cv::Mat> repeated = still;
+  repeated[7] = still[6];
+  FrameIndex twice([&](int n) { return repeated[n]; }, 0, 11);
+  const double expected = 7.0;
+  EXPECT_TRUE(twice.identify(filmed(still[6], still[6], 0, 0), &expected).unsure);
+}
+
 }  // namespace
