@@ -55,7 +55,7 @@ def score(folder):
     truth = {r["capture_frame"]: r for r in csv.DictReader(open(f"{folder}/truth.csv"))}
     got = {r["capture_frame"]: r for r in csv.DictReader(open(f"{folder}/video/summary.csv"))}
     s = dict(frames=len(truth), right=0, tp=0, fp=0, fn=0, mixed=0, complete=0, unmixed=0, within=0, fast=0,
-             worst=0.0, mixed_worst=0.0, wrong=0, wrong_sure=0, mixed_within=0, tears=0, tears_within=0)
+             worst=0.0, mixed_worst=0.0, wrong=0, wrong_sure=0, mixed_within=0, tears=0, tears_within=0, flagged=0)
     for k, t in truth.items():
         g = got.get(k)
         if g is None:
@@ -84,7 +84,8 @@ def score(folder):
                     for (x, y), (fx, fy) in zip((apply(back, p) for p in corners(g)), FRAME))
         # Called aligned while wrong: over 3 px anywhere, or a frame the screen did not show; "sure"
         # when its own estimate still says a pixel or less.
-        if error > 3.0 or g["ref_frame"] not in t["ref_frames"].split(";"):
+        s["flagged"] += g.get("unsure", "") != ""
+        if (error > 3.0 or g["ref_frame"] not in t["ref_frames"].split(";")) and g.get("unsure", "") == "":
             s["wrong"] += 1
             s["wrong_sure"] += g.get("est_error_px", "") != "" and float(g["est_error_px"]) <= 1.0
         if tm:
@@ -113,12 +114,15 @@ def main():
                "camera's rate of a 1280 x 720 reference video (a pan), `framealign-batch --video --fast`; the "
                "pictures run is `framealign-batch --fast` on the same decoded frames as PNG files with the right "
                "frame_number in the list. Corners: unmixed frames within 1 reference pixel, and the worst; the worst "
-               "of mixed frames. Wrong: frames called aligned over 3 px off anywhere or showing a frame not on "
-               "the screen, and of those the ones whose estimate says 1 px or less.", "",
+               "of mixed frames. Tear rows: the true changes between frames found within 2 aligned rows. Flagged: "
+               "frames whose `unsure` column gives a reason. Wrong: frames called aligned, not flagged, over 3 px "
+               "off anywhere or showing a frame not on the screen, and of those the ones whose estimate says 1 px "
+               "or less (silent).", "",
                "| case | shown/filmed | frames | ref_frame right | mixed precision | mixed recall | ref_frames "
-               "complete | tear rows within 2 | corners within 1 px | worst px | mixed within 1 px | worst px mixed | wrong / estimate ≤1 px | tracked | "
+               "complete | tear rows within 2 | corners within 1 px | worst px | mixed within 1 px | worst px mixed | "
+               "flagged unsure | wrong / silent | tracked | "
                "video fps | pictures fps | speed-up | peak MB video / pictures |",
-               "|---|---|---|---|---|---|---|---|---|---|---|---|---|---|---|---|---|---|"]
+               "|---|---|---|---|---|---|---|---|---|---|---|---|---|---|---|---|---|---|---|"]
     for tag, display, camera, video_time, picture_time, folder in lines:
         s = score(folder)
         v_seconds, v_kb = map(float, video_time.split())
@@ -137,7 +141,7 @@ def main():
             f"{pct(s['complete'], s['mixed'])} | {pct(s['tears_within'], s['tears'])} | "
             f"{pct(s['within'], s['unmixed'])} | {worst(s['worst'], s['unmixed'])} | "
             f"{pct(s['mixed_within'], s['mixed'])} | {worst(s['mixed_worst'], s['mixed'])} | "
-            f"{s['wrong']} / {s['wrong_sure']} | {pct(s['fast'], s['frames'])} | {video_fps:.2f} | {picture} | {speed} | {peaks} |")
+            f"{s['flagged']} | {s['wrong']} / {s['wrong_sure']} | {pct(s['fast'], s['frames'])} | {video_fps:.2f} | {picture} | {speed} | {peaks} |")
     path = "bench/RESULTS.md"
     text = open(path).read()
     start = text.find("\n## Videos\n")

@@ -81,6 +81,10 @@ struct VideoFrame {
   // pixel the blend of the frames its capture row shows (reference frame
   // ref_frame itself on a frame that is not mixed); empty when none.
   cv::Mat shown;
+  // Empty when the answer is sure; else why it may be wrong although found,
+  // "; "-separated, each starting with one of "out of view", "occluded",
+  // "unsure which frame" or "corners uncertain" (result.status stays).
+  std::string unsure;
   // How well the frames told match the aligned frame: the mean over bands
   // of the screen of 1 - their correlation; 0 is a perfect match.
   double sync_score = 1.0;

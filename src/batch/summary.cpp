@@ -21,7 +21,8 @@ std::vector<std::string> summary_columns(bool refined, bool fast, bool videos, b
   if (fast) columns.push_back("path");
   if (reasons) columns.push_back("reason");
   if (videos) {
-    columns.insert(columns.end(), {"capture_frame", "ref_frame", "ref_frames", "mixed", "tear_rows", "sync_score"});
+    columns.insert(columns.end(), {"capture_frame", "ref_frame", "ref_frames", "mixed", "tear_rows", "unsure",
+                                   "sync_score"});
   }
   columns.insert(columns.end(), {"seconds", "message"});
   return columns;

@@ -19,11 +19,11 @@
 // The summary's columns, in order: id, input, status, best_score,
 // best_slot, slot_scores, x1 .. y4, with `refined` est_error_px, with `fast`
 // path, with `reasons` reason (why a hint was not verified), with `videos`
-// the kVideoColumns capture_frame, ref_frame, ref_frames, mixed, tear_rows
-// and sync_score, then seconds and message.
+// the kVideoColumns capture_frame, ref_frame, ref_frames, mixed, tear_rows,
+// unsure and sync_score, then seconds and message.
 std::vector<std::string> summary_columns(bool refined, bool fast, bool videos = false,
                                          bool reasons = false);
-constexpr std::size_t kVideoColumns = 6;
+constexpr std::size_t kVideoColumns = 7;
 
 // A capture's status when it could not be aligned at all (its message says why).
 inline constexpr const char kError[] = "error";

@@ -50,7 +50,7 @@ std::vector<std::string> video_values(const framealign::VideoFrame& frame) {
   }
   std::snprintf(number, sizeof(number), "%.4f", frame.sync_score);
   return {std::to_string(frame.capture_frame), frame.ref_frame < 0 ? "" : std::to_string(frame.ref_frame),
-          shown, frame.mixed ? "1" : "0", tears, number};
+          shown, frame.mixed ? "1" : "0", tears, frame.unsure, number};
 }
 
 // One video, frame after frame. A video that cannot be opened gives one

@@ -4,6 +4,7 @@
 
 #include "core/as_error.h"
 #include "core/plane_io.h"
+#include "video/doubts.h"
 #include "video/tears.h"
 #include "video/video_state.h"
 
@@ -19,6 +20,7 @@ void VideoAligner::State::tell_rows(VideoFrame& frame) {
   frame.tear_rows = tear_rows(model);
   frame.shown_rows = shown_rows(model);
   frame.shown = shown_picture(model, read);
+  frame.unsure = doubts(frame, result.frames[*result.best_slot], identity);
 }
 
 void save_shown(const VideoFrame& frame, const std::string& folder) {

@@ -14,28 +14,12 @@
 #include <opencv2/imgproc.hpp>
 #include <opencv2/videoio.hpp>
 
-#include "batch/csv.h"
 #include "cli/batch_fixture.h"
+#include "cli/video_tables.h"
 
 namespace {
 
 const std::string kSim = FRAMEALIGN_SIM;
-
-using Table = std::map<std::string, std::map<std::string, std::string>>;  // key column -> column -> value
-
-Table read_table(const std::string& path, const std::string& key) {
-  const std::vector<CsvRecord> records = parse_csv(read_text(path));
-  const std::vector<std::string>& columns = records.at(0).fields;
-  Table table;
-  for (size_t r = 1; r < records.size(); ++r) {
-    std::vector<std::string> values = records[r].fields;
-    values.resize(columns.size());
-    std::map<std::string, std::string> row;
-    for (size_t i = 0; i < columns.size(); ++i) row[columns[i]] = values[i];
-    table[row[key]] = row;
-  }
-  return table;
-}
 
 std::vector<double> rows_of(const std::string& text) {
   std::vector<double> rows;

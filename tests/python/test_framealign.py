@@ -199,6 +199,7 @@ class Module(unittest.TestCase):
             self.assertEqual(";".join(map(str, frame.ref_frames)), row["ref_frames"])
             self.assertEqual(frame.mixed, row["mixed"] == "1")
             self.assertEqual(";".join(f"{r:.1f}" for r in frame.tear_rows), row["tear_rows"])
+            self.assertEqual(frame.unsure, row["unsure"])
             self.assertEqual(frame.shown.shape, (360, 640))
             self.assertEqual(frame.shown_rows[0][0], 0)
             self.assertEqual(frame.shown_rows[-1][1], 359)

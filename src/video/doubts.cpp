@@ -1,0 +1,103 @@
+#include "video/doubts.h"
+
+#include <cstdio>
+
+#include <opencv2/imgproc.hpp>
+
+namespace framealign {
+
+namespace {
+
+// The aligned frame against the picture shown, cell by cell (kColumns x
+// kRows at kWidth): a cell with texture enough to tell whose correlation
+// with what was shown is under kCovered shows something else there.
+constexpr int kWidth = 320, kColumns = 16, kRows = 9;
+constexpr double kTexture = 4.0;
+constexpr double kCovered = 0.3;
+// ...and the frame is flagged once that is more than this share of the
+// cells with texture.
+constexpr double kOccluded = 0.02;
+
+std::string percent(const char* format, double share) {
+  char text[160];
+  std::snprintf(text, sizeof(text), format, 100.0 * share);
+  return text;
+}
+
+// Share of the textured cells whose content is not the picture shown.
+double covered_share(const cv::Mat& aligned, const cv::Mat& shown) {
+  const cv::Size size(kWidth, std::max(kRows, kWidth * aligned.rows / std::max(1, aligned.cols)));
+  cv::Mat seen, want;
+  cv::resize(aligned, seen, size, 0, 0, cv::INTER_AREA);
+  cv::resize(shown, want, size, 0, 0, cv::INTER_AREA);
+  seen.convertTo(seen, CV_32F);
+  want.convertTo(want, CV_32F);
+  int textured = 0, covered = 0;
+  for (int i = 0; i < kRows; ++i) {
+    for (int j = 0; j < kColumns; ++j) {
+      const cv::Rect cell(j * size.width / kColumns, i * size.height / kRows, size.width / kColumns,
+                          size.height / kRows);
+      cv::Scalar want_mean, want_dev, seen_mean, seen_dev;
+      cv::meanStdDev(want(cell), want_mean, want_dev);
+      if (want_dev[0] < kTexture) continue;
+      ++textured;
+      cv::meanStdDev(seen(cell), seen_mean, seen_dev);
+      if (seen_dev[0] <= 0) {
+        ++covered;
+        continue;
+      }
+      const double correlation = cv::mean((seen(cell) - seen_mean[0]).mul(want(cell) - want_mean[0]))[0] /
+                                 (seen_dev[0] * want_dev[0]);
+      covered += correlation < kCovered;
+    }
+  }
+  return textured > 0 ? double(covered) / textured : 0.0;
+}
+
+}  // namespace
+
+std::string doubts(const VideoFrame& frame, const cv::Mat& aligned, const Identity& identity) {
+  std::string reasons;
+  auto add = [&reasons](const std::string& reason) { reasons += (reasons.empty() ? "" : "; ") + reason; };
+  const AlignResult& result = frame.result;
+  if (!result.corners) return reasons;
+  const char* names[4] = {"top-left", "top-right", "bottom-left", "bottom-right"};
+  std::string outside;
+  int count = 0;
+  for (int c = 0; c < 4; ++c) {
+    const double x = (*result.corners)[2 * c], y = (*result.corners)[2 * c + 1];
+    if (x < 0 || y < 0 || x > frame.capture.cols || y > frame.capture.rows) {
+      outside += std::string(outside.empty() ? "" : ", ") + names[c];
+      ++count;
+    }
+  }
+  if (count > 0) {
+    add("out of view: the screen's " + outside + (count > 1 ? " corners lie" : " corner lies") +
+        " outside the capture");
+  }
+  if (!frame.shown.empty()) {
+    const double covered = covered_share(aligned, frame.shown);
+    if (covered > kOccluded) {
+      add(percent("occluded: %.0f%% of the screen does not show the frames told (something in front of it, "
+                  "or the answer is off)",
+                  covered));
+    }
+  }
+  if (identity.unsure) add("unsure which frame: the frames near it differ only where the capture cannot tell them");
+  if (frame.mixed && result.path != "tracked" && !identity.by_differences) {
+    // Tracking follows each band against its own frame, and a frame checked
+    // along the screen's edges is tracked from them; a geometry fitted to
+    // all of a mixed frame's content shears to fit both frames (unless they
+    // differ only in a small part).
+    add("corners uncertain: a mixed frame located on its content, which shows two frames, without the screen's "
+        "edges to check it");
+  }
+  if (result.est_error_px && *result.est_error_px > 1.0) {
+    char text[96];
+    std::snprintf(text, sizeof(text), "corners uncertain: estimated error %.2f px", *result.est_error_px);
+    add(text);
+  }
+  return reasons;
+}
+
+}  // namespace framealign
