@@ -110,7 +110,7 @@ struct Fields {
   }
   const std::vector<std::string>& columns;
   const long score = at("best_score"), est = at("est_error_px"), seconds = at("seconds"),
-             message = at("message"), reason = at("reason"), x1 = at("x1");
+             message = at("message"), reason = at("reason"), unsure = at("unsure"), x1 = at("x1");
 };
 
 std::string value(const SummaryRow& r, long i) {
@@ -145,9 +145,13 @@ std::string row_html(const SummaryRow& r, const RowPictures& has, const Fields& 
     }
     html += "</td>";
   }
-  const std::string why = value(r, f.reason), note = value(r, f.message);
-  return html + "<td class='message'>" +
-         escaped(why.empty() || note.empty() ? why + note : why + "; " + note) +
+  // Why it ended as it did: the reason, why a video frame found is unsure,
+  // the message.
+  std::string why;
+  for (const std::string& part : {value(r, f.reason), value(r, f.unsure), value(r, f.message)}) {
+    if (!part.empty()) why += (why.empty() ? "" : "; ") + part;
+  }
+  return html + "<td class='message'>" + escaped(why) +
          (set ? "<br><button class='set'>set corners</button>" : "") + "</td></tr>\n";
 }
 

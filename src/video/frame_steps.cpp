@@ -92,8 +92,9 @@ int VideoAligner::State::settled(const cv::Mat& capture, const AlignResult& resu
 }
 
 bool VideoAligner::State::track_frame(VideoFrame& frame, const Identity& identity) {
-  std::optional<AlignResult> result =
-      track(frame.capture, groups_of(identity), corners, options.align);
+  TrackTerms terms;
+  terms.acceptance.most_error = kQuickMaxError * capture_pixel(corners, width);
+  std::optional<AlignResult> result = track(frame.capture, groups_of(identity), corners, options.align, terms);
   if (!result) return false;
   // A seed a little off, where the video pans slowly, tells a neighbour
   // of the frame shown, and tracking then follows that frame's content:
@@ -103,8 +104,7 @@ bool VideoAligner::State::track_frame(VideoFrame& frame, const Identity& identit
     const auto moved = moved_corners(plane(identity.ref_frame), plane(shown),
                                      points_of(identity.ref_frame), *result->corners);
     std::optional<AlignResult> again =
-        moved ? track(frame.capture, {TrackGroup{plane(shown), points_of(shown)}}, *moved,
-                      options.align)
+        moved ? track(frame.capture, {TrackGroup{plane(shown), points_of(shown)}}, *moved, options.align, terms)
               : std::nullopt;
     if (again) {
       finish(frame, std::move(*again), shown);
@@ -126,7 +126,8 @@ void VideoAligner::State::true_to_edges(VideoFrame& frame) {
   const Identity identity =
       index->identify(warp_by_corners(frame.capture, edges->corners, width, height), expected);
   if (!identity.found) return;
-  const TrackTerms terms{{kEdgeTrackedPairs, kQuickMaxError}, edges->anchors};
+  const TrackTerms terms{{kEdgeTrackedPairs, kQuickMaxError * capture_pixel(edges->corners, width)},
+                         edges->anchors};
   std::optional<AlignResult> result =
       track(frame.capture, groups_of(identity), edges->corners, options.align, terms);
   if (!result || corners_apart(*result->corners, edges->corners) > kEdgeAgreement) return;

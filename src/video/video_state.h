@@ -39,6 +39,16 @@ constexpr double kEdgeAgreement = 0.5;
 // fitted with them, hold the rest of the frame).
 constexpr int kEdgeTrackedPairs = 40;
 
+// Reference pixels per capture pixel along the top edge of a screen at
+// `corners`, at least 1. A capture with fewer pixels than the reference
+// cannot place the frame closer than about one of its own pixels: its
+// tracked answers are taken up to that (and flagged when over a reference
+// pixel), as a search would do no better.
+inline double capture_pixel(const std::array<double, 8>& corners, int width) {
+  const double across = std::hypot(corners[2] - corners[0], corners[3] - corners[1]);
+  return std::max(1.0, width / std::max(across, 1.0));
+}
+
 // Keeps at most `most` entries, dropping the smallest keys first (a video
 // moves forward through its reference).
 template <typename T>
