@@ -35,16 +35,25 @@ constexpr float kRoundTrip = 0.5f;
 // whole frame says what the rest costs.
 constexpr double kLeastPart = 0.15;
 
-// `warped` brought to the reference's mean and contrast, so that the
-// exposure of the filming camera does not read as motion.
+// `warped` brought to the reference's mean and contrast band by band of
+// rows, so that the exposure of the filming camera does not read as
+// motion: its gain may change along the rows (a PWM-dimmed backlight under
+// a short exposure bands the picture as the shutter passes).
+constexpr int kExposureBands = 24;
+
 cv::Mat matched_exposure(const cv::Mat& warped, const cv::Mat& reference) {
   cv::Scalar warped_mean, warped_std, reference_mean, reference_std;
   cv::meanStdDev(warped, warped_mean, warped_std);
-  cv::meanStdDev(reference, reference_mean, reference_std);
   if (warped_std[0] < 1.0) return cv::Mat();
-  const double gain = reference_std[0] / warped_std[0];
-  cv::Mat matched;
-  warped.convertTo(matched, CV_8U, gain, reference_mean[0] - gain * warped_mean[0]);
+  cv::Mat matched(warped.size(), CV_8U);
+  for (int b = 0; b < kExposureBands; ++b) {
+    const cv::Range rows(b * warped.rows / kExposureBands, (b + 1) * warped.rows / kExposureBands);
+    if (rows.empty()) continue;
+    cv::meanStdDev(warped.rowRange(rows), warped_mean, warped_std);
+    cv::meanStdDev(reference.rowRange(rows), reference_mean, reference_std);
+    const double gain = warped_std[0] < 1.0 ? 1.0 : reference_std[0] / warped_std[0];
+    warped.rowRange(rows).convertTo(matched.rowRange(rows), CV_8U, gain, reference_mean[0] - gain * warped_mean[0]);
+  }
   return matched;
 }
 

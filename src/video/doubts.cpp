@@ -12,11 +12,14 @@ namespace {
 // kRows at kWidth): a cell with texture enough to tell whose correlation
 // with what was shown is under kCovered shows something else there.
 constexpr int kWidth = 320, kColumns = 16, kRows = 9;
-constexpr double kTexture = 4.0;
-constexpr double kCovered = 0.3;
+constexpr double kTexture = 8.0;
+constexpr double kCovered = 0.2;
 // ...and the frame is flagged once that is more than this share of the
-// cells with texture.
+// cells with texture, at least kTogether of them side by side (a hand is
+// one piece; the camera's noise in a dim band of a PWM backlight, or moire,
+// misleads a cell here and there).
 constexpr double kOccluded = 0.02;
+constexpr int kTogether = 3;
 
 std::string percent(const char* format, double share) {
   char text[160];
@@ -33,6 +36,7 @@ double covered_share(const cv::Mat& aligned, const cv::Mat& shown) {
   seen.convertTo(seen, CV_32F);
   want.convertTo(want, CV_32F);
   int textured = 0, covered = 0;
+  cv::Mat hidden(kRows, kColumns, CV_8U, cv::Scalar(0));
   for (int i = 0; i < kRows; ++i) {
     for (int j = 0; j < kColumns; ++j) {
       const cv::Rect cell(j * size.width / kColumns, i * size.height / kRows, size.width / kColumns,
@@ -42,15 +46,21 @@ double covered_share(const cv::Mat& aligned, const cv::Mat& shown) {
       if (want_dev[0] < kTexture) continue;
       ++textured;
       cv::meanStdDev(seen(cell), seen_mean, seen_dev);
-      if (seen_dev[0] <= 0) {
-        ++covered;
-        continue;
-      }
-      const double correlation = cv::mean((seen(cell) - seen_mean[0]).mul(want(cell) - want_mean[0]))[0] /
+      const double correlation =
+          seen_dev[0] <= 0 ? 0.0
+                           : cv::mean((seen(cell) - seen_mean[0]).mul(want(cell) - want_mean[0]))[0] /
                                  (seen_dev[0] * want_dev[0]);
-      covered += correlation < kCovered;
+      if (correlation < kCovered) {
+        ++covered;
+        hidden.at<uchar>(i, j) = 255;
+      }
     }
   }
+  cv::Mat labels, stats, centroids;
+  const int pieces = cv::connectedComponentsWithStats(hidden, labels, stats, centroids, 8);
+  int largest = 0;
+  for (int k = 1; k < pieces; ++k) largest = std::max(largest, stats.at<int>(k, cv::CC_STAT_AREA));
+  if (largest < kTogether) return 0.0;
   return textured > 0 ? double(covered) / textured : 0.0;
 }
 
