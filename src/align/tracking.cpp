@@ -52,7 +52,8 @@ cv::Mat matched_exposure(const cv::Mat& warped, const cv::Mat& reference) {
     cv::meanStdDev(warped.rowRange(rows), warped_mean, warped_std);
     cv::meanStdDev(reference.rowRange(rows), reference_mean, reference_std);
     const double gain = warped_std[0] < 1.0 ? 1.0 : reference_std[0] / warped_std[0];
-    warped.rowRange(rows).convertTo(matched.rowRange(rows), CV_8U, gain, reference_mean[0] - gain * warped_mean[0]);
+    const double offset = reference_mean[0] - gain * warped_mean[0];
+    warped.rowRange(rows).convertTo(matched.rowRange(rows), CV_8U, gain, offset);
   }
   return matched;
 }

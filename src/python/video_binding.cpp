@@ -76,7 +76,10 @@ void bind_video(py::module_& m) {
           },
           "every row of the aligned frame told: (first_row, last_row, frames, weights) per band")
       .def_property_readonly(
-          "shown", [](const VideoFrame& f) { return f.shown.empty() ? py::object(py::none()) : to_array(f.shown); },
+          "shown",
+          [](const VideoFrame& f) {
+            return f.shown.empty() ? py::object(py::none()) : py::object(to_array(f.shown));
+          },
           "the reference as the camera saw it (each pixel the blend of the frames its capture row "
           "shows), height x width uint8; None without an answer")
       .def("save_shown", [](const VideoFrame& f, const std::filesystem::path& folder) {

@@ -5,7 +5,8 @@
 
 #include <opencv2/imgproc.hpp>
 
-PlayerClock::PlayerClock(const VideoSettings& v) : fps_(v.display_fps), frames_(v.reference_frames) {
+PlayerClock::PlayerClock(const VideoSettings& v)
+    : fps_(v.display_fps), frames_(v.reference_frames) {
   segments_.push_back({v.phase, 0, true});
   auto add = [this](double at, const Segment& s) {
     if (at < 0) return;
@@ -38,7 +39,8 @@ double PlayerClock::next_change(double t) const {
     if (s.start <= t) now = &s;
     if (s.start > t) next = std::min(next, s.start);
   }
-  if (now->playing) next = std::min(next, now->start + (std::floor((t - now->start) * fps_) + 1) / fps_);
+  if (now->playing)
+    next = std::min(next, now->start + (std::floor((t - now->start) * fps_) + 1) / fps_);
   return next;
 }
 
@@ -64,7 +66,8 @@ double draw_hand(cv::Mat& light, double t, double seconds, const double* corners
   const cv::Point2d palm(w * (1.05 - 0.35 * reach), h * (1.1 - 0.45 * reach));
   cv::Mat hand(light.size(), CV_8U, cv::Scalar(0));
   const double size = 0.12 * h;
-  cv::ellipse(hand, palm, cv::Size(cvRound(size), cvRound(size * 1.3)), -30, 0, 360, cv::Scalar(255), -1);
+  cv::ellipse(hand, palm, cv::Size(cvRound(size), cvRound(size * 1.3)), -30, 0, 360,
+              cv::Scalar(255), -1);
   for (int f = 0; f < 4; ++f) {
     const double angle = (-120 + 18 * f) * CV_PI / 180;
     const cv::Point2d tip = palm + 2.2 * size * cv::Point2d(std::cos(angle), std::sin(angle));
@@ -73,12 +76,15 @@ double draw_hand(cv::Mat& light, double t, double seconds, const double* corners
   cv::Mat skin(light.size(), CV_32F);
   for (int y = 0; y < light.rows; ++y) {
     float* row = skin.ptr<float>(y);
-    for (int x = 0; x < light.cols; ++x) row[x] = static_cast<float>(120 + 25 * std::sin(x * 0.01 + y * 0.013));
+    for (int x = 0; x < light.cols; ++x)
+      row[x] = static_cast<float>(120 + 25 * std::sin(x * 0.01 + y * 0.013));
   }
   skin.copyTo(light, hand);
   cv::Mat screen(light.size(), CV_8U, cv::Scalar(0));
-  const cv::Point quad[4] = {{cvRound(corners[0]), cvRound(corners[1])}, {cvRound(corners[2]), cvRound(corners[3])},
-                             {cvRound(corners[6]), cvRound(corners[7])}, {cvRound(corners[4]), cvRound(corners[5])}};
+  const cv::Point quad[4] = {{cvRound(corners[0]), cvRound(corners[1])},
+                             {cvRound(corners[2]), cvRound(corners[3])},
+                             {cvRound(corners[6]), cvRound(corners[7])},
+                             {cvRound(corners[4]), cvRound(corners[5])}};
   cv::fillConvexPoly(screen, quad, 4, cv::Scalar(255));
   const double area = cv::countNonZero(screen);
   return area > 0 ? cv::countNonZero(screen & hand) / area : 0.0;
@@ -99,7 +105,8 @@ double share_in_view(const double* corners, cv::Size size) {
   // The quadrilateral drawn on a canvas with the capture in its middle.
   const cv::Size canvas(size.width * 3 / 4 + 1, size.height * 3 / 4 + 1);
   auto at = [&](int c) {
-    return cv::Point(cvRound((corners[2 * c] + size.width) / 4), cvRound((corners[2 * c + 1] + size.height) / 4));
+    return cv::Point(cvRound((corners[2 * c] + size.width) / 4),
+                     cvRound((corners[2 * c + 1] + size.height) / 4));
   };
   cv::Mat all(canvas, CV_8U, cv::Scalar(0));
   const cv::Point quad[4] = {at(0), at(1), at(3), at(2)};

@@ -56,7 +56,8 @@ void FrameIndex::decide_on_differences(const cv::Mat& aligned, const std::vector
   int cells = 0;
   for (int i = 0; i < kCells; ++i) {
     for (int j = 0; j < kCells; ++j) {
-      const cv::Rect cell(j * size.width / kCells, i * size.height / kCells, size.width / kCells, size.height / kCells);
+      const cv::Rect cell(j * size.width / kCells, i * size.height / kCells, size.width / kCells,
+                          size.height / kCells);
       cells += cv::countNonZero(differ(cell)) > 0;
     }
   }
@@ -87,14 +88,17 @@ void FrameIndex::decide_on_differences(const cv::Mat& aligned, const std::vector
     if (norm <= 0) continue;
     const double share = masked_off.dot(masked_step) / norm;
     if (share < kLeastShare || share > 1 - kLeastShare) continue;
-    choices.push_back({static_cast<int>(j), share, cv::norm(off - share * step, cv::NORM_L2SQR, differ)});
+    choices.push_back(
+        {static_cast<int>(j), share, cv::norm(off - share * step, cv::NORM_L2SQR, differ)});
   }
-  const Choice best = *std::min_element(choices.begin(), choices.end(),
-                                        [](const Choice& a, const Choice& b) { return a.cost < b.cost; });
+  const Choice best =
+      *std::min_element(choices.begin(), choices.end(),
+                        [](const Choice& a, const Choice& b) { return a.cost < b.cost; });
   // The closest frame the answer does not show.
   double rival = std::numeric_limits<double>::infinity();
   for (const Choice& c : choices) {
-    const bool shown = c.share == 0.0 && (c.first == best.first || (best.share > 0 && c.first == best.first + 1));
+    const bool shown =
+        c.share == 0.0 && (c.first == best.first || (best.share > 0 && c.first == best.first + 1));
     if (c.share == 0.0 && !shown) rival = std::min(rival, c.cost);
   }
   identity.by_differences = true;

@@ -1,5 +1,6 @@
 #include "video/doubts.h"
 
+#include <cmath>
 #include <cstdio>
 
 #include <opencv2/imgproc.hpp>
@@ -20,6 +21,10 @@ constexpr double kCovered = 0.2;
 // misleads a cell here and there).
 constexpr double kOccluded = 0.02;
 constexpr int kTogether = 3;
+// A strip kBorder wide (at kWidth) along a side of the frame shows the
+// picture when it correlates with it at least this well.
+constexpr int kBorder = 6;
+constexpr double kSideMatch = 0.7;
 
 std::string percent(const char* format, double share) {
   char text[160];
@@ -27,30 +32,44 @@ std::string percent(const char* format, double share) {
   return text;
 }
 
-// Share of the textured cells whose content is not the picture shown.
-double covered_share(const cv::Mat& aligned, const cv::Mat& shown) {
+struct Pictures {
+  cv::Mat seen, want;  // the aligned frame and the picture shown, kWidth wide, CV_32F
+};
+
+Pictures reduced(const cv::Mat& aligned, const cv::Mat& shown) {
   const cv::Size size(kWidth, std::max(kRows, kWidth * aligned.rows / std::max(1, aligned.cols)));
-  cv::Mat seen, want;
-  cv::resize(aligned, seen, size, 0, 0, cv::INTER_AREA);
-  cv::resize(shown, want, size, 0, 0, cv::INTER_AREA);
-  seen.convertTo(seen, CV_32F);
-  want.convertTo(want, CV_32F);
+  Pictures p;
+  cv::resize(aligned, p.seen, size, 0, 0, cv::INTER_AREA);
+  cv::resize(shown, p.want, size, 0, 0, cv::INTER_AREA);
+  p.seen.convertTo(p.seen, CV_32F);
+  p.want.convertTo(p.want, CV_32F);
+  return p;
+}
+
+// Their correlation over `area`; NaN where the picture shown is too flat
+// there to tell.
+double correlation(const Pictures& p, const cv::Rect& area) {
+  cv::Scalar want_mean, want_dev, seen_mean, seen_dev;
+  cv::meanStdDev(p.want(area), want_mean, want_dev);
+  if (want_dev[0] < kTexture) return std::nan("");
+  cv::meanStdDev(p.seen(area), seen_mean, seen_dev);
+  if (seen_dev[0] <= 0) return 0.0;
+  return cv::mean((p.seen(area) - seen_mean[0]).mul(p.want(area) - want_mean[0]))[0] /
+         (seen_dev[0] * want_dev[0]);
+}
+
+// Share of the textured cells whose content is not the picture shown.
+double covered_share(const Pictures& p) {
+  const cv::Size size = p.seen.size();
   int textured = 0, covered = 0;
   cv::Mat hidden(kRows, kColumns, CV_8U, cv::Scalar(0));
   for (int i = 0; i < kRows; ++i) {
     for (int j = 0; j < kColumns; ++j) {
-      const cv::Rect cell(j * size.width / kColumns, i * size.height / kRows, size.width / kColumns,
-                          size.height / kRows);
-      cv::Scalar want_mean, want_dev, seen_mean, seen_dev;
-      cv::meanStdDev(want(cell), want_mean, want_dev);
-      if (want_dev[0] < kTexture) continue;
+      const double c = correlation(p, cv::Rect(j * size.width / kColumns, i * size.height / kRows,
+                                               size.width / kColumns, size.height / kRows));
+      if (std::isnan(c)) continue;
       ++textured;
-      cv::meanStdDev(seen(cell), seen_mean, seen_dev);
-      const double correlation =
-          seen_dev[0] <= 0 ? 0.0
-                           : cv::mean((seen(cell) - seen_mean[0]).mul(want(cell) - want_mean[0]))[0] /
-                                 (seen_dev[0] * want_dev[0]);
-      if (correlation < kCovered) {
+      if (c < kCovered) {
         ++covered;
         hidden.at<uchar>(i, j) = 255;
       }
@@ -64,13 +83,34 @@ double covered_share(const cv::Mat& aligned, const cv::Mat& shown) {
   return textured > 0 ? double(covered) / textured : 0.0;
 }
 
+// The sides of the frame whose strip along the edge does not show the
+// picture. The video's own motion can mimic a move of the screen (a pan
+// against a camera that moved): an answer shifted so shows its content
+// inside, and the room or the bezel along one edge.
+std::string sides_off(const Pictures& p) {
+  const int w = p.seen.cols, h = p.seen.rows;
+  const std::pair<const char*, cv::Rect> strips[4] = {{"top", {0, 0, w, kBorder}},
+                                                      {"bottom", {0, h - kBorder, w, kBorder}},
+                                                      {"left", {0, 0, kBorder, h}},
+                                                      {"right", {w - kBorder, 0, kBorder, h}}};
+  std::string off;
+  for (const auto& [name, strip] : strips) {
+    if (correlation(p, strip) < kSideMatch) off += std::string(off.empty() ? "" : ", ") + name;
+  }
+  return off;
+}
+
 }  // namespace
 
-std::string doubts(const VideoFrame& frame, const cv::Mat& aligned, const Identity& identity) {
-  std::string reasons;
-  auto add = [&reasons](const std::string& reason) { reasons += (reasons.empty() ? "" : "; ") + reason; };
+Doubts doubts(const VideoFrame& frame, const cv::Mat& aligned, const Identity& identity,
+              double pixel) {
+  Doubts doubt;
+  std::string& reasons = doubt.reasons;
+  auto add = [&reasons](const std::string& reason) {
+    reasons += (reasons.empty() ? "" : "; ") + reason;
+  };
   const AlignResult& result = frame.result;
-  if (!result.corners) return reasons;
+  if (!result.corners) return doubt;
   const char* names[4] = {"top-left", "top-right", "bottom-left", "bottom-right"};
   std::string outside;
   int count = 0;
@@ -86,28 +126,40 @@ std::string doubts(const VideoFrame& frame, const cv::Mat& aligned, const Identi
         " outside the capture");
   }
   if (!frame.shown.empty()) {
-    const double covered = covered_share(aligned, frame.shown);
+    const Pictures pictures = reduced(aligned, frame.shown);
+    const std::string off = sides_off(pictures);
+    if (!off.empty() && count == 0) {
+      add("corners uncertain: the frame's " + off + " edge does not show the frames told (the " +
+          "answer may be shifted)");
+      doubt.corners = true;
+    }
+    const double covered = covered_share(pictures);
     if (covered > kOccluded) {
-      add(percent("occluded: %.0f%% of the screen does not show the frames told (something in front of it, "
-                  "or the answer is off)",
-                  covered));
+      add(percent(
+          "occluded: %.0f%% of the screen does not show the frames told (something in front of it, "
+          "or the answer is off)",
+          covered));
     }
   }
-  if (identity.unsure) add("unsure which frame: the frames near it differ only where the capture cannot tell them");
+  if (identity.unsure)
+    add("unsure which frame: the frames near it differ only where the capture cannot tell them");
   if (frame.mixed && result.path != "tracked" && !identity.by_differences) {
     // Tracking follows each band against its own frame, and a frame checked
     // along the screen's edges is tracked from them; a geometry fitted to
     // all of a mixed frame's content shears to fit both frames (unless they
     // differ only in a small part).
-    add("corners uncertain: a mixed frame located on its content, which shows two frames, without the screen's "
-        "edges to check it");
+    add("corners uncertain: a mixed frame located on its content, which shows two frames, without "
+        "the screen's edges to check it");
+    doubt.corners = true;
   }
   if (result.est_error_px && *result.est_error_px > 1.0) {
     char text[96];
-    std::snprintf(text, sizeof(text), "corners uncertain: estimated error %.2f px", *result.est_error_px);
+    std::snprintf(text, sizeof(text), "corners uncertain: estimated error %.2f px",
+                  *result.est_error_px);
     add(text);
+    doubt.corners = doubt.corners || *result.est_error_px > pixel;
   }
-  return reasons;
+  return doubt;
 }
 
 }  // namespace framealign

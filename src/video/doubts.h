@@ -13,8 +13,17 @@
 
 namespace framealign {
 
-// The reasons, "; "-separated; empty when there are none. `aligned` is the
-// frame's aligned picture, `frame.shown` what it should show.
-std::string doubts(const VideoFrame& frame, const cv::Mat& aligned, const Identity& identity);
+struct Doubts {
+  std::string reasons;  // "; "-separated; empty when there are none
+  // The corners themselves are in doubt: the next frame is not tracked
+  // from them (a tracked frame would carry their error on, and verify it).
+  bool corners = false;
+};
+
+// Why `frame` may be wrong. `aligned` is its aligned picture, `frame.shown`
+// what it should show, `pixel` the capture's pixel in reference pixels (an
+// estimate up to it is as good as the capture allows: said, still followed).
+Doubts doubts(const VideoFrame& frame, const cv::Mat& aligned, const Identity& identity,
+              double pixel);
 
 }  // namespace framealign

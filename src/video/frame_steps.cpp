@@ -94,7 +94,8 @@ int VideoAligner::State::settled(const cv::Mat& capture, const AlignResult& resu
 bool VideoAligner::State::track_frame(VideoFrame& frame, const Identity& identity) {
   TrackTerms terms;
   terms.acceptance.most_error = kQuickMaxError * capture_pixel(corners, width);
-  std::optional<AlignResult> result = track(frame.capture, groups_of(identity), corners, options.align, terms);
+  std::optional<AlignResult> result =
+      track(frame.capture, groups_of(identity), corners, options.align, terms);
   if (!result) return false;
   // A seed a little off, where the video pans slowly, tells a neighbour
   // of the frame shown, and tracking then follows that frame's content:
@@ -104,7 +105,8 @@ bool VideoAligner::State::track_frame(VideoFrame& frame, const Identity& identit
     const auto moved = moved_corners(plane(identity.ref_frame), plane(shown),
                                      points_of(identity.ref_frame), *result->corners);
     std::optional<AlignResult> again =
-        moved ? track(frame.capture, {TrackGroup{plane(shown), points_of(shown)}}, *moved, options.align, terms)
+        moved ? track(frame.capture, {TrackGroup{plane(shown), points_of(shown)}}, *moved,
+                      options.align, terms)
               : std::nullopt;
     if (again) {
       finish(frame, std::move(*again), shown);

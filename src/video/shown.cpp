@@ -16,11 +16,15 @@ void VideoAligner::State::tell_rows(VideoFrame& frame) {
   Identity identity = told;
   if (identity.ref_frames.empty()) identity.ref_frames = {frame.ref_frame};
   const auto read = [this](int n) { return plane(n); };
-  const ShownModel model = fit_tears(result.frames[*result.best_slot], identity, *result.corners, read);
+  const ShownModel model =
+      fit_tears(result.frames[*result.best_slot], identity, *result.corners, read);
   frame.tear_rows = tear_rows(model);
   frame.shown_rows = shown_rows(model);
   frame.shown = shown_picture(model, read);
-  frame.unsure = doubts(frame, result.frames[*result.best_slot], identity);
+  const Doubts doubt = doubts(frame, result.frames[*result.best_slot], identity,
+                              capture_pixel(*result.corners, width));
+  frame.unsure = doubt.reasons;
+  corners_in_doubt = doubt.corners;
 }
 
 void save_shown(const VideoFrame& frame, const std::string& folder) {
@@ -44,8 +48,8 @@ void save_shown(const VideoFrame& frame, const std::string& folder) {
   if (!frame.mixed || frame.shown.empty()) return;
   const cv::Mat& shown = frame.shown;
   const cv::Mat whole = shown.isContinuous() ? shown : shown.clone();
-  write(name + "__" + std::to_string(shown.cols) + "xx" + std::to_string(shown.rows) + ".yuv", whole.data,
-        luma_plane_size(shown.cols, shown.rows));
+  write(name + "__" + std::to_string(shown.cols) + "xx" + std::to_string(shown.rows) + ".yuv",
+        whole.data, luma_plane_size(shown.cols, shown.rows));
 }
 
 }  // namespace framealign

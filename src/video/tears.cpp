@@ -56,7 +56,8 @@ void set_gains(std::vector<RowSums>& bins) {
 
 cv::Mat detail(const cv::Mat& picture, int height) {
   cv::Mat reduced, smooth;
-  cv::resize(picture, reduced, cv::Size(std::min(kTearWidth, picture.cols), height), 0, 0, cv::INTER_AREA);
+  cv::resize(picture, reduced, cv::Size(std::min(kTearWidth, picture.cols), height), 0, 0,
+             cv::INTER_AREA);
   reduced.convertTo(reduced, CV_32F);
   cv::GaussianBlur(reduced, smooth, cv::Size(), kShadingSigma);
   return reduced - smooth;
@@ -90,10 +91,17 @@ class RampFit {
         consider(c, width, best);
       }
     }
-    const Ramp coarse = best;
-    const double reach = std::max(0.5, coarse.width / 16);
-    for (double width = coarse.width / 1.5; width <= coarse.width * 1.5; width *= 1.05) {
-      for (double c = coarse.centre - reach; c <= coarse.centre + reach; c += 0.125) consider(c, width, best);
+    // Then around the best, halving the steps each round.
+    double reach = std::max(0.5, best.width / 16), factor = 1.5;
+    for (int round = 0; round < 6; ++round) {
+      const Ramp around = best;
+      for (int i = -4; i <= 4; ++i) {
+        for (int k = -4; k <= 4; ++k) {
+          consider(around.centre + i * reach / 4, around.width * std::pow(factor, k / 4.0), best);
+        }
+      }
+      reach /= 2;
+      factor = std::sqrt(factor);
     }
     return best;
   }
@@ -102,8 +110,10 @@ class RampFit {
   void consider(double centre, double width, Ramp& best) const {
     const double n = static_cast<double>(bins_.size());
     // Bins whose middle (first + j + 0.5) lies inside the ramp.
-    const auto lo = static_cast<std::size_t>(std::clamp(std::ceil(centre - width / 2 - first_ - 0.5), 0.0, n));
-    const auto hi = static_cast<std::size_t>(std::clamp(std::ceil(centre + width / 2 - first_ - 0.5), 0.0, n));
+    const auto lo =
+        static_cast<std::size_t>(std::clamp(std::ceil(centre - width / 2 - first_ - 0.5), 0.0, n));
+    const auto hi =
+        static_cast<std::size_t>(std::clamp(std::ceil(centre + width / 2 - first_ - 0.5), 0.0, n));
     for (bool below : {true, false}) {
       const std::vector<double>& before = below ? none_ : all_;
       const std::vector<double>& after = below ? all_ : none_;
@@ -186,7 +196,8 @@ double ShownModel::capture_row(double x, double y) const {
 }
 
 ShownModel fit_tears(const cv::Mat& aligned, const Identity& identity,
-                     const std::array<double, 8>& corners, const std::function<cv::Mat(int)>& plane) {
+                     const std::array<double, 8>& corners,
+                     const std::function<cv::Mat(int)>& plane) {
   ShownModel model;
   model.width = aligned.cols;
   model.height = aligned.rows;
@@ -194,7 +205,8 @@ ShownModel fit_tears(const cv::Mat& aligned, const Identity& identity,
   std::sort(model.frames.begin(), model.frames.end());
   double frame[8];
   frame_corners(aligned.cols, aligned.rows, frame);
-  model.to_capture = cv::Matx33d(cv::getPerspectiveTransform(corner_points(frame), corner_points(corners.data())));
+  model.to_capture =
+      cv::Matx33d(cv::getPerspectiveTransform(corner_points(frame), corner_points(corners.data())));
   if (model.frames.size() < 2) return model;
 
   const cv::Mat seen = detail(aligned, aligned.rows);
@@ -245,7 +257,8 @@ std::vector<ShownRows> shown_rows(const ShownModel& model) {
       here.frames.push_back(model.frames[k]);
       here.weights.push_back(told);
     }
-    if (!bands.empty() && bands.back().frames == here.frames && bands.back().weights == here.weights) {
+    if (!bands.empty() && bands.back().frames == here.frames &&
+        bands.back().weights == here.weights) {
       bands.back().last_row = y;
     } else {
       bands.push_back(here);

@@ -34,8 +34,8 @@ struct Tear {
 };
 
 struct ShownModel {
-  std::vector<int> frames;  // in the screen's order, each once
-  std::vector<Tear> tears;  // tears[k] between frames[k] and frames[k + 1]
+  std::vector<int> frames;                      // in the screen's order, each once
+  std::vector<Tear> tears;                      // tears[k] between frames[k] and frames[k + 1]
   cv::Matx33d to_capture = cv::Matx33d::eye();  // aligned-frame pixel to capture point
   int width = 0, height = 0;
 
@@ -48,7 +48,8 @@ struct ShownModel {
 // The tears of a frame showing `identity`, aligned through `corners`;
 // `plane(n)` gives reference frame n. A frame showing one frame has none.
 ShownModel fit_tears(const cv::Mat& aligned, const Identity& identity,
-                     const std::array<double, 8>& corners, const std::function<cv::Mat(int)>& plane);
+                     const std::array<double, 8>& corners,
+                     const std::function<cv::Mat(int)>& plane);
 
 // The aligned-frame rows, at its middle column, where the picture changes
 // from one frame to the next, top to bottom.

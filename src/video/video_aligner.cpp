@@ -95,6 +95,7 @@ bool VideoAligner::next(VideoFrame& frame) {
     // plan takes the quick path first.
     const bool quick = plan_of(o.align).quick_first;
     s.told = Identity();
+    s.corners_in_doubt = false;
     as_error([&] {
       const std::optional<Identity> seeded = s.seeded_identity(frame.capture);
       if (!(quick && seeded && s.track_frame(frame, *seeded))) s.search_frame(frame, seeded);

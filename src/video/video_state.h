@@ -74,6 +74,7 @@ struct VideoAligner::State {
   double rate = 1.0;
   std::optional<double> clock;  // the frame the clock expects now
   Identity told;  // what the frame at hand was last told to show
+  bool corners_in_doubt = false;  // the frame at hand's corners are not to be followed
 
   cv::Mat plane(int n) {
     auto it = planes.find(n);
@@ -129,6 +130,7 @@ struct VideoAligner::State {
       return;
     }
     seen(frame.capture_frame, frame.ref_frame, *frame.result.corners);
+    if (corners_in_doubt) tracking = false;
   }
 
   // The screen seen at `corners` on captured frame `capture_frame`, showing

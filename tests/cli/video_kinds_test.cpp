@@ -27,26 +27,34 @@ std::array<double, 8> corners_of(const std::map<std::string, std::string>& row) 
 TEST(VideoKinds, NoFrameIsSilentlyWrong) {
   const std::vector<Kind> kinds = {
       {"no bezel", {"--no-bezel", "--seed", "31"}, true},
-      {"pillarbox and letterbox", {"--bars", "60", "--bezel-grey", "16", "--letterbox", "20", "--seed", "32"}, true},
-      {"a cursor on a still picture", {"--content", "small", "--motion", "0", "--seed", "33"}, true},
+      {"pillarbox and letterbox",
+       {"--bars", "60", "--bezel-grey", "16", "--letterbox", "20", "--seed", "32"},
+       true},
+      {"a cursor on a still picture",
+       {"--content", "small", "--motion", "0", "--seed", "33"},
+       true},
       {"paused, then sought",
-       {"--pause-at", "0.1", "--pause-for", "0.15", "--seek-at", "0.3", "--seek-to", "30", "--seed", "34"},
+       {"--pause-at", "0.1", "--pause-for", "0.15", "--seek-at", "0.3", "--seek-to", "30", "--seed",
+        "34"},
        true},
       {"a hand in front", {"--hand", "--seed", "35"}, false},
       {"a pan out of view", {"--pan", "600", "--seed", "36"}, false},
   };
   TempDir dir;
   for (const Kind& kind : kinds) {
-    std::vector<std::string> sim = {"--video", "--out", "clip", "--width", "640", "--height", "360",
-                                    "--capture-width", "960", "--capture-height", "540", "--seconds", "0.5",
-                                    "--drift", "4", "--codec", "mjpg", "--reference-frames", "40"};
+    std::vector<std::string> sim = {
+        "--video", "--out",           "clip", "--width",          "640",  "--height",
+        "360",     "--capture-width", "960",  "--capture-height", "540",  "--seconds",
+        "0.5",     "--drift",         "4",    "--codec",          "mjpg", "--reference-frames",
+        "40"};
     sim.insert(sim.end(), kind.filming.begin(), kind.filming.end());
     std::filesystem::remove_all(dir.file("clip"));
     std::filesystem::remove_all(dir.file("out"));
     ASSERT_EQ(run_tool(sim, dir, FRAMEALIGN_SIM).exit_code, 0) << kind.name;
-    const ToolRun run = run_tool({"--video", "clip/capture.avi", "--reference-file", "clip/reference.yuv", "--width",
-                                  "640", "--height", "360", "--fast", "--quiet", "--result-root", "out"},
-                                 dir, FRAMEALIGN_BATCH);
+    const ToolRun run =
+        run_tool({"--video", "clip/capture.avi", "--reference-file", "clip/reference.yuv",
+                  "--width", "640", "--height", "360", "--fast", "--quiet", "--result-root", "out"},
+                 dir, FRAMEALIGN_BATCH);
     ASSERT_EQ(run.exit_code, 0) << kind.name << ": " << run.err;
     const Table truth = read_table(dir.file("clip/truth.csv"), "capture_frame");
     const Table summary = read_table(dir.file("out/summary.csv"), "capture_frame");
@@ -55,7 +63,8 @@ TEST(VideoKinds, NoFrameIsSilentlyWrong) {
       const auto& got = summary.at(frame);
       const std::string at = std::string(kind.name) + " frame " + frame;
       const std::vector<std::string> shown = split(want.at("ref_frames"), ';');
-      const bool shown_frame = std::find(shown.begin(), shown.end(), got.at("ref_frame")) != shown.end();
+      const bool shown_frame =
+          std::find(shown.begin(), shown.end(), got.at("ref_frame")) != shown.end();
       const bool aligned = got.at("status") == "aligned";
       if (kind.every_frame_found) {
         EXPECT_TRUE(aligned && shown_frame) << at;

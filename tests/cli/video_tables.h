@@ -9,7 +9,8 @@
 #include "batch/csv.h"
 #include "test_support.h"
 
-using Table = std::map<std::string, std::map<std::string, std::string>>;  // key column -> column -> value
+using Table =
+    std::map<std::string, std::map<std::string, std::string>>;  // key column -> column -> value
 
 inline Table read_table(const std::string& path, const std::string& key) {
   const std::vector<CsvRecord> records = parse_csv(read_text(path));

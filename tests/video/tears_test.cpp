@@ -25,7 +25,8 @@ struct Filming {
 cv::Matx33d to_capture(const std::array<double, 8>& c) {
   const std::vector<cv::Point2f> frame = {{0, 0}, {kWidth, 0}, {0, kHeight}, {kWidth, kHeight}};
   std::vector<cv::Point2f> seen;
-  for (int k = 0; k < 4; ++k) seen.emplace_back(static_cast<float>(c[2 * k]), static_cast<float>(c[2 * k + 1]));
+  for (int k = 0; k < 4; ++k)
+    seen.emplace_back(static_cast<float>(c[2 * k]), static_cast<float>(c[2 * k + 1]));
   return cv::Matx33d(cv::getPerspectiveTransform(frame, seen));
 }
 
@@ -57,7 +58,8 @@ TEST(tears, FoundWithinARowAndTheShownPictureFollowsThem) {
     for (int y = 0; y < kHeight; ++y) {
       for (int x = 0; x < kWidth; ++x) {
         const double w = later_share(f, h, x, y);
-        blend.at<float>(y, x) = static_cast<float>((1 - w) * v[2].at<uchar>(y, x) + w * v[3].at<uchar>(y, x));
+        blend.at<float>(y, x) =
+            static_cast<float>((1 - w) * v[2].at<uchar>(y, x) + w * v[3].at<uchar>(y, x));
       }
     }
     cv::Mat noise(blend.size(), CV_32F), seen;
