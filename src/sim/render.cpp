@@ -230,8 +230,7 @@ cv::Mat optical_image(const cv::Mat& frame, const Stage& stage, const cv::Matx33
   return through_lens(scene, s);
 }
 
-Capture develop(const cv::Mat& optical, cv::Size frame, const Stage& stage, const cv::Matx33d& drift,
-                const CaptureSettings& s, cv::RNG& rng) {
+Capture placed(cv::Size frame, const Stage& stage, const cv::Matx33d& drift, const CaptureSettings& s) {
   Capture capture;
   capture.settings = s;
   capture.frame_to_scene = drift * stage.screen_to_capture * stage.frame_in_screen();
@@ -242,6 +241,12 @@ Capture develop(const cv::Mat& optical, cv::Size frame, const Stage& stage, cons
     capture.corners[2 * i] = p.x;
     capture.corners[2 * i + 1] = p.y;
   }
+  return capture;
+}
+
+Capture develop(const cv::Mat& optical, cv::Size frame, const Stage& stage, const cv::Matx33d& drift,
+                const CaptureSettings& s, cv::RNG& rng) {
+  Capture capture = placed(frame, stage, drift, s);
   // Camera effects, in floating point.
   cv::Mat img;
   optical.convertTo(img, CV_32F);

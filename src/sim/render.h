@@ -74,6 +74,9 @@ struct Stage {
 Stage make_stage(cv::Size frame, const CaptureSettings& s, cv::RNG& rng);
 cv::Mat optical_image(const cv::Mat& frame, const Stage& stage, const cv::Matx33d& drift,
                       const CaptureSettings& s);
+// Where the frame's corners land in the capture for a screen moved by drift
+// (the picture left empty).
+Capture placed(cv::Size frame, const Stage& stage, const cv::Matx33d& drift, const CaptureSettings& s);
 Capture develop(const cv::Mat& optical, cv::Size frame, const Stage& stage, const cv::Matx33d& drift,
                 const CaptureSettings& s, cv::RNG& rng);
 

@@ -118,17 +118,8 @@ void film(const std::vector<cv::Mat>& reference, const CaptureSettings& camera, 
     FrameTruth truth;
     if (v.hand || v.exposure_drift > 0) {
       // The hand is drawn in front of where the screen is.
-      Capture where;
-      where.settings = camera;
-      where.frame_to_scene = drift * stage.screen_to_capture * stage.frame_in_screen();
-      double corners[8];
-      framealign::frame_corners(frame_size.width, frame_size.height, corners);
-      for (int c = 0; c < 4; ++c) {
-        const cv::Point2d p = where.seen_at({corners[2 * c], corners[2 * c + 1]});
-        corners[2 * c] = p.x;
-        corners[2 * c + 1] = p.y;
-      }
-      if (v.hand) truth.occluded = draw_hand(light, start, v.seconds, corners);
+      const Capture where = placed(frame_size, stage, drift, camera);
+      if (v.hand) truth.occluded = draw_hand(light, start, v.seconds, where.corners);
       light *= 1.0 + v.exposure_drift * std::sin(2 * CV_PI * start / 3.0 + phases[0]);
     }
     const Capture shot = develop(light, frame_size, stage, drift, camera, rng);
