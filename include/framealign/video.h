@@ -18,12 +18,21 @@
 #include <array>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "framealign/framealign.h"
 
 namespace framealign {
+
+// What a caller kept of an aligned frame, as VideoFrame gave it (corners
+// to the micro-pixel: the screen is followed from that).
+struct KeptFrame {
+  int ref_frame = -1;
+  std::optional<std::array<double, 8>> corners;  // result.corners
+  std::string unsure;
+};
 
 struct VideoOptions {
   // How each frame is aligned. With `fast`, the screen is tracked: the
@@ -44,9 +53,11 @@ struct VideoOptions {
   // Align only every `step`-th frame from `first_frame` (for spreading one
   // video over several processes); at least 1.
   int step = 1;
-  // When given, frames for which it is true are decoded and passed over
-  // (a caller resuming a video skips the frames it has kept).
-  std::function<bool(int capture_frame)> skip;
+  // When given, frames for which it gives an answer are decoded and passed
+  // over, and the next frames are aligned from that answer as if the frame
+  // had just been aligned (a caller resuming a video gives back what it
+  // kept of each frame, and the frames after come out as in one run).
+  std::function<std::optional<KeptFrame>(int capture_frame)> kept;
 };
 
 // A band of an aligned frame's rows, told at its middle column: the
@@ -83,7 +94,8 @@ struct VideoFrame {
   cv::Mat shown;
   // Empty when the answer is sure; else why it may be wrong although found,
   // "; "-separated, each starting with one of "out of view", "occluded",
-  // "unsure which frame" or "corners uncertain" (result.status stays).
+  // "unsure which frame", "corners uncertain" (the next frame is not
+  // tracked from them) or "coarse capture" (result.status stays).
   std::string unsure;
   // How well the frames told match the aligned frame: the mean over bands
   // of the screen of 1 - their correlation; 0 is a perfect match.
@@ -111,10 +123,15 @@ class FRAMEALIGN_API VideoAligner {
   VideoAligner(const VideoAligner&) = delete;
   VideoAligner& operator=(const VideoAligner&) = delete;
 
-  // The next captured frame in range, aligned; false at the end.
+  // The next captured frame in range, aligned; false at the end. Throws
+  // Error for a frame that cannot be aligned or that the video announces
+  // but cannot decode (the next call goes on with the frame after it).
   bool next(VideoFrame& frame);
   // Frames the capture video says it holds (an estimate for some files).
   int frame_count() const;
+  // Frames the video was found to hold, once next() has met its end; -1
+  // before.
+  int length() const;
   // The index of the frame read last (-1 before the first): the frame a
   // failed next() was aligning.
   int last_read() const;

@@ -10,14 +10,10 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
-#include <iostream>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <set>
-#include <thread>
-
-#include <opencv2/core.hpp>
 
 #include "batch/batch_run.h"
 #include "batch/hints.h"
@@ -29,6 +25,7 @@
 #include "batch/result_row.h"
 #include "batch/say.h"
 #include "batch/summary.h"
+#include "batch/video_files.h"
 #include "batch/video_runner.h"
 #include "batch/workers.h"
 #include "framealign/framealign.h"
@@ -56,7 +53,7 @@ SummaryRow run_capture(const BatchRun& run, const CaptureJob& job, References& r
   return keep_result(run, job.id, job.input, Clock::now(), [&] {
     const framealign::Reference reference = references.get(job.reference);
     Made made;
-    made.capture = framealign::read_capture(job.input, job.reference.width, job.reference.height);
+    made.capture = read_picture(job);
     framealign::AlignOptions align_options = align_options_of(options);
     if (options.capture_cache) align_options.capture_cache = job.input;
     align_options.hint = job.hint;
@@ -167,6 +164,7 @@ int finish_run(const BatchOptions& options, const std::vector<CaptureJob>& jobs,
     if (paths) ++counts["path " + row.values.at(path_value)];
   }
   write_summary((root_path / ("summary" + shard_tag(options) + ".csv")).string(), columns, summary);
+  if (options.video_files && options.shards == 1) write_video_files(options, videos, summary);
   try {
     report.write(columns, summary, options.command);
   } catch (const std::exception& e) {

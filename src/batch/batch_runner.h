@@ -17,6 +17,7 @@ struct BatchOptions {
   int last_reference = -1;          // -1: to the reference file's last
   int first_frame = 0;              // --frames A:B, the captured frames of each video
   int last_frame = -1;              // -1: to the video's end
+  bool video_files = false;         // --video-files: each video's answers as two videos too
   bool video_columns = false;       // the summary has the video columns (set by run_batch)
   std::string result_root;
   ReferenceFrame defaults;          // --reference-file, --width, --height, --frame-number

@@ -89,3 +89,18 @@ void write_file_durably(const std::string& path, const std::string& text) {
   const std::string parent = std::filesystem::path(path).parent_path().string();
   sync_folder(parent.empty() ? "." : parent);
 }
+
+void keep_file_durably(const std::string& written, const std::string& path) {
+  file_operation("write", path);
+  const int file = ::open(written.c_str(), O_RDONLY | O_CLOEXEC);
+  if (file < 0) fail("write", path, errno);
+  int error = ::fsync(file) == 0 ? 0 : errno;
+  if (::close(file) != 0 && error == 0) error = errno;
+  if (error == 0 && ::rename(written.c_str(), path.c_str()) != 0) error = errno;
+  if (error != 0) {
+    ::unlink(written.c_str());
+    fail("write", path, error);
+  }
+  const std::string parent = std::filesystem::path(path).parent_path().string();
+  sync_folder(parent.empty() ? "." : parent);
+}

@@ -10,6 +10,11 @@
 // std::runtime_error naming the file and the system's reason.
 void write_file_durably(const std::string& path, const std::string& text);
 
+// Flushes the file `written` (made by another writer) to the disk and
+// renames it to `path`, replacing what was there only then. Throws as
+// write_file_durably does (`written` is then removed).
+void keep_file_durably(const std::string& written, const std::string& path);
+
 // Marks one of the batch's file operations (a write, a flush, a rename),
 // named for a message: `what` `path`. For tests of what a full disk or a
 // kill at any moment leaves behind, FRAMEALIGN_BATCH_FAULT set to

@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <cstdlib>
 #include <exception>
 #include <iostream>
 
@@ -35,6 +36,9 @@ void declare_options(CLI::App& app, BatchOptions& options, CommandLine& line) {
   app.add_option("--reference-frames", line.reference_frames,
                  "A:B, the frames of the reference video the --video captures may show (default: all)");
   app.add_option("--frames", line.frames, "A:B, the captured frames of each --video to run (default: all)");
+  app.add_flag("--video-files", options.video_files,
+               "Each --video's aligned frames and what its screen showed as <id>.aligned.mkv and "
+               "<id>.shown.mkv (lossless, one frame per row), beside the summary");
   app.add_option("--reference-file", options.defaults.path, "Reference frame file (raw YUV)");
   app.add_option("--width", options.defaults.width, "Reference width (default 1920)");
   app.add_option("--height", options.defaults.height, "Reference height (default 1080)");
@@ -157,7 +161,13 @@ int run(int argc, char** argv) {
   }
   // OpenCV's log lines (a picture it cannot open, say) only on request: the
   // batch reports every failure in its own words.
-  if (!line.verbose) cv::utils::logging::setLogLevel(cv::utils::logging::LOG_LEVEL_SILENT);
+  // The same for FFmpeg's own lines on a damaged video (its frames' rows
+  // say what could not be decoded); the reader takes this level when it
+  // first opens a file.
+  if (!line.verbose) {
+    cv::utils::logging::setLogLevel(cv::utils::logging::LOG_LEVEL_SILENT);
+    setenv("OPENCV_FFMPEG_LOGLEVEL", "-8", 0);
+  }
   return line.report_only ? rebuild_report(options.result_root) : run_batch(options);
 }
 

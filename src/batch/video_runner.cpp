@@ -1,13 +1,19 @@
 #include "batch/video_runner.h"
 
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <chrono>
 #include <cstdio>
+#include <cstdlib>
 #include <filesystem>
 #include <mutex>
 #include <set>
+#include <stdexcept>
 #include <thread>
+
+#include <opencv2/imgcodecs.hpp>
+#include <opencv2/videoio.hpp>
 
 #include "batch/keep_result.h"
 #include "batch/progress.h"
@@ -31,12 +37,39 @@ bool in_share(const BatchOptions& options, int frame) {
          (frame - options.first_frame) % options.shards == options.shard - 1;
 }
 
-bool done(const BatchOptions& options, const std::map<std::string, SummaryRow>& recorded,
-          ResultRoot& root, const CaptureJob& video, int frame) {
+// What an earlier run kept of a frame that is done (its row and folder
+// there, not an error), for the frames after it to be followed from.
+std::optional<framealign::KeptFrame> done(const BatchOptions& options,
+                                          const std::map<std::string, SummaryRow>& recorded,
+                                          ResultRoot& root, const CaptureJob& video, int frame) {
   const std::string id = frame_id(video, frame);
   const auto it = recorded.find(id);
-  return !options.force && it != recorded.end() && it->second.input == video.input &&
-         it->second.status != kError && root.has_result(id);
+  if (options.force || it == recorded.end() || it->second.input != video.input ||
+      it->second.status == kError || !root.has_result(id)) {
+    return std::nullopt;
+  }
+  const std::vector<std::string>& values = it->second.values;
+  if (values.size() < 11 + kVideoColumns + 2) return std::nullopt;
+  const std::size_t told = values.size() - 2 - kVideoColumns;  // capture_frame ...
+  framealign::KeptFrame kept;
+  kept.ref_frame = values[told + 1].empty() ? -1 : std::atoi(values[told + 1].c_str());
+  kept.unsure = values[told + 5];
+  if (!values[3].empty()) {
+    std::array<double, 8> corners;
+    for (int i = 0; i < 8; ++i) corners[i] = std::strtod(values[3 + i].c_str(), nullptr);
+    kept.corners = corners;
+  }
+  return kept;
+}
+
+// Why a video gave no frame of this run's share, when the video itself
+// says: it holds none, or none of --frames.
+std::string no_frames(const BatchOptions& options, const CaptureJob& video, int length) {
+  if (length < 0 || length > options.first_frame) return "";  // not at its end, or frames in range
+  if (length == 0) return "The capture video " + video.input + " holds no frame";
+  return "The capture video " + video.input + " holds frames 0 to " + std::to_string(length - 1) +
+         ", none of --frames " + std::to_string(options.first_frame) + ":" +
+         (options.last_frame < 0 ? std::string() : std::to_string(options.last_frame));
 }
 
 std::vector<std::string> video_values(const framealign::VideoFrame& frame) {
@@ -65,7 +98,7 @@ std::size_t run_video(const BatchRun& run, const CaptureJob& video,
   video_options.first_frame = options.first_frame + options.shard - 1;
   video_options.last_frame = options.last_frame;
   video_options.step = options.shards;
-  video_options.skip = [&](int frame) {
+  video_options.kept = [&](int frame) {
     return done(options, run.recorded, run.root, video, frame);
   };
   std::unique_ptr<framealign::VideoAligner> aligner;
@@ -103,10 +136,25 @@ std::size_t run_video(const BatchRun& run, const CaptureJob& video,
     ++count;
   }
   progress.end();
+  const std::string none = stopped() ? "" : no_frames(options, video, aligner->length());
+  if (!none.empty()) run.keep(error_row(video.id, video.input, options, opened, none));
   return count;
 }
 
 }  // namespace
+
+cv::Mat read_picture(const CaptureJob& job) {
+  try {
+    return framealign::read_capture(job.input, job.reference.width, job.reference.height);
+  } catch (const std::exception&) {
+    // A file no picture reader takes, but the video reader does.
+    if (!cv::haveImageReader(job.input) && cv::VideoCapture(job.input).isOpened()) {
+      throw std::invalid_argument(job.input + " is a video, not a picture: give it with --video (or 1 in " +
+                                  "the list's video column)");
+    }
+    throw;
+  }
+}
 
 std::vector<CaptureJob> video_jobs(const std::vector<CaptureJob>& listed, const BatchOptions& options) {
   std::vector<CaptureJob> videos;
@@ -157,18 +205,19 @@ std::vector<SummaryRow> video_rows(const std::vector<CaptureJob>& videos, const 
   std::vector<SummaryRow> kept;
   for (const CaptureJob& video : videos) {
     const std::string& stem = video.id;
+    const SummaryRow* whole = nullptr;  // why the video gave no frame
+    const std::size_t first = kept.size();
     // Ids of one video sort by frame: the numbers have six digits.
     for (auto it = rows.lower_bound(stem); it != rows.end() && it->first.compare(0, stem.size(), stem) == 0; ++it) {
       const std::string& id = it->first;
       if (it->second.input != video.input) continue;
-      if (id == stem) {
-        kept.push_back(it->second);  // the video could not be read
-        continue;
-      }
+      if (id == stem) whole = &it->second;
       if (id.size() != stem.size() + 7 || id[stem.size()] != '_') continue;
       const int frame = std::atoi(id.c_str() + stem.size() + 1);
       if (in_share(options, frame)) kept.push_back(it->second);
     }
+    // Once the video gives frames, their rows tell.
+    if (whole && kept.size() == first) kept.push_back(*whole);
   }
   return kept;
 }

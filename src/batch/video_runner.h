@@ -12,6 +12,9 @@
 #include "batch/batch_runner.h"
 #include "batch/summary.h"
 
+// The capture of a picture in the batch; a video given as one is said so.
+cv::Mat read_picture(const CaptureJob& job);
+
 // The batch's videos: the list's rows marked video and the --video ones
 // (id: the file's stem; reference: --reference-file), the list's first.
 std::vector<CaptureJob> video_jobs(const std::vector<CaptureJob>& listed, const BatchOptions& options);

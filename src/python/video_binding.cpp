@@ -61,7 +61,7 @@ void bind_video(py::module_& m) {
       .def_readonly("mixed", &VideoFrame::mixed, "more than one reference frame on the screen")
       .def_readonly("unsure", &VideoFrame::unsure,
                     "empty when the answer is sure; else why it may be wrong although found "
-                    "(out of view, occluded, unsure which frame, corners uncertain)")
+                    "(out of view, occluded, unsure which frame, corners uncertain, coarse capture)")
       .def_readonly("tear_rows", &VideoFrame::tear_rows,
                     "aligned-frame rows (at the middle column) where the picture changes from one "
                     "reference frame to the next, top to bottom; empty unless mixed")

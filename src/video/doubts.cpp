@@ -129,7 +129,7 @@ Doubts doubts(const VideoFrame& frame, const cv::Mat& aligned, const Identity& i
     const Pictures pictures = reduced(aligned, frame.shown);
     const std::string off = sides_off(pictures);
     if (!off.empty() && count == 0) {
-      add("corners uncertain: the frame's " + off + " edge does not show the frames told (the " +
+      add(std::string(kCornersUncertain) + ": the frame's " + off + " edge does not show the frames told (the " +
           "answer may be shifted)");
       doubt.corners = true;
     }
@@ -148,18 +148,28 @@ Doubts doubts(const VideoFrame& frame, const cv::Mat& aligned, const Identity& i
     // along the screen's edges is tracked from them; a geometry fitted to
     // all of a mixed frame's content shears to fit both frames (unless they
     // differ only in a small part).
-    add("corners uncertain: a mixed frame located on its content, which shows two frames, without "
+    add(std::string(kCornersUncertain) + ": a mixed frame located on its content, which shows two frames, without "
         "the screen's edges to check it");
     doubt.corners = true;
   }
   if (result.est_error_px && *result.est_error_px > 1.0) {
-    char text[96];
-    std::snprintf(text, sizeof(text), "corners uncertain: estimated error %.2f px",
+    // Within one capture pixel the capture allows no better: said, and
+    // still followed; "corners uncertain" always means not followed.
+    const bool coarse = *result.est_error_px <= pixel;
+    char text[128];
+    std::snprintf(text, sizeof(text),
+                  coarse ? "coarse capture: estimated error %.2f px, within one of the capture's pixels"
+                         : "corners uncertain: estimated error %.2f px",
                   *result.est_error_px);
     add(text);
-    doubt.corners = doubt.corners || *result.est_error_px > pixel;
+    doubt.corners = doubt.corners || !coarse;
   }
   return doubt;
+}
+
+bool corners_in_doubt(const std::string& reasons) {
+  return reasons.rfind(kCornersUncertain, 0) == 0 ||
+         reasons.find(std::string("; ") + kCornersUncertain) != std::string::npos;
 }
 
 }  // namespace framealign

@@ -13,6 +13,9 @@
 
 namespace framealign {
 
+// The reason that starts every doubt about the corners themselves.
+constexpr const char* kCornersUncertain = "corners uncertain";
+
 struct Doubts {
   std::string reasons;  // "; "-separated; empty when there are none
   // The corners themselves are in doubt: the next frame is not tracked
@@ -25,5 +28,8 @@ struct Doubts {
 // estimate up to it is as good as the capture allows: said, still followed).
 Doubts doubts(const VideoFrame& frame, const cv::Mat& aligned, const Identity& identity,
               double pixel);
+
+// Whether `reasons` (Doubts::reasons) put the corners in doubt.
+bool corners_in_doubt(const std::string& reasons);
 
 }  // namespace framealign

@@ -1,8 +1,10 @@
 // framealign::VideoAligner: a capture video read frame by frame, each frame
 // aligned (tracked from the frame before when it can be, searched when it
 // cannot) and told which reference frames it shows.
+#include <algorithm>
 #include <filesystem>
 
+#include <opencv2/imgcodecs.hpp>
 #include <opencv2/imgproc.hpp>
 
 #include "api/result_files.h"
@@ -44,6 +46,11 @@ VideoAligner::VideoAligner(const std::string& capture_video, const std::string& 
       !s.video.isOpened()) {
     throw Error("Cannot read the capture video " + capture_video);
   }
+  // The video reader takes a picture for a video of one frame.
+  if (cv::haveImageReader(capture_video)) {
+    throw Error(capture_video + " is a picture, not a video: give it as a capture");
+  }
+  s.announced = static_cast<int>(std::clamp(s.video.get(cv::CAP_PROP_FRAME_COUNT), 0.0, 1e9));
   s.reference_path = reference_yuv;
   s.width = width;
   s.height = height;
@@ -61,6 +68,8 @@ int VideoAligner::frame_count() const {
   return static_cast<int>(state_->video.get(cv::CAP_PROP_FRAME_COUNT));
 }
 
+int VideoAligner::length() const { return state_->length; }
+
 int VideoAligner::last_read() const { return state_->next_index - 1; }
 
 void VideoAligner::seed(int capture_frame, int ref_frame, const std::array<double, 8>& corners) {
@@ -72,15 +81,25 @@ bool VideoAligner::next(VideoFrame& frame) {
   const VideoOptions& o = s.options;
   for (;;) {
     if (o.last_frame >= 0 && s.next_index > o.last_frame) return false;
+    if (s.length >= 0) return false;
     const int n = s.next_index++;
-    const bool wanted =
-        n >= o.first_frame && (n - o.first_frame) % o.step == 0 && !(o.skip && o.skip(n));
-    if (!wanted) {
-      if (!s.video.grab()) return false;
+    const bool wanted = n >= o.first_frame && (n - o.first_frame) % o.step == 0;
+    const std::optional<KeptFrame> kept = wanted && o.kept ? o.kept(n) : std::nullopt;
+    cv::Mat picture;
+    const State::Read read = s.read_frame(n, wanted && !kept ? &picture : nullptr);
+    if (read == State::Read::end) return false;
+    if (!wanted) continue;
+    if (kept) {
+      s.recall(n, *kept);
       continue;
     }
-    cv::Mat picture;
-    if (!s.video.read(picture) || picture.empty()) return false;
+    if (read == State::Read::damaged) throw Error(s.damaged(n));
+    if (s.size.empty()) s.size = picture.size();
+    if (picture.size() != s.size) {
+      throw Error("frame " + std::to_string(n) + " is " + std::to_string(picture.cols) + "x" +
+                  std::to_string(picture.rows) + ", the frames before it " + std::to_string(s.size.width) +
+                  "x" + std::to_string(s.size.height) + " (a video whose frames change size is aligned at its first size only)");
+    }
     frame = VideoFrame();
     frame.capture_frame = n;
     if (picture.channels() == 1) {

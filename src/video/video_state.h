@@ -5,6 +5,8 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdio>
+#include <cstdlib>
 #include <deque>
 #include <map>
 #include <memory>
@@ -49,6 +51,14 @@ inline double capture_pixel(const std::array<double, 8>& corners, int width) {
   return std::max(1.0, width / std::max(across, 1.0));
 }
 
+// A corner as a caller keeps it (printed to the micro-pixel): the screen is
+// followed from that, so that a resumed video goes on as one run would.
+inline double as_kept(double v) {
+  char text[64];
+  std::snprintf(text, sizeof(text), "%f", v);
+  return std::strtod(text, nullptr);
+}
+
 // Keeps at most `most` entries, dropping the smallest keys first (a video
 // moves forward through its reference).
 template <typename T>
@@ -58,6 +68,10 @@ void keep_latest(std::map<int, T>& entries, std::size_t most) {
 
 struct VideoAligner::State {
   cv::VideoCapture video;
+  int announced = 0;   // frames the capture video says it holds
+  int length = -1;     // frames it was found to hold, once its end was met
+  int unreadable = 0;  // frames in a row the decoder could not give
+  cv::Size size;       // of the first frame read
   std::string reference_path;
   int width = 0, height = 0;
   VideoOptions options;
@@ -139,8 +153,17 @@ struct VideoAligner::State {
     shown.emplace_back(capture_frame, ref_frame);
     if (shown.size() > kClockFrames) shown.pop_front();
     tracking = true;
-    corners = at;
+    for (std::size_t i = 0; i < at.size(); ++i) corners[i] = as_kept(at[i]);
   }
+
+  // Reading the capture video (reading.cpp). A frame is decoded, passed
+  // over (no picture asked), damaged (announced, but the decoder cannot
+  // give it) or past the end.
+  enum class Read { frame, damaged, end };
+  Read read_frame(int n, cv::Mat* picture);
+  std::string damaged(int n) const;
+  // Frame `capture_frame` as a caller kept it: followed as if just aligned.
+  void recall(int capture_frame, const KeptFrame& kept);
 
   // What a frame shows, told on the capture warped by where the screen was
   // last seen: the screen moves little from frame to frame, while a

@@ -179,6 +179,37 @@ TEST_F(Video, FramesAreFramealignsOwnAndShardsAddUp) {
   EXPECT_TRUE(read_folder(dir_.file("own")) == video_folder);
 }
 
+// --video-files: one lossless video of the aligned frames and one of what
+// the screen showed, frame for frame the rows' own pictures (a mixed
+// frame's shown picture, else the reference frame told).
+TEST_F(Video, OneFilePerVideoHoldsEveryRowsPictures) {
+  for (const std::string clip : {"clip4", "clip6"}) {
+    const std::string root = "files_" + clip;
+    ASSERT_EQ(batch(root, {"--frames", "0:3", "--video-files", "--fast"}, clip).exit_code, 0) << clip;
+    const Table rows = read_table(dir_.file(root + "/summary.csv"), "id");
+    cv::VideoCapture aligned(dir_.file(root + "/capture.aligned.mkv")), shown(dir_.file(root + "/capture.shown.mkv"));
+    ASSERT_EQ(aligned.get(cv::CAP_PROP_FRAME_COUNT), 4) << clip;
+    ASSERT_EQ(shown.get(cv::CAP_PROP_FRAME_COUNT), 4) << clip;
+    const std::vector<unsigned char> reference = read_bytes(dir_.file(clip + "/reference.yuv"));
+    for (const auto& [id, row] : rows) {
+      cv::Mat a, s, grey;
+      ASSERT_TRUE(aligned.read(a) && shown.read(s)) << id;
+      const std::string folder = dir_.file(root + "/" + id + "/");
+      const std::string slot = row.at("best_slot");
+      cv::extractChannel(a, grey, 0);
+      EXPECT_EQ(std::vector<unsigned char>(grey.datastart, grey.dataend),
+                read_bytes(folder + "aligned_" + slot + "__640xx360.yuv")) << id;
+      std::vector<unsigned char> expected = read_bytes(folder + "shown_" + slot + "__640xx360.yuv");
+      if (row.at("mixed") == "0") {
+        const auto frame = reference.begin() + std::stoi(row.at("ref_frame")) * 640 * 360 * 3 / 2;
+        expected.assign(frame, frame + 640 * 360);
+      }
+      cv::extractChannel(s, grey, 0);
+      EXPECT_EQ(std::vector<unsigned char>(grey.datastart, grey.dataend), expected) << id;
+    }
+  }
+}
+
 TEST_F(Video, OtherVideosAndMissingOnesAreSaidSo) {
   std::filesystem::copy_file(dir_.file("clip9/capture.avi"), dir_.file("other.avi"));
   const std::vector<std::string> common = {"--reference-file", "clip4/reference.yuv", "--width", "640",
