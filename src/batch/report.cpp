@@ -217,6 +217,19 @@ void Report::write(const std::vector<std::string>& columns, const std::vector<Su
     cv::hconcat(std::vector<cv::Mat>(tiles.begin() + i, tiles.begin() + std::min(tiles.size(), i + kOverviewColumns)), line);
     lines.push_back(line);
   }
+  // Each video's timeline under the sheet, all padded to one width.
+  const long unsure = std::find(columns.begin(), columns.end(), "unsure") - columns.begin() - 3;
+  const auto value = [](const SummaryRow& r, long i) { return i >= 0 && std::size_t(i) < r.values.size() ? r.values[i] : ""; };
+  for (const Timeline& t : timelines(columns, rows, [&](const SummaryRow& r) {
+         return needs_a_look(r, value(r, est), value(r, unsure));
+       })) {
+    lines.push_back(timeline_picture(t));
+  }
+  int width = 0;
+  for (const cv::Mat& line : lines) width = std::max(width, line.cols);
+  for (cv::Mat& line : lines) {
+    cv::copyMakeBorder(line, line, 0, 0, 0, width - line.cols, cv::BORDER_CONSTANT, cv::Scalar(40, 40, 40));
+  }
   cv::Mat sheet;
   cv::vconcat(lines, sheet);
   write_picture(root / "overview.png", sheet);

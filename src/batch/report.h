@@ -4,6 +4,7 @@
 // on a terminal.
 #pragma once
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -61,9 +62,10 @@ std::string report_html(const std::vector<std::string>& columns,
                         const std::vector<RowPictures>& pictures, const std::string& command = "");
 
 // Whether the report offers to set a capture's corners by hand: it ended
-// other than aligned, or its estimate (`estimate`, "" when none) is over
-// 1 px or infinite.
-bool needs_a_look(const SummaryRow& row, const std::string& estimate);
+// other than aligned, it is a video frame found but unsure (`unsure`, its
+// reasons), or its estimate (`estimate`, "" when none) is over 1 px or
+// infinite.
+bool needs_a_look(const SummaryRow& row, const std::string& estimate, const std::string& unsure = "");
 
 // The "set corners" mode's style, panel (with `command` as the next step)
 // and script (report_corners.cpp).
@@ -78,3 +80,32 @@ std::string corners_panel(const std::string& command);
 int status_rank(const std::string& status);
 
 std::vector<SummaryRow> worst_first(const std::vector<std::string>& columns, std::vector<SummaryRow> rows);
+
+// Text for HTML, its five special characters escaped.
+std::string escaped(const std::string& text);
+
+// A capture video in the report (report_timeline.cpp): one timeline of
+// its frames instead of a row each.
+struct TimelineFrame {
+  std::string id, status, path;
+  int capture_frame = 0;
+  int ref_frame = -1, first_ref = -1, last_ref = -1;  // told; the lowest and highest shown
+  bool mixed = false;
+  std::vector<double> tears;
+  double est = 0;     // NaN when the row has none
+  bool look = false;  // it needs a look
+};
+struct Timeline {
+  std::string video;  // the capture video's path
+  std::vector<TimelineFrame> frames;
+};
+// The videos' frames among `rows`, video by video (by path), frame by
+// frame; `look` says which need a look.
+std::vector<Timeline> timelines(const std::vector<std::string>& columns, const std::vector<SummaryRow>& rows,
+                                const std::function<bool(const SummaryRow&)>& look);
+// As inline SVG, for the page: lanes of the reference frames told (a bar
+// over every frame shown, coloured by status), the estimate, the tear
+// rows, the path and the status, each frame titled with its figures.
+std::string timeline_svg(const Timeline& timeline);
+// The same lanes as a picture, for overview.png.
+cv::Mat timeline_picture(const Timeline& timeline);

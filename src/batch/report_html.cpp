@@ -9,8 +9,6 @@
 
 #include "batch/report.h"
 
-namespace {
-
 std::string escaped(const std::string& text) {
   std::string out;
   for (char c : text) {
@@ -25,6 +23,8 @@ std::string escaped(const std::string& text) {
   }
   return out;
 }
+
+namespace {
 
 // A file name in a URL: every byte outside the unreserved set escaped.
 std::string url(const std::string& name) {
@@ -69,10 +69,11 @@ std::string histogram(const std::string& title, const std::vector<double>& value
 const char kStyle[] = R"(body{font:14px sans-serif;margin:1.5em;color:#222}
 h1{font-size:1.4em}.counts span{margin-right:1.5em;font-weight:bold}
 .error{color:#b00}.not_found,.hint_unverified{color:#a60}.aligned{color:#070}
-.charts{display:flex;gap:2em;flex-wrap:wrap}figure{margin:0}rect{fill:#4a7}
+.charts{display:flex;gap:2em;flex-wrap:wrap}figure{margin:0}.charts rect{fill:#4a7}
 table{border-collapse:collapse;margin-top:1em}td,th{border-bottom:1px solid #ddd;padding:4px 8px;text-align:left;vertical-align:top}
 th[data-key]{cursor:pointer;background:#f4f4f4}th[data-key]:hover{background:#e4e4e4}
-img{display:block;background:#eee}img.capture{width:160px}img.frames{width:244px}img.matches{width:160px}td.message{max-width:30em})";
+img{display:block;background:#eee}section.video{margin:1em 0}svg.timeline text{font:11px sans-serif;fill:#444}
+img.capture{width:160px}img.frames{width:244px}img.matches{width:160px}td.message{max-width:30em})";
 
 const char kScript[] = R"(const body = document.querySelector('#rows tbody');
 document.querySelectorAll('th[data-key]').forEach((th, column) => {
@@ -93,8 +94,8 @@ window.addEventListener('load', () => {
 
 }  // namespace
 
-bool needs_a_look(const SummaryRow& row, const std::string& estimate) {
-  return row.status != framealign::kAligned ||
+bool needs_a_look(const SummaryRow& row, const std::string& estimate, const std::string& unsure) {
+  return row.status != framealign::kAligned || !unsure.empty() ||
          (!estimate.empty() && !(std::strtod(estimate.c_str(), nullptr) <= 1.0));
 }
 
@@ -110,7 +111,8 @@ struct Fields {
   }
   const std::vector<std::string>& columns;
   const long score = at("best_score"), est = at("est_error_px"), seconds = at("seconds"),
-             message = at("message"), reason = at("reason"), unsure = at("unsure"), x1 = at("x1");
+             message = at("message"), reason = at("reason"), unsure = at("unsure"), x1 = at("x1"),
+             frame = at("capture_frame");
 };
 
 std::string value(const SummaryRow& r, long i) {
@@ -126,7 +128,7 @@ std::string row_html(const SummaryRow& r, const RowPictures& has, const Fields& 
     corners += (c > f.x1 ? " " : "") + value(r, c);
   }
   std::string html =
-      "<tr data-id='" + escaped(r.id) + "' data-rank='" + std::to_string(status_rank(r.status)) +
+      "<tr id='row-" + escaped(r.id) + "' data-id='" + escaped(r.id) + "' data-rank='" + std::to_string(status_rank(r.status)) +
       "' data-score='" + escaped(value(r, f.score)) + "' data-est='" + escaped(value(r, f.est)) +
       "' data-seconds='" + escaped(value(r, f.seconds)) +
       (set ? "' data-file='" + url(r.id) + "' data-corners='" + escaped(corners) : "") + "'><td>" +
@@ -155,12 +157,36 @@ std::string row_html(const SummaryRow& r, const RowPictures& has, const Fields& 
          (set ? "<br><button class='set'>set corners</button>" : "") + "</td></tr>\n";
 }
 
+// A capture video: its timeline and the frames that need a look, each a
+// link to its row below (pictures, why, "set corners").
+std::string video_html(const Timeline& t) {
+  std::string html = "<section class='video' data-video='" + escaped(t.video) + "' data-frames='" +
+                     std::to_string(t.frames.size()) + "'><h2>" + escaped(t.video) + ": " +
+                     std::to_string(t.frames.size()) + " frames</h2>\n" + timeline_svg(t) +
+                     "\n<p class='legend'>Across: the captured frames. Status: green aligned and sure, orange "
+                     "aligned but unsure or estimated over 1 px, brown not_found, red error. Path: blue tracked, "
+                     "pale blue fast, dark full. Point at a frame for its figures.</p>\n";
+  std::string links;
+  int looks = 0;
+  for (const TimelineFrame& frame : t.frames) {
+    if (!frame.look) continue;
+    ++looks;
+    links += " <a class='look' href='#row-" + escaped(frame.id) + "'>" + std::to_string(frame.capture_frame) + "</a>";
+  }
+  html += "<p>" + (looks == 0 ? std::string("No frame needs a look.")
+                              : std::to_string(looks) + " frames need a look (not aligned, unsure, or estimated "
+                                                        "over 1 px); their rows are below:" + links) +
+          "</p></section>\n";
+  return html;
+}
+
 }  // namespace
 
 std::string report_html(const std::vector<std::string>& columns,
                         const std::vector<SummaryRow>& rows,
                         const std::vector<RowPictures>& pictures, const std::string& command) {
   const Fields f(columns);
+  const auto look = [&f](const SummaryRow& r) { return needs_a_look(r, value(r, f.est), value(r, f.unsure)); };
   std::map<std::string, int> counts;
   std::vector<double> estimates, times;
   int infinite = 0;
@@ -190,7 +216,10 @@ std::string report_html(const std::vector<std::string>& columns,
   html += "<div class='charts'>";
   if (f.est >= 0) html += histogram("est_error_px (reference pixels)", estimates, infinite);
   html += histogram("seconds per capture", times, 0);
-  html += "</div>\n<p>Errors first, then not_found, then the largest estimates (or scores). Click a heading to sort, "
+  html += "</div>\n";
+  for (const Timeline& t : timelines(columns, rows, look)) html += video_html(t);
+  html += "<p>A capture video's frames are drawn on its timeline above; only those that need a look have rows. "
+          "Errors first, then not_found, then the largest estimates (or scores). Click a heading to sort, "
           "a picture to open it full size.</p>\n<table id='rows'><thead><tr><th data-key='id'>id</th>"
           "<th data-key='rank'>status</th><th data-key='score' data-number>score</th>";
   if (f.est >= 0) html += "<th data-key='est' data-number>est_error_px</th>";
@@ -200,7 +229,10 @@ std::string report_html(const std::vector<std::string>& columns,
       "<th title='green: under 0.5 px from the answer, yellow: under 1 px, red: further; blue: not "
       "refined'>"
       "matches on the reference</th><th>message</th></tr></thead>\n<tbody>\n";
-  for (std::size_t i = 0; i < rows.size(); ++i) html += row_html(rows[i], pictures[i], f);
+  for (std::size_t i = 0; i < rows.size(); ++i) {
+    // A video's frames are on its timeline; those that need a look here too.
+    if (value(rows[i], f.frame).empty() || look(rows[i])) html += row_html(rows[i], pictures[i], f);
+  }
   html += "</tbody></table>\n<script>";
   html += kScript;
   if (settable) html += corners_script();

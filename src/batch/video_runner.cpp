@@ -125,12 +125,14 @@ std::size_t run_video(const BatchRun& run, const CaptureJob& video,
       failure = std::current_exception();
       frame.capture_frame = aligner->last_read();
     }
-    const SummaryRow row =
+    SummaryRow row =
         keep_result(run, frame_id(video, frame.capture_frame), video.input, start, [&] {
           if (failure) std::rethrow_exception(failure);
           return Made{frame.result, frame.capture, frame.reference, video_values(frame),
                       [&frame](const std::string& folder) { framealign::save_shown(frame, folder); }};
         });
+    // A frame that failed is still that frame of the video.
+    row.values[row.values.size() - 2 - kVideoColumns] = std::to_string(frame.capture_frame);
     run.keep(row);
     progress.finished(row, video.input, std::stod(row.values[row.values.size() - 2]));
     ++count;

@@ -118,5 +118,66 @@ class SetCorners(unittest.TestCase):
         shutil.rmtree(work)
 
 
+@unittest.skipUnless(webdriver and CHROMEDRIVER and os.path.exists(CHROMIUM),
+                     "needs Debian's chromium, chromium-driver and python3-selenium")
+class VideoTimeline(unittest.TestCase):
+    """A filmed video (a hand in front of the screen, the file cut short) is one
+    timeline with a mark per frame; only the frames that need a look have rows,
+    each reached from the timeline's list, with its pictures."""
+
+    def test_a_video_is_a_timeline_and_its_doubtful_frames_rows(self):
+        work = pathlib.Path(tempfile.mkdtemp(prefix="framealign_timeline_"))
+        subprocess.run([f"{BUILD}/framealign-sim", "--video", "--out", str(work / "clip"), "--width", "640",
+                        "--height", "360", "--capture-width", "960", "--capture-height", "540", "--seconds", "0.5",
+                        "--seed", "3", "--reference-frames", "16", "--codec", "mjpg", "--hand"], check=True,
+                       stdout=subprocess.DEVNULL)
+        whole = (work / "clip" / "capture.avi").read_bytes()
+        (work / "cut.avi").write_bytes(whole[:len(whole) * 2 // 3])
+        subprocess.run([f"{BUILD}/framealign-batch", "--video", "cut.avi", "--reference-file", "clip/reference.yuv",
+                        "--width", "640", "--height", "360", "--fast", "--result-root", "out"], cwd=work,
+                       capture_output=True)
+        with open(work / "out" / "summary.csv", newline="") as file:
+            rows = list(csv.DictReader(file))
+        self.assertEqual(len(rows), 15)
+        looks = [r["id"] for r in rows if r["status"] != "aligned" or r["unsure"]
+                 or float(r["est_error_px"] or 0) > 1]
+        self.assertTrue(any(r["status"] == "error" for r in rows))
+        driver = browser(work / "downloads")
+        try:
+            driver.get((work / "out" / "report.html").as_uri())
+            section = driver.find_element(By.CSS_SELECTOR, "section.video")
+            self.assertEqual(section.get_attribute("data-frames"), "15")
+            marks = section.find_elements(By.CSS_SELECTOR, "g.frame")
+            self.assertEqual([m.get_attribute("data-id") for m in marks], [r["id"] for r in rows])
+            tip = marks[0].find_element(By.TAG_NAME, "title").get_attribute("textContent")
+            self.assertIn(rows[0]["id"], tip)
+            # The page's own style leaves each mark its status's colour.
+            fills = driver.execute_script(
+                "return Array.from(document.querySelectorAll('g.frame rect:last-child'))"
+                ".map(r => getComputedStyle(r).fill)")
+            by_status = {r["status"]: fill for r, fill in zip(rows, fills)}
+            self.assertNotEqual(by_status["error"], by_status.get("aligned", by_status.get("not_found")))
+            table = [tr.get_attribute("data-id") for tr in driver.find_elements(By.CSS_SELECTOR, "#rows tbody tr")]
+            self.assertEqual(sorted(table), sorted(looks))
+            links = section.find_elements(By.CSS_SELECTOR, "a.look")
+            self.assertEqual(len(links), len(looks))
+            for link in links:
+                driver.execute_script("arguments[0].scrollIntoView({block: 'center'})", link)
+                link.click()
+                target = driver.execute_script("return location.hash.slice(5)")
+                row = driver.find_element(By.ID, "row-" + target)
+                self.assertIn(target, looks)
+                if row.find_elements(By.CSS_SELECTOR, "img.capture"):
+                    image = row.find_element(By.CSS_SELECTOR, "img.capture")
+                    for _ in range(100):
+                        if driver.execute_script("return arguments[0].complete && arguments[0].naturalWidth", image):
+                            break
+                        time.sleep(0.05)
+                    self.assertGreater(driver.execute_script("return arguments[0].naturalWidth", image), 0, target)
+        finally:
+            driver.quit()
+        shutil.rmtree(work)
+
+
 if __name__ == "__main__":
     unittest.main()
