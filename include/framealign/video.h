@@ -20,6 +20,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "framealign/framealign.h"
@@ -132,6 +133,11 @@ class FRAMEALIGN_API VideoAligner {
   // Frames the video was found to hold, once next() has met its end; -1
   // before.
   int length() const;
+  // Seconds spent so far in each stage of next(), in the order they run:
+  // decode, identify (what the frame shows, on the capture warped by where
+  // the screen was), track, search (the quick path and the full search),
+  // edges (the screen's edges' check), rows (tears, shown picture, doubts).
+  std::vector<std::pair<std::string, double>> stage_seconds() const;
   // The index of the frame read last (-1 before the first): the frame a
   // failed next() was aligning.
   int last_read() const;

@@ -46,7 +46,7 @@ SummaryRow keep_result(const BatchRun& run, const std::string& id, const std::st
     row.status = made.result.status;
     row.values = with_video(result_values(&made.result, options, seconds_since(start), ""), options, video);
     try {
-      run.report.add_pictures(id, made.capture, made.result, made.reference);
+      if (made.report_pictures) run.report.add_pictures(id, made.capture, made.result, made.reference);
     } catch (const std::exception& e) {
       // The result stands; only its pictures in the report are missing.
       say(e.what());

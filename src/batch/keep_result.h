@@ -21,6 +21,9 @@ struct Made {
   std::vector<std::string> video_values;  // the video columns, when a video's frame
   // Writes what else belongs in the result's folder (given), when set.
   std::function<void(const std::string&)> more_files;
+  // The report's pictures of it are made (a video's sure frames are only
+  // on its timeline, and need none).
+  bool report_pictures = true;
 };
 
 // Runs `make` for capture `input` and keeps its result as <run.root>/<id>:

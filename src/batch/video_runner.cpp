@@ -86,6 +86,19 @@ std::vector<std::string> video_values(const framealign::VideoFrame& frame) {
           shown, frame.mixed ? "1" : "0", tears, frame.unsure, number};
 }
 
+// Where a video's time went, for --verbose.
+void say_stages(const CaptureJob& video, std::size_t frames, std::vector<std::pair<std::string, double>> stages,
+                double writing) {
+  stages.emplace_back("write", writing);
+  std::string text = video.input + ": " + std::to_string(frames) + " frames run; seconds in";
+  char part[64];
+  for (const auto& [stage, seconds] : stages) {
+    std::snprintf(part, sizeof(part), " %s %.2f", stage.c_str(), seconds);
+    text += part;
+  }
+  std::fprintf(stderr, "%s\n", text.c_str());
+}
+
 // One video, frame after frame. A video that cannot be opened gives one
 // error row under its id.
 std::size_t run_video(const BatchRun& run, const CaptureJob& video,
@@ -114,6 +127,7 @@ std::size_t run_video(const BatchRun& run, const CaptureJob& video,
   const int total = std::max(0, aligner->frame_count() - options.first_frame) / options.shards;
   Progress progress(total, options.verbosity);
   std::size_t count = 0;
+  double writing = 0;  // result folders, shown files and the report's pictures
   while (!stopped()) {
     const auto start = std::chrono::steady_clock::now();
     framealign::VideoFrame frame;
@@ -125,12 +139,17 @@ std::size_t run_video(const BatchRun& run, const CaptureJob& video,
       failure = std::current_exception();
       frame.capture_frame = aligner->last_read();
     }
+    const auto made = std::chrono::steady_clock::now();
     SummaryRow row =
         keep_result(run, frame_id(video, frame.capture_frame), video.input, start, [&] {
           if (failure) std::rethrow_exception(failure);
+          // As the report tells which frames need a look.
+          const bool sure = frame.result.status == framealign::kAligned && frame.unsure.empty() &&
+                            frame.result.est_error_px.value_or(0.0) <= 1.0;
           return Made{frame.result, frame.capture, frame.reference, video_values(frame),
-                      [&frame](const std::string& folder) { framealign::save_shown(frame, folder); }};
+                      [&frame](const std::string& folder) { framealign::save_shown(frame, folder); }, !sure};
         });
+    writing += std::chrono::duration<double>(std::chrono::steady_clock::now() - made).count();
     // A frame that failed is still that frame of the video.
     row.values[row.values.size() - 2 - kVideoColumns] = std::to_string(frame.capture_frame);
     run.keep(row);
@@ -138,6 +157,7 @@ std::size_t run_video(const BatchRun& run, const CaptureJob& video,
     ++count;
   }
   progress.end();
+  if (options.verbosity == 2) say_stages(video, count, aligner->stage_seconds(), writing);
   const std::string none = stopped() ? "" : no_frames(options, video, aligner->length());
   if (!none.empty()) run.keep(error_row(video.id, video.input, options, opened, none));
   return count;

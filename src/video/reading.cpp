@@ -1,6 +1,8 @@
 // Reading a capture video frame by frame: frames the video announces but
 // the decoder cannot give (a damaged or cut file) are told apart from its
 // end, and frames a caller kept are passed over and followed as kept.
+#include <opencv2/imgproc.hpp>
+
 #include "core/as_error.h"
 #include "video/doubts.h"
 #include "video/video_state.h"
@@ -39,6 +41,24 @@ std::string VideoAligner::State::damaged(int n) const {
            " could not be decoded (" + announces + "; it is damaged or cut short)";
   }
   return "frame " + std::to_string(n) + " could not be decoded (" + announces + "; it is damaged or cut short)";
+}
+
+cv::Mat VideoAligner::State::grey_capture(int n, const cv::Mat& picture) {
+  if (size.empty()) size = picture.size();
+  if (picture.size() != size) {
+    throw Error("frame " + std::to_string(n) + " is " + std::to_string(picture.cols) + "x" +
+                std::to_string(picture.rows) + ", the frames before it " + std::to_string(size.width) + "x" +
+                std::to_string(size.height) + " (a video whose frames change size is aligned at its first size only)");
+  }
+  cv::Mat grey;
+  if (picture.channels() == 1) {
+    grey = picture.clone();
+  } else {
+    cv::cvtColor(picture, grey, picture.channels() == 4 ? cv::COLOR_BGRA2GRAY : cv::COLOR_BGR2GRAY);
+  }
+  // As framealign reads the frame stored as a PNG.
+  cv::add(grey, cv::Scalar(16), grey, grey != 0);
+  return grey;
 }
 
 void VideoAligner::State::recall(int capture_frame, const KeptFrame& kept) {

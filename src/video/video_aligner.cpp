@@ -5,7 +5,6 @@
 #include <filesystem>
 
 #include <opencv2/imgcodecs.hpp>
-#include <opencv2/imgproc.hpp>
 
 #include "api/result_files.h"
 #include "core/as_error.h"
@@ -70,6 +69,12 @@ int VideoAligner::frame_count() const {
 
 int VideoAligner::length() const { return state_->length; }
 
+std::vector<std::pair<std::string, double>> VideoAligner::stage_seconds() const {
+  const State& s = *state_;
+  return {{"decode", s.decode_seconds}, {"identify", s.identify_seconds}, {"track", s.track_seconds},
+          {"search", s.search_seconds}, {"edges", s.edges_seconds},       {"rows", s.rows_seconds}};
+}
+
 int VideoAligner::last_read() const { return state_->next_index - 1; }
 
 void VideoAligner::seed(int capture_frame, int ref_frame, const std::array<double, 8>& corners) {
@@ -86,7 +91,11 @@ bool VideoAligner::next(VideoFrame& frame) {
     const bool wanted = n >= o.first_frame && (n - o.first_frame) % o.step == 0;
     const std::optional<KeptFrame> kept = wanted && o.kept ? o.kept(n) : std::nullopt;
     cv::Mat picture;
-    const State::Read read = s.read_frame(n, wanted && !kept ? &picture : nullptr);
+    State::Read read;
+    {
+      const Spent spent(s.decode_seconds);
+      read = s.read_frame(n, wanted && !kept ? &picture : nullptr);
+    }
     if (read == State::Read::end) return false;
     if (!wanted) continue;
     if (kept) {
@@ -94,21 +103,12 @@ bool VideoAligner::next(VideoFrame& frame) {
       continue;
     }
     if (read == State::Read::damaged) throw Error(s.damaged(n));
-    if (s.size.empty()) s.size = picture.size();
-    if (picture.size() != s.size) {
-      throw Error("frame " + std::to_string(n) + " is " + std::to_string(picture.cols) + "x" +
-                  std::to_string(picture.rows) + ", the frames before it " + std::to_string(s.size.width) +
-                  "x" + std::to_string(s.size.height) + " (a video whose frames change size is aligned at its first size only)");
-    }
     frame = VideoFrame();
     frame.capture_frame = n;
-    if (picture.channels() == 1) {
-      frame.capture = picture.clone();
-    } else {
-      cv::cvtColor(picture, frame.capture, picture.channels() == 4 ? cv::COLOR_BGRA2GRAY : cv::COLOR_BGR2GRAY);
+    {
+      const Spent spent(s.decode_seconds);
+      frame.capture = s.grey_capture(n, picture);
     }
-    // As framealign reads the frame stored as a PNG.
-    cv::add(frame.capture, cv::Scalar(16), frame.capture, frame.capture != 0);
     s.read_clock(n);
     // Tracking and the edges' check give quick answers: only where the
     // plan takes the quick path first.
@@ -116,9 +116,25 @@ bool VideoAligner::next(VideoFrame& frame) {
     s.told = Identity();
     s.corners_in_doubt = false;
     as_error([&] {
-      const std::optional<Identity> seeded = s.seeded_identity(frame.capture);
-      if (!(quick && seeded && s.track_frame(frame, *seeded))) s.search_frame(frame, seeded);
-      if (quick) s.true_to_edges(frame);
+      std::optional<Identity> seeded;
+      {
+        const Spent spent(s.identify_seconds);
+        seeded = s.seeded_identity(frame.capture);
+      }
+      bool tracked = false;
+      if (quick && seeded) {
+        const Spent spent(s.track_seconds);
+        tracked = s.track_frame(frame, *seeded);
+      }
+      if (!tracked) {
+        const Spent spent(s.search_seconds);
+        s.search_frame(frame, seeded);
+      }
+      if (quick) {
+        const Spent spent(s.edges_seconds);
+        s.true_to_edges(frame);
+      }
+      const Spent spent(s.rows_seconds);
       s.tell_rows(frame);
       return 0;
     });

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <algorithm>
+#include <chrono>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
@@ -59,6 +60,19 @@ inline double as_kept(double v) {
   return std::strtod(text, nullptr);
 }
 
+// Adds the seconds of its life to `total`: a stage's time.
+class Spent {
+ public:
+  explicit Spent(double& total) : total_(total) {}
+  ~Spent() { total_ += std::chrono::duration<double>(std::chrono::steady_clock::now() - start_).count(); }
+  Spent(const Spent&) = delete;
+  Spent& operator=(const Spent&) = delete;
+
+ private:
+  double& total_;
+  const std::chrono::steady_clock::time_point start_ = std::chrono::steady_clock::now();
+};
+
 // Keeps at most `most` entries, dropping the smallest keys first (a video
 // moves forward through its reference).
 template <typename T>
@@ -72,6 +86,9 @@ struct VideoAligner::State {
   int length = -1;     // frames it was found to hold, once its end was met
   int unreadable = 0;  // frames in a row the decoder could not give
   cv::Size size;       // of the first frame read
+  // Seconds spent in each stage of next().
+  double decode_seconds = 0, identify_seconds = 0, track_seconds = 0, search_seconds = 0,
+         edges_seconds = 0, rows_seconds = 0;
   std::string reference_path;
   int width = 0, height = 0;
   VideoOptions options;
@@ -162,6 +179,10 @@ struct VideoAligner::State {
   enum class Read { frame, damaged, end };
   Read read_frame(int n, cv::Mat* picture);
   std::string damaged(int n) const;
+  // Frame n's picture, decoded, as framealign reads it stored as a PNG
+  // (grey, every non-zero sample raised by 16). Throws Error for a frame
+  // whose size is not the first frame's.
+  cv::Mat grey_capture(int n, const cv::Mat& picture);
   // Frame `capture_frame` as a caller kept it: followed as if just aligned.
   void recall(int capture_frame, const KeptFrame& kept);
 
