@@ -27,11 +27,12 @@
 
 namespace framealign {
 
-// What a caller kept of an aligned frame, as VideoFrame gave it (corners
-// to the micro-pixel: the screen is followed from that).
+// What a caller kept of an aligned frame, as VideoFrame gave it.
 struct KeptFrame {
   int ref_frame = -1;
-  std::optional<std::array<double, 8>> corners;  // result.corners
+  // result.corners, exactly as they were: the screen is followed on from
+  // them (corners a little off give answers a little off after them).
+  std::optional<std::array<double, 8>> corners;
   std::string unsure;
 };
 

@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
 #include <mutex>
 #include <set>
 #include <stdexcept>
@@ -24,6 +25,9 @@
 namespace fs = std::filesystem;
 
 namespace {
+
+// A video frame's file of the corners followed from it.
+constexpr char kFollowed[] = "followed.txt";
 
 std::string frame_id(const CaptureJob& video, int frame) {
   char digits[16];
@@ -55,11 +59,39 @@ std::optional<framealign::KeptFrame> done(const BatchOptions& options,
   kept.ref_frame = values[told + 1].empty() ? -1 : std::atoi(values[told + 1].c_str());
   kept.unsure = values[told + 5];
   if (!values[3].empty()) {
+    // Exactly, from the frame's folder; the summary's to the micro-pixel
+    // when that file is missing (a folder of an older run).
     std::array<double, 8> corners;
-    for (int i = 0; i < 8; ++i) corners[i] = std::strtod(values[3 + i].c_str(), nullptr);
+    std::ifstream exact(root.folder(id) + "/" + kFollowed);
+    std::size_t read = 0;
+    for (std::string word; read < 8 && exact >> word; ++read) {
+      char* end = nullptr;
+      corners[read] = std::strtod(word.c_str(), &end);  // reads hexadecimal, as streams do not
+      if (*end != '\0') break;
+    }
+    if (read < 8) {
+      for (int i = 0; i < 8; ++i) corners[i] = std::strtod(values[3 + i].c_str(), nullptr);
+    }
     kept.corners = corners;
   }
   return kept;
+}
+
+// Writes the corners of `frame`'s answer exactly (hexadecimal), for a
+// resumed run to follow the screen on from them as one run does.
+void save_followed(const framealign::VideoFrame& frame, const std::string& folder) {
+  if (!frame.result.corners) return;
+  std::string text;
+  char number[40];
+  for (double v : *frame.result.corners) {
+    std::snprintf(number, sizeof(number), "%a ", v);
+    text += number;
+  }
+  text.back() = '\n';
+  std::ofstream out(folder + "/" + kFollowed);
+  out << text;
+  out.close();
+  if (!out) throw std::runtime_error("cannot write " + folder + "/" + kFollowed);
 }
 
 // Why a video gave no frame of this run's share, when the video itself
@@ -147,7 +179,11 @@ std::size_t run_video(const BatchRun& run, const CaptureJob& video,
           const bool sure = frame.result.status == framealign::kAligned && frame.unsure.empty() &&
                             frame.result.est_error_px.value_or(0.0) <= 1.0;
           return Made{frame.result, frame.capture, frame.reference, video_values(frame),
-                      [&frame](const std::string& folder) { framealign::save_shown(frame, folder); }, !sure};
+                      [&frame](const std::string& folder) {
+                        framealign::save_shown(frame, folder);
+                        save_followed(frame, folder);
+                      },
+                      !sure};
         });
     writing += std::chrono::duration<double>(std::chrono::steady_clock::now() - made).count();
     // A frame that failed is still that frame of the video.

@@ -42,6 +42,8 @@ class VideoFrames {
     return frame;
   }
   int frame_count() const { return aligner_->frame_count(); }
+  int length() const { return aligner_->length(); }
+  std::vector<std::pair<std::string, double>> stage_seconds() const { return aligner_->stage_seconds(); }
 
  private:
   std::unique_ptr<framealign::VideoAligner> aligner_;
@@ -100,7 +102,12 @@ void bind_video(py::module_& m) {
       .def("__iter__", [](VideoFrames& self) -> VideoFrames& { return self; })
       .def("__next__", &VideoFrames::next)
       .def_property_readonly("frame_count", &VideoFrames::frame_count,
-                             "frames the capture video says it holds (an estimate for some files)");
+                             "frames the capture video says it holds (an estimate for some files)")
+      .def_property_readonly("length", &VideoFrames::length,
+                             "frames the video was found to hold, once its end was met; -1 before")
+      .def_property_readonly("stage_seconds", &VideoFrames::stage_seconds,
+                             "(stage, seconds) so far for each stage of a frame: decode, identify, track, "
+                             "search, edges, rows");
 
   m.def("align_video", [](const std::filesystem::path& path, const std::filesystem::path& reference, int width,
                           int height, bool refine, bool fast, const py::object& reference_frames,

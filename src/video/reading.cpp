@@ -37,8 +37,9 @@ VideoAligner::State::Read VideoAligner::State::read_frame(int n, cv::Mat* pictur
 std::string VideoAligner::State::damaged(int n) const {
   const std::string announces = "the video announces " + std::to_string(announced) + " frames";
   if (length == n + 1 && n + 1 < announced) {
-    return "frames " + std::to_string(n - kMostUnreadable + 1) + " to " + std::to_string(announced - 1) +
-           " could not be decoded (" + announces + "; it is damaged or cut short)";
+    return "frames " + std::to_string(n) + " to " + std::to_string(announced - 1) + " could not be decoded (" +
+           announces + "; it is damaged or cut short, and the " + std::to_string(kMostUnreadable - 1) +
+           " frames before them could not be decoded either)";
   }
   return "frame " + std::to_string(n) + " could not be decoded (" + announces + "; it is damaged or cut short)";
 }

@@ -6,8 +6,6 @@
 #include <algorithm>
 #include <chrono>
 #include <cmath>
-#include <cstdio>
-#include <cstdlib>
 #include <deque>
 #include <map>
 #include <memory>
@@ -50,14 +48,6 @@ constexpr int kEdgeTrackedPairs = 40;
 inline double capture_pixel(const std::array<double, 8>& corners, int width) {
   const double across = std::hypot(corners[2] - corners[0], corners[3] - corners[1]);
   return std::max(1.0, width / std::max(across, 1.0));
-}
-
-// A corner as a caller keeps it (printed to the micro-pixel): the screen is
-// followed from that, so that a resumed video goes on as one run would.
-inline double as_kept(double v) {
-  char text[64];
-  std::snprintf(text, sizeof(text), "%f", v);
-  return std::strtod(text, nullptr);
 }
 
 // Adds the seconds of its life to `total`: a stage's time.
@@ -170,7 +160,7 @@ struct VideoAligner::State {
     shown.emplace_back(capture_frame, ref_frame);
     if (shown.size() > kClockFrames) shown.pop_front();
     tracking = true;
-    for (std::size_t i = 0; i < at.size(); ++i) corners[i] = as_kept(at[i]);
+    corners = at;
   }
 
   // Reading the capture video (reading.cpp). A frame is decoded, passed

@@ -170,10 +170,12 @@ TEST_F(Video, FramesAreFramealignsOwnAndShardsAddUp) {
                                 "640", "--height", "360", "--frame-number", shown, "--result-folder", "own"},
                                dir_, FRAMEALIGN_BINARY);
   ASSERT_EQ(own.exit_code, 0) << own.err;
-  // framealign's folder, and what the frame's rows show beside it.
+  // framealign's folder, and beside it what the frame's rows show and the corners followed.
   Folder video_folder = read_folder(dir_.file("one/capture_000003"));
   const auto told = std::remove_if(video_folder.begin(), video_folder.end(),
-                                   [](const auto& file) { return file.first.rfind("shown_", 0) == 0; });
+                                   [](const auto& file) {
+                                     return file.first.rfind("shown_", 0) == 0 || file.first == "followed.txt";
+                                   });
   EXPECT_NE(told, video_folder.end());
   video_folder.erase(told, video_folder.end());
   EXPECT_TRUE(read_folder(dir_.file("own")) == video_folder);

@@ -208,6 +208,11 @@ class Module(unittest.TestCase):
             np.testing.assert_allclose(frame.result.corners.ravel(), [float(row[c]) for c in
                                        ("x1", "y1", "x2", "y2", "x3", "y3", "x4", "y4")], atol=1e-5)
         self.assertEqual(frames[0].capture.shape, (540, 960))
+        # Past the video's end: no frame, and the length it was found to hold.
+        beyond = framealign.align_video(f"{clip}/capture.mp4", f"{clip}/reference.yuv", 640, 360, frames=(500, 600))
+        self.assertEqual((beyond.length, list(beyond), beyond.length), (-1, [], len(truth)))
+        self.assertEqual([stage for stage, _ in beyond.stage_seconds],
+                         ["decode", "identify", "track", "search", "edges", "rows"])
         mixed = next(f for f in frames if f.mixed)
         os.makedirs(f"{self.dir}/shown")
         mixed.save_shown(f"{self.dir}/shown")
