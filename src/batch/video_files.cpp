@@ -2,11 +2,13 @@
 
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <stdexcept>
 
 #include <opencv2/videoio.hpp>
 
 #include "batch/files.h"
+#include "batch/say.h"
 #include "framealign/framealign.h"
 
 namespace fs = std::filesystem;
@@ -26,9 +28,9 @@ cv::Mat luma_of(const std::string& path, cv::Size size, std::streamoff at = 0) {
 std::string size_tag(cv::Size size) { return "__" + std::to_string(size.width) + "xx" + std::to_string(size.height); }
 
 // One video file: the pictures `picture_of` gives, row by row.
-template <typename PictureOf>
 void write_one(const std::string& path, const std::string& aside, double fps, cv::Size size,
-               const std::vector<const SummaryRow*>& rows, PictureOf picture_of) {
+               const std::vector<const SummaryRow*>& rows,
+               const std::function<cv::Mat(const SummaryRow&)>& picture_of) {
   {
     cv::VideoWriter writer(aside, cv::CAP_FFMPEG, cv::VideoWriter::fourcc('F', 'F', 'V', '1'), fps, size, false);
     if (!writer.isOpened()) throw std::runtime_error("cannot write " + path + ": the video writer refused it");
@@ -82,8 +84,17 @@ void write_video_files(const BatchOptions& options, const std::vector<CaptureJob
                                                                      ((size.height + 1) / 2);
       return luma_of(video.reference.path, size, frame * std::stoi(ref));
     };
-    const std::string aside = (root / ".partial" / video.id).string();
-    write_one((root / (video.id + ".aligned.mkv")).string(), aside + ".aligned.mkv", fps, size, rows, aligned);
-    write_one((root / (video.id + ".shown.mkv")).string(), aside + ".shown.mkv", fps, size, rows, shown);
+    using picture_of = std::function<cv::Mat(const SummaryRow&)>;
+    for (const char* kind : {".aligned.mkv", ".shown.mkv"}) {
+      const std::string name = video.id + kind, path = (root / name).string();
+      // A file of that name the batch did not write is left as it is.
+      const std::string mark = (root / ".made" / name).string();
+      if (fs::exists(path) && !fs::exists(mark)) {
+        say(path + " is not the batch's own: not replaced");
+        continue;
+      }
+      write_file_durably(mark, video.input + "\n");
+      write_one(path, (root / ".partial" / name).string(), fps, size, rows, kind[1] == 'a' ? picture_of(aligned) : picture_of(shown));
+    }
   }
 }

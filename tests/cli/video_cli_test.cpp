@@ -210,6 +210,13 @@ TEST_F(Video, OneFilePerVideoHoldsEveryRowsPictures) {
       EXPECT_EQ(std::vector<unsigned char>(grey.datastart, grey.dataend), expected) << id;
     }
   }
+  // A file of that name the batch did not write stays as it was.
+  std::filesystem::create_directories(dir_.file("files_mine"));
+  std::ofstream(dir_.file("files_mine/capture.aligned.mkv")) << "mine";
+  const ToolRun kept = batch("files_mine", {"--frames", "0:0", "--video-files", "--fast"});
+  EXPECT_EQ(kept.exit_code, 0);
+  EXPECT_NE(kept.err.find("capture.aligned.mkv is not the batch's own: not replaced"), std::string::npos) << kept.err;
+  EXPECT_EQ(read_text(dir_.file("files_mine/capture.aligned.mkv")), "mine");
 }
 
 TEST_F(Video, OtherVideosAndMissingOnesAreSaidSo) {
